@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QVariant>
+
+// Property lists as Qt values: dictionaries are QVariantMap, arrays QVariantList,
+// strings QString, booleans bool, integers qint64, reals double, data QByteArray
+// and dates QDateTime.
+namespace PropertyList {
+
+// Parses XML or binary property-list bytes. Answers an invalid QVariant when the
+// bytes are not a property list; `error` then says why.
+QVariant fromData(const QByteArray& bytes, QString* error = nullptr);
+
+// Reads a property-list file; an invalid QVariant when it is missing or corrupt.
+QVariant readFile(const QString& path, QString* error = nullptr);
+
+// Serialises a value as an XML property list.
+QByteArray toXml(const QVariant& value);
+
+// Writes an XML property list atomically (a temporary file renamed over the target).
+bool writeFile(const QString& path, const QVariant& value, QString* error = nullptr);
+
+} // namespace PropertyList

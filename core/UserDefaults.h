@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QByteArray>
+#include <QMutex>
+#include <QSettings>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+
+#include <memory>
+
+// The user-defaults store: the user's values in one property-list file under the
+// XDG config folder (~/.config/Tarnwick/Tarnwick.plist), above an in-memory
+// layer of registered defaults. Values are read at the point of use.
+class UserDefaults {
+public:
+    static UserDefaults& standard();
+
+    // The registered defaults lie beneath the user's values and are never written.
+    void registerDefaults(const QVariantMap& defaults);
+    QVariantMap registeredDefaults() const;
+
+    // The user's value, else the registered default, else an invalid QVariant.
+    QVariant objectForKey(const QString& key) const;
+    bool boolForKey(const QString& key) const;
+    qint64 integerForKey(const QString& key) const;
+    QString stringForKey(const QString& key) const; // empty when absent or not text
+    QByteArray dataForKey(const QString& key) const;
+    QVariantList arrayForKey(const QString& key) const;
+    QVariantMap dictionaryForKey(const QString& key) const;
+
+    void setObject(const QVariant& value, const QString& key);
+    void setBool(bool value, const QString& key);
+    void setInteger(qint64 value, const QString& key);
+    void removeObject(const QString& key);
+
+    bool hasUserValue(const QString& key) const;
+    // Every key that has a user value or a registered default, sorted.
+    QStringList allKeys() const;
+
+    // Writes pending changes (atomically); false when the file cannot be written.
+    bool synchronize();
+
+    QString storePath() const;
+    // Points the store at another file and drops the registered defaults; a
+    // restart in miniature for tests and for tools that keep their own store.
+    void reopen(const QString& path = QString());
+
+private:
+    UserDefaults();
+    void open(const QString& path);
+
+    mutable QMutex m_mutex;
+    std::unique_ptr<QSettings> m_settings;
+    QVariantMap m_registered;
+    QString m_path;
+};

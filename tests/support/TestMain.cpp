@@ -1,0 +1,30 @@
+// Entry point of every test executable: a Qt application object for event
+// loops, and a private home folder so no test touches the user's settings,
+// Documents folder or temporary files.
+#include <QCoreApplication>
+#include <QDir>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+int main(int argc, char** argv) {
+    QTemporaryDir home(QDir::tempPath() + QStringLiteral("/tarnwick-test-home-XXXXXX"));
+    if (home.isValid() && !std::getenv("TARNWICK_KEEP_HOME")) {
+        const QByteArray h = home.path().toUtf8();
+        setenv("HOME", h.constData(), 1);
+        setenv("XDG_CONFIG_HOME", (h + "/.config").constData(), 1);
+        setenv("XDG_DATA_HOME", (h + "/.local/share").constData(), 1);
+        setenv("XDG_CACHE_HOME", (h + "/.cache").constData(), 1);
+        unsetenv("TARNWICK_SETTINGS");
+        QDir().mkpath(home.path() + QStringLiteral("/Documents"));
+    }
+    if (!std::getenv("TARNWICK_RESOURCES"))
+        setenv("TARNWICK_RESOURCES", TARNWICK_BINARY_DIR "/share/tarnwick", 1);
+    if (!std::getenv("TARNWICK_LIBEXEC"))
+        setenv("TARNWICK_LIBEXEC", TARNWICK_BINARY_DIR "/bin", 1);
+    QCoreApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
