@@ -1,6 +1,10 @@
 #pragma once
 
+#include <QString>
 #include <QStringList>
+#include <QTextStream>
+
+#include <functional>
 
 namespace cli {
 
@@ -8,6 +12,28 @@ namespace cli {
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
+
+// A subcommand: `tarnwick-cli NAME ARGS...`. `run` gets the arguments after NAME.
+struct Command {
+    QString name;
+    QString usage; // one line, shown by --help and in usage errors
+    std::function<int(const QStringList& args)> run;
+};
+
+// Each command file registers itself with a static CommandRegistration.
+void registerCommand(Command command);
+struct CommandRegistration {
+    explicit CommandRegistration(Command command) { registerCommand(std::move(command)); }
+};
+
+QTextStream& out();
+QTextStream& err();
+
+// Prints "tarnwick-cli: MESSAGE" and the command's usage; answers kExitUsage.
+int usageError(const QString& command, const QString& message);
+
+// Prints "tarnwick-cli: MESSAGE" on standard error; answers kExitFailure.
+int failure(const QString& message);
 
 // Runs one command line (element 0 is the program) and answers its exit status.
 int run(const QStringList& arguments);
