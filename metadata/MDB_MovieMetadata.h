@@ -1,0 +1,12 @@
+#pragma once
+
+#include "metadata/MDB_Metadata.h"
+
+// The record of a movie; a type of its own so that lookups and file reads can
+// tell a movie's record from a generic one. It adds no fields.
+class MDB_MovieMetadata : public MDB_Metadata {
+  public:
+    MDB_MovieMetadata();
+    explicit MDB_MovieMetadata(const KeyedArchive& coder);
+    ~MDB_MovieMetadata() override;
+};
