@@ -1,0 +1,330 @@
+#include "ScanRelay.h"
+
+#include <QFile>
+#include <QJsonDocument>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+volatile sig_atomic_t g_scanPid = 0;
+
+void forwardSignal(int sig) {
+    const int saved = errno;
+    if (g_scanPid > 0)
+        ::kill(g_scanPid, sig);
+    errno = saved;
+}
+
+void installForwarding() {
+    struct sigaction sa {};
+    sa.sa_handler = forwardSignal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCONT})
+        ::sigaction(sig, &sa, nullptr);
+}
+
+char processState(pid_t pid) {
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", int(pid));
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    char buf[512];
+    const ssize_t n = ::read(fd, buf, sizeof buf - 1);
+    ::close(fd);
+    if (n <= 0)
+        return 0;
+    buf[n] = 0;
+    // The command name may hold blanks and parentheses: the state follows the last ")".
+    const char* close = std::strrchr(buf, ')');
+    return close && close[1] == ' ' ? close[2] : 0;
+}
+
+// SIGSTOP cannot be caught, so a small watcher process mirrors our stopped
+// state onto the scan; it ends as soon as we are gone.
+pid_t startStopWatcher(pid_t scanPid) {
+    const pid_t self = ::getpid();
+    const pid_t watcher = ::fork();
+    if (watcher != 0)
+        return watcher;
+    // Holding our output streams open would delay end-of-file for our reader.
+    const int devNull = ::open("/dev/null", O_RDWR);
+    for (int fd = 0; fd < 3; ++fd)
+        ::dup2(devNull, fd);
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCONT})
+        ::signal(sig, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    bool stopped = false;
+    while (::getppid() == self) {
+        const bool parentStopped = processState(self) == 'T';
+        if (parentStopped != stopped) {
+            ::kill(scanPid, parentStopped ? SIGSTOP : SIGCONT);
+            stopped = parentStopped;
+        }
+        ::usleep(50 * 1000);
+    }
+    if (stopped)
+        ::kill(scanPid, SIGCONT);
+    ::_exit(0);
+}
+
+// Splits a byte stream into lines; carriage returns count as line ends
+// because HandBrakeCLI redraws progress with them.
+class LineSplitter {
+  public:
+    template <typename F> void feed(const char* data, ssize_t n, F&& onLine) {
+        for (ssize_t i = 0; i < n; ++i) {
+            const char c = data[i];
+            if (c == '\n' || c == '\r') {
+                if (!m_line.isEmpty())
+                    onLine(m_line);
+                m_line.clear();
+            } else {
+                m_line.append(c);
+            }
+        }
+    }
+    template <typename F> void finish(F&& onLine) {
+        if (!m_line.isEmpty())
+            onLine(m_line);
+        m_line.clear();
+    }
+
+  private:
+    QByteArray m_line;
+};
+
+class OutputSorter {
+  public:
+    explicit OutputSorter(ScanOutcome& outcome) : m_outcome(outcome) {}
+
+    // HandBrakeCLI's standard output: JSON blocks among library messages.
+    void stdoutLine(const QByteArray& line) {
+        if (!m_blockKind.isEmpty()) {
+            if (line == "}") {
+                m_block += line;
+                finishBlock();
+            } else if (line.front() == ' ' || line.front() == '\t' || line.front() == ']') {
+                m_block += line + '\n';
+            } else {
+                // A library message printed by another thread in mid-block.
+                relay(line);
+            }
+            return;
+        }
+        static const char* const kinds[] = {"Version", "Progress", "JSON Title Set"};
+        for (const char* kind : kinds) {
+            const QByteArray prefix = QByteArray(kind) + ": {";
+            if (line.startsWith(prefix)) {
+                m_blockKind = kind;
+                m_block = line.mid(prefix.size() - 1) + '\n';
+                if (line.endsWith('}') && QJsonDocument::fromJson(m_block).isObject())
+                    finishBlock();
+                return;
+            }
+        }
+        relay(line);
+    }
+
+    void stderrLine(const QByteArray& line) {
+        // The verdict and the farewell come at the end of our own report.
+        if (line == "HandBrake has exited." || line == "No title found.")
+            return;
+        relay(line);
+    }
+
+  private:
+    void relay(const QByteArray& line) {
+        if (line.contains("libdvdnav: DVD disk reports") && m_outcome.dvdMarker.isEmpty())
+            m_outcome.dvdMarker = asciiOnly(line.mid(line.indexOf("libdvdnav: DVD disk reports")));
+        QByteArray clean = asciiOnly(line);
+        while (!clean.isEmpty() && (clean.back() == ' ' || clean.back() == '\t'))
+            clean.chop(1);
+        if (!clean.isEmpty())
+            writeAll(STDERR_FILENO, clean + '\n');
+    }
+
+    void finishBlock() {
+        const QJsonObject object = QJsonDocument::fromJson(m_block).object();
+        if (m_blockKind == "JSON Title Set")
+            m_outcome.titleSet = object;
+        else if (m_blockKind == "Progress")
+            progress(object);
+        m_blockKind.clear();
+        m_block.clear();
+    }
+
+    void progress(const QJsonObject& state) {
+        if (state.value(QLatin1String("State")).toString() != QLatin1String("SCANNING"))
+            return;
+        const QJsonObject s = state.value(QLatin1String("Scanning")).toObject();
+        const QByteArray line =
+            "Scanning title " + QByteArray::number(s.value(QLatin1String("Title")).toInt()) +
+            " of " + QByteArray::number(s.value(QLatin1String("TitleCount")).toInt()) +
+            ", preview " + QByteArray::number(s.value(QLatin1String("Preview")).toInt()) + ", " +
+            QByteArray::number(s.value(QLatin1String("Progress")).toDouble() * 100.0, 'f', 2) +
+            " %\n";
+        if (line != m_lastProgress)
+            writeAll(STDERR_FILENO, line);
+        m_lastProgress = line;
+    }
+
+    ScanOutcome& m_outcome;
+    QByteArray m_blockKind;
+    QByteArray m_block;
+    QByteArray m_lastProgress;
+};
+
+} // namespace
+
+void writeAll(int fd, const QByteArray& bytes) {
+    const char* p = bytes.constData();
+    qsizetype left = bytes.size();
+    while (left > 0) {
+        const ssize_t n = ::write(fd, p, size_t(left));
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return;
+        }
+        p += n;
+        left -= n;
+    }
+}
+
+QByteArray asciiOnly(const QByteArray& line) {
+    QByteArray out;
+    out.reserve(line.size());
+    for (char c : line) {
+        const auto u = static_cast<unsigned char>(c);
+        if (u >= 0x80)
+            out.append('?');
+        else if (u >= 0x20 || c == '\t')
+            out.append(c);
+    }
+    return out;
+}
+
+ScanOutcome runScan(const QString& program, const QStringList& args) {
+    ScanOutcome outcome;
+
+    // In JSON mode HandBrakeCLI buffers its standard output unless it is a
+    // terminal, and its scan progress would only arrive at the end.
+    int master = -1, slave = -1;
+    struct termios raw {};
+    cfmakeraw(&raw);
+    if (::openpty(&master, &slave, nullptr, &raw, nullptr) != 0) {
+        std::perror("Tarnwick_Pro_Encoder: openpty");
+        return outcome;
+    }
+    int errPipe[2];
+    if (::pipe2(errPipe, O_CLOEXEC) != 0) {
+        std::perror("Tarnwick_Pro_Encoder: pipe");
+        return outcome;
+    }
+    ::fcntl(master, F_SETFD, FD_CLOEXEC);
+
+    QList<QByteArray> argStore{QFile::encodeName(program)};
+    for (const QString& a : args)
+        argStore << a.toLocal8Bit();
+    std::vector<char*> argv;
+    for (QByteArray& a : argStore)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    // Signals sent before the child exists are held until it can receive them.
+    sigset_t block, previous;
+    sigemptyset(&block);
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCONT})
+        sigaddset(&block, sig);
+    ::sigprocmask(SIG_BLOCK, &block, &previous);
+
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::sigprocmask(SIG_SETMASK, &previous, nullptr);
+        ::dup2(slave, STDOUT_FILENO);
+        ::dup2(errPipe[1], STDERR_FILENO);
+        ::close(slave);
+        ::execv(argv[0], argv.data());
+        const QByteArray msg = "Tarnwick_Pro_Encoder: cannot run " + argStore.front() + ": " +
+                               std::strerror(errno) + '\n';
+        writeAll(STDERR_FILENO, msg);
+        ::_exit(127);
+    }
+    ::close(slave);
+    ::close(errPipe[1]);
+    if (pid < 0) {
+        ::sigprocmask(SIG_SETMASK, &previous, nullptr);
+        std::perror("Tarnwick_Pro_Encoder: fork");
+        ::close(master);
+        ::close(errPipe[0]);
+        return outcome;
+    }
+    outcome.started = true;
+    g_scanPid = pid;
+    installForwarding();
+    const pid_t watcher = startStopWatcher(pid);
+    ::sigprocmask(SIG_SETMASK, &previous, nullptr);
+
+    OutputSorter sorter(outcome);
+    LineSplitter outLines, errLines;
+    auto onOut = [&](const QByteArray& l) { sorter.stdoutLine(l); };
+    auto onErr = [&](const QByteArray& l) { sorter.stderrLine(l); };
+    bool outOpen = true, errOpen = true;
+    char buf[16384];
+    while (outOpen || errOpen) {
+        pollfd fds[2] = {{outOpen ? master : -1, POLLIN, 0},
+                         {errOpen ? errPipe[0] : -1, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            break;
+        }
+        if (outOpen && fds[0].revents) {
+            const ssize_t n = ::read(master, buf, sizeof buf);
+            if (n > 0) {
+                outLines.feed(buf, n, onOut);
+            } else if (n == 0 || errno != EINTR) {
+                // A terminal master reports EIO once the last writer has gone.
+                outLines.finish(onOut);
+                outOpen = false;
+            }
+        }
+        if (errOpen && fds[1].revents) {
+            const ssize_t n = ::read(errPipe[0], buf, sizeof buf);
+            if (n > 0) {
+                errLines.feed(buf, n, onErr);
+            } else if (n == 0 || errno != EINTR) {
+                errLines.finish(onErr);
+                errOpen = false;
+            }
+        }
+    }
+    ::close(master);
+    ::close(errPipe[0]);
+
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    g_scanPid = 0;
+    outcome.waitStatus = status;
+    if (watcher > 0) {
+        ::kill(watcher, SIGKILL);
+        while (::waitpid(watcher, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+    return outcome;
+}
