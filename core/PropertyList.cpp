@@ -53,8 +53,8 @@ QVariant toVariant(plist_t node) {
     case PLIST_DATE: {
         int32_t sec = 0, usec = 0;
         plist_get_date_val(node, &sec, &usec);
-        return QDateTime::fromMSecsSinceEpoch((qint64(sec) + kAppleEpochOffset) * 1000 + usec / 1000,
-                                              QTimeZone::utc());
+        return QDateTime::fromMSecsSinceEpoch(
+            (qint64(sec) + kAppleEpochOffset) * 1000 + usec / 1000, QTimeZone::utc());
     }
     case PLIST_ARRAY: {
         QVariantList list;
@@ -116,7 +116,8 @@ plist_t fromVariant(const QVariant& value) {
     }
     case QMetaType::QDateTime: {
         const qint64 ms = value.toDateTime().toMSecsSinceEpoch() - kAppleEpochOffset * 1000;
-        return plist_new_date(static_cast<int32_t>(ms / 1000), static_cast<int32_t>((ms % 1000) * 1000));
+        return plist_new_date(static_cast<int32_t>(ms / 1000),
+                              static_cast<int32_t>((ms % 1000) * 1000));
     }
     case QMetaType::QVariantMap: {
         plist_t dict = plist_new_dict();

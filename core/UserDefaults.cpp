@@ -53,7 +53,9 @@ UserDefaults& UserDefaults::standard() {
     return instance;
 }
 
-UserDefaults::UserDefaults() { open(defaultStorePath()); }
+UserDefaults::UserDefaults() {
+    open(defaultStorePath());
+}
 
 void UserDefaults::open(const QString& path) {
     m_path = path;
@@ -76,7 +78,8 @@ void UserDefaults::open(const QString& path) {
             std::fprintf(stderr,
                          "Tarnwick: warning: the settings file %s is unreadable (%s); using the "
                          "defaults%s%s\n",
-                         qPrintable(path), qPrintable(why.isEmpty() ? QStringLiteral("not a dictionary") : why),
+                         qPrintable(path),
+                         qPrintable(why.isEmpty() ? QStringLiteral("not a dictionary") : why),
                          kept ? ". The bad file was kept as " : "", kept ? qPrintable(backup) : "");
         }
     }
@@ -177,7 +180,9 @@ void UserDefaults::setObject(const QVariant& value, const QString& key) {
     m_settings->setValue(key, value);
 }
 
-void UserDefaults::setBool(bool value, const QString& key) { setObject(QVariant(value), key); }
+void UserDefaults::setBool(bool value, const QString& key) {
+    setObject(QVariant(value), key);
+}
 
 void UserDefaults::setInteger(qint64 value, const QString& key) {
     setObject(QVariant(value), key);

@@ -1,0 +1,408 @@
+#include "core/MDB_Utility.h"
+
+#include "core/PropertyList.h"
+#include "core/SettingsKeys.h"
+#include "core/UserDefaults.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSet>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Failure messages.
+std::string str(const QString& s) {
+    return s.toStdString();
+}
+
+// ---- search titles --------------------------------------------------------------
+
+struct NameCase {
+    const char* name;
+    const char* title;
+};
+
+class ExtractNameTest : public ::testing::TestWithParam<NameCase> {};
+
+TEST_P(ExtractNameTest, DerivesSearchTitle) {
+    const NameCase& c = GetParam();
+    EXPECT_EQ(MDB_Utility::ExtractName(QString::fromUtf8(c.name)), QString::fromUtf8(c.title))
+        << "name: " << c.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, ExtractNameTest,
+    ::testing::Values(
+        // A run of more than two digits (a year, a resolution) ends the title.
+        NameCase{"The.Matrix.1999.1080p", "The Matrix"},
+        NameCase{"The.Matrix.1999.1080p.mkv", "The Matrix"},
+        NameCase{"Blade Runner 2049", "Blade Runner"},
+        NameCase{"the_dark_knight_2008", "The Dark Knight"},
+        // Season and episode markers, any case, anywhere in the name.
+        NameCase{"Breaking.Bad.S01E02.720p", "Breaking Bad"},
+        NameCase{"show.name.s2e3", "Show Name"}, NameCase{"Series E05 Pilot", "Series"},
+        // Two digits or fewer: kept after a blank, a dot or an underscore, dropped after a letter.
+        NameCase{"Ocean's 11", "Ocean's 11"}, NameCase{"Rocky2", "Rocky"},
+        NameCase{"Rocky.2", "Rocky 2"}, NameCase{"Rocky_2_extended", "Rocky 2"},
+        NameCase{"Apollo 13 (1995)", "Apollo 13"},
+        // Digits at the very start leave the title alone.
+        NameCase{"2001.A.Space.Odyssey", "2001 A Space Odyssey"},
+        // The title ends before the first symbol (Unicode S* categories),
+        // including symbols outside the basic plane.
+        NameCase{"Star Wars™ Episode IV", "Star Wars"}, NameCase{"Movie + Extras", "Movie"},
+        NameCase{"Movie $ Money", "Movie"}, NameCase{"Night \xF0\x9F\x8E\xAC Out", "Night"},
+        // ...unless a season marker is found in the whole name.
+        NameCase{"Show + Tell S01E01", "Show + Tell"},
+        // Trimming: blanks, then punctuation, then symbols at both ends.
+        NameCase{"  [Alien]  ", "Alien"}, NameCase{"--Heat--", "Heat"},
+        // One pass per class: a blank bared by removing punctuation stays.
+        NameCase{"Heat (1995)", "Heat "}, NameCase{"", ""},
+        // Roman numerals after capitalisation.
+        NameCase{"rocky.ii", "Rocky II"}, NameCase{"GODFATHER part iii", "Godfather Part III"}));
+
+// ---- capitalisation --------------------------------------------------------------
+
+TEST(Capitalization, TitleCasesAndUpperCasesNumeralGroups) {
+    const auto cap = MDB_Utility::capitalizedStringWithRomanNumerals;
+    EXPECT_EQ(cap("rocky ii"), "Rocky II");
+    EXPECT_EQ(cap("THE LORD OF THE RINGS"), "The Lord Of The Rings");
+    EXPECT_EQ(cap("henry v"), "Henry V");
+    EXPECT_EQ(cap("malcolm x"), "Malcolm X");
+    EXPECT_EQ(cap("star trek vi"), "Star Trek VI");
+    EXPECT_EQ(cap("super bowl xx"), "Super Bowl XX");
+    EXPECT_EQ(cap("o'brien's law"), "O'brien's Law"); // words end only at blanks
+    EXPECT_EQ(cap(""), "");
+}
+
+TEST(Capitalization, NumeralGroupsMatchInsideWords) {
+    const auto cap = MDB_Utility::capitalizedStringWithRomanNumerals;
+    EXPECT_EQ(cap("poison ivy"), "Poison IVy");
+    EXPECT_EQ(cap("the villain"), "The VIllain");
+    EXPECT_EQ(cap("lost in translation"), "Lost In Translation");
+    // The first word has no blank before it.
+    EXPECT_EQ(cap("ivy league"), "Ivy League");
+}
+
+TEST(Capitalization, ListHasNoThirteen) {
+    const auto cap = MDB_Utility::capitalizedStringWithRomanNumerals;
+    EXPECT_EQ(cap("part xii"), "Part XII");
+    EXPECT_EQ(cap("part xiii"), "Part XIIi");
+    EXPECT_EQ(cap("part xviii"), "Part XVIII");
+}
+
+// ---- sort names -------------------------------------------------------------------
+
+TEST(SortName, MovesLeadingTheOnly) {
+    EXPECT_EQ(MDB_Utility::assignSortName("The Matrix"), "Matrix, The");
+    EXPECT_EQ(MDB_Utility::assignSortName("the matrix"), "matrix, The");
+    EXPECT_EQ(MDB_Utility::assignSortName("THE END"), "END, The");
+    EXPECT_EQ(MDB_Utility::assignSortName("A Beautiful Mind"), "A Beautiful Mind");
+    EXPECT_EQ(MDB_Utility::assignSortName("a bug's life"), "a bug's life");
+    EXPECT_EQ(MDB_Utility::assignSortName("Theory of Everything"), "Theory of Everything");
+    EXPECT_EQ(MDB_Utility::assignSortName("Them"), "Them");
+}
+
+TEST(SortName, ShortTitlesUnchanged) {
+    EXPECT_EQ(MDB_Utility::assignSortName(""), "");
+    EXPECT_EQ(MDB_Utility::assignSortName("A"), "A");
+    EXPECT_EQ(MDB_Utility::assignSortName("A b"), "A b");
+    EXPECT_EQ(MDB_Utility::assignSortName("The"), "The");
+    EXPECT_EQ(MDB_Utility::assignSortName("The "), ", The");
+}
+
+TEST(LocaleCodes, SplitLanguageAndCountry) {
+    EXPECT_EQ(MDB_Utility::languageCode("en_US"), "en");
+    EXPECT_EQ(MDB_Utility::countryCode("en_US"), "US");
+    EXPECT_EQ(MDB_Utility::languageCode("fr-CA"), "fr");
+    EXPECT_EQ(MDB_Utility::countryCode("fr-CA"), "CA");
+    EXPECT_EQ(MDB_Utility::languageCode("e"), "e");
+    EXPECT_EQ(MDB_Utility::countryCode("en"), "");
+}
+
+// ---- frame sizes ------------------------------------------------------------------
+
+TEST(FrameSize, HDAnd1080p) {
+    struct Row {
+        const char* size;
+        bool hd;
+        bool full;
+    };
+    const Row rows[] = {
+        {"1920x1080", true, true},  {"1280x720", true, false}, {"1280x544", true, false},
+        {"1024x576", false, false}, {"1025x481", true, false}, {"1024x720", true, false},
+        {"720x480", false, false},  {"1920x800", true, true},  {"1440x1080", true, true},
+        {"1281x801", true, true},   {"1280x801", true, false}, {"1281x800", true, false},
+        {"", false, false},         {"1920", false, false},    {"junk", false, false},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(MDB_Utility::isHD(r.size), r.hd) << r.size;
+        EXPECT_EQ(MDB_Utility::is1080p(r.size), r.full) << r.size;
+    }
+}
+
+// ---- MDB_Common -------------------------------------------------------------------
+
+TEST(Common, UrlEncodeEscapesReservedCharacters) {
+    EXPECT_EQ(MDB_Common::urlEncode("Ocean's 11"), "Ocean%27s%2011");
+    EXPECT_EQ(MDB_Common::urlEncode("!*'\"();:@&=+$,/?%#[] "),
+              "%21%2A%27%22%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D%20");
+    EXPECT_EQ(MDB_Common::urlEncode("a-b_c.d~e09"), "a-b_c.d~e09");
+    EXPECT_EQ(MDB_Common::urlEncode(QString::fromUtf8("Amélie")), "Am%C3%A9lie");
+    EXPECT_EQ(MDB_Common::urlEncode(""), "");
+}
+
+TEST(Common, ParseMovieFileNameAnswersNothing) {
+    EXPECT_FALSE(MDB_Common::parseMovieFileName("The.Matrix.1999.mkv").isValid());
+    EXPECT_FALSE(MDB_Common::parseMovieFileName("").isValid());
+}
+
+// ---- language tables ----------------------------------------------------------------
+
+TEST(IsoTables, LoadedFromShippedResource) {
+    const auto& two = MDB_Utility::iso639_1();
+    const auto& three = MDB_Utility::iso639_2();
+    ASSERT_GT(two.size(), 100);
+    ASSERT_GT(three.size(), two.size());
+    EXPECT_EQ(two.value("en"), "English");
+    EXPECT_EQ(two.value("fr"), "French");
+    EXPECT_EQ(three.value("eng"), "English");
+    // Terminologic and bibliographic codes both resolve.
+    EXPECT_EQ(three.value("fra"), "French");
+    EXPECT_EQ(three.value("fre"), "French");
+    EXPECT_EQ(three.value("deu"), "German");
+    EXPECT_EQ(three.value("ger"), "German");
+    EXPECT_EQ(three.value("zho"), three.value("chi"));
+
+    QStringList sorted = two.keys();
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(two.keys(), sorted);
+    sorted = three.keys();
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(three.keys(), sorted);
+    // Built once.
+    EXPECT_EQ(&MDB_Utility::iso639_1(), &two);
+}
+
+TEST(IsoTables, NamesLeadBackToOneTwoLetterCode) {
+    const auto& two = MDB_Utility::iso639_1();
+    const auto& three = MDB_Utility::iso639_2();
+    QSet<QString> names;
+    for (const auto& [code, name] : two) {
+        EXPECT_EQ(code.size(), 2) << str(code);
+        EXPECT_FALSE(names.contains(name)) << "duplicate name " << str(name);
+        names.insert(name);
+    }
+    for (const auto& [code, name] : three)
+        EXPECT_EQ(code.size(), 3) << str(code);
+
+    const QStringList common1 = MDB_Utility::commonISO639_1();
+    const QStringList common2 = MDB_Utility::commonISO639_2();
+    ASSERT_GE(common1.size(), 20);
+    ASSERT_EQ(common1.size(), common2.size());
+    for (qsizetype i = 0; i < common1.size(); ++i) {
+        ASSERT_TRUE(two.contains(common1[i])) << str(common1[i]);
+        ASSERT_TRUE(three.contains(common2[i])) << str(common2[i]);
+        EXPECT_EQ(three.value(common2[i]), two.value(common1[i])) << str(common2[i]);
+    }
+}
+
+class LanguageTablesTest : public ::testing::Test {
+  protected:
+    void TearDown() override { MDB_Utility::setPreferredLanguages({"en-US"}); }
+};
+
+QStringList regionCodes() {
+    QStringList codes;
+    for (const auto& region : MDB_Utility::languageRegions())
+        codes.append(region.code);
+    return codes;
+}
+
+QStringList messages;
+void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message) {
+    messages.append(message);
+}
+
+TEST_F(LanguageTablesTest, PreferredLanguagesGiveLanguagesAndRegions) {
+    messages.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
+    MDB_Utility::setPreferredLanguages({"en-GB", "fr", "xx-YY", "en", "fr-CA"});
+    const auto& languages = MDB_Utility::iso639_1Languages();
+    qInstallMessageHandler(previous);
+
+    EXPECT_EQ(languages.keys(), (QStringList{"en", "fr"}));
+    EXPECT_EQ(languages.value("fr"), "French");
+    EXPECT_TRUE(messages.contains("Language xx not supported.\n")) << str(messages.join("|"));
+    EXPECT_EQ(&MDB_Utility::iso639_1Languages(), &languages); // cached
+
+    EXPECT_EQ(MDB_Utility::languages(), (QStringList{"English", "French"}));
+
+    const QStringList codes = regionCodes();
+    for (const char* code : {"en-US", "en-GB", "fr-FR", "fr-CA"})
+        EXPECT_TRUE(codes.contains(code)) << str(code);
+    EXPECT_FALSE(codes.contains("de-DE"));
+    EXPECT_TRUE(MDB_Utility::hasLanguageRegion("en-GB"));
+    EXPECT_FALSE(MDB_Utility::hasLanguageRegion("en_GB"));
+    EXPECT_FALSE(MDB_Utility::hasLanguageRegion("de-DE"));
+    EXPECT_EQ(QSet<QString>(codes.begin(), codes.end()).size(), codes.size());
+    QStringList sorted = codes;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(codes, sorted);
+    for (const auto& region : MDB_Utility::languageRegions()) {
+        EXPECT_EQ(region.code.size(), 5) << str(region.code);
+        EXPECT_EQ(region.code.at(2), '-') << str(region.code);
+        EXPECT_FALSE(region.displayName.isEmpty()) << str(region.code);
+    }
+}
+
+TEST_F(LanguageTablesTest, DisplayNamesAreInTheRegionsOwnLanguage) {
+    MDB_Utility::setPreferredLanguages({"fr", "de"});
+    QString france, germany;
+    for (const auto& region : MDB_Utility::languageRegions()) {
+        if (region.code == "fr-FR")
+            france = region.displayName;
+        if (region.code == "de-DE")
+            germany = region.displayName;
+    }
+    EXPECT_EQ(france, "français (France)");
+    EXPECT_EQ(germany, "Deutsch (Deutschland)");
+}
+
+TEST_F(LanguageTablesTest, NewLanguageListRebuildsTables) {
+    MDB_Utility::setPreferredLanguages({"fr"});
+    EXPECT_EQ(MDB_Utility::iso639_1Languages().keys(), QStringList{"fr"});
+    EXPECT_TRUE(MDB_Utility::hasLanguageRegion("fr-FR"));
+    MDB_Utility::setPreferredLanguages({"de-AT", "ja"});
+    EXPECT_EQ(MDB_Utility::iso639_1Languages().keys(), (QStringList{"de", "ja"}));
+    EXPECT_EQ(MDB_Utility::languages(), (QStringList{"German", "Japanese"}));
+    EXPECT_FALSE(MDB_Utility::hasLanguageRegion("fr-FR"));
+    EXPECT_TRUE(MDB_Utility::hasLanguageRegion("ja-JP"));
+    EXPECT_TRUE(MDB_Utility::hasLanguageRegion("de-CH"));
+    MDB_Utility::setPreferredLanguages({});
+    EXPECT_TRUE(MDB_Utility::iso639_1Languages().isEmpty());
+    EXPECT_TRUE(MDB_Utility::languageRegions().isEmpty());
+}
+
+// ---- temporary folder ---------------------------------------------------------------
+
+class TempFolderTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(m_temp.isValid());
+        m_previous = UserDefaults::standard().objectForKey(SettingsKey::TempDirectory);
+        UserDefaults::standard().setObject(m_temp.path(), SettingsKey::TempDirectory);
+    }
+    void TearDown() override {
+        if (m_previous.isValid())
+            UserDefaults::standard().setObject(m_previous, SettingsKey::TempDirectory);
+        else
+            UserDefaults::standard().removeObject(SettingsKey::TempDirectory);
+    }
+    QTemporaryDir m_temp;
+    QTemporaryDir m_source;
+    QVariant m_previous;
+};
+
+TEST_F(TempFolderTest, CopyImageWritesPngOnceAndReportsExisting) {
+    QImage image(64, 32, QImage::Format_RGB32);
+    image.fill(Qt::red);
+    bool existed = true;
+    const QUrl url = MDB_Utility::copyImageToTemp(image, "poster", &existed);
+    EXPECT_FALSE(existed);
+    ASSERT_TRUE(url.isLocalFile());
+    EXPECT_EQ(url.toLocalFile(), m_temp.filePath("poster.png"));
+    QImage back(url.toLocalFile(), "PNG");
+    ASSERT_FALSE(back.isNull());
+    EXPECT_EQ(back.size(), QSize(64, 32));
+    EXPECT_EQ(QColor(back.pixel(3, 3)), QColor(Qt::red));
+    EXPECT_EQ(QDir(m_temp.path()).entryList(QDir::Files), QStringList{"poster.png"});
+
+    // A second image under the same name is not written.
+    QImage other(8, 8, QImage::Format_RGB32);
+    other.fill(Qt::blue);
+    const QUrl again = MDB_Utility::copyImageToTemp(other, "poster", &existed);
+    EXPECT_TRUE(existed);
+    EXPECT_EQ(again, url);
+    EXPECT_EQ(QImage(url.toLocalFile()).size(), QSize(64, 32));
+}
+
+TEST_F(TempFolderTest, CopyImageFailsForNullImageOrMissingFolder) {
+    bool existed = true;
+    EXPECT_TRUE(MDB_Utility::copyImageToTemp(QImage(), "empty", &existed).isEmpty());
+    EXPECT_FALSE(existed);
+    EXPECT_FALSE(QFileInfo::exists(m_temp.filePath("empty.png")));
+
+    UserDefaults::standard().setObject(m_temp.filePath("missing/folder"),
+                                       SettingsKey::TempDirectory);
+    QImage image(4, 4, QImage::Format_RGB32);
+    image.fill(Qt::green);
+    EXPECT_TRUE(MDB_Utility::copyImageToTemp(image, "poster", &existed).isEmpty());
+}
+
+TEST_F(TempFolderTest, CopyResourceReusesExistingCopy) {
+    const QString sourcePath = m_source.filePath("Certifications.plist");
+    {
+        QFile f(sourcePath);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("first");
+    }
+    const QUrl copy = MDB_Utility::copyResourceToTemp(QUrl::fromLocalFile(sourcePath));
+    ASSERT_EQ(copy.toLocalFile(), m_temp.filePath("Certifications.plist"));
+    QFile c(copy.toLocalFile());
+    ASSERT_TRUE(c.open(QIODevice::ReadOnly));
+    EXPECT_EQ(c.readAll(), "first");
+    c.close();
+
+    {
+        QFile f(sourcePath);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        f.write("second");
+    }
+    EXPECT_EQ(MDB_Utility::copyResourceToTemp(QUrl::fromLocalFile(sourcePath)), copy);
+    ASSERT_TRUE(c.open(QIODevice::ReadOnly));
+    EXPECT_EQ(c.readAll(), "first");
+}
+
+TEST_F(TempFolderTest, CopyResourceOfMissingFileAnswersNothing) {
+    EXPECT_TRUE(
+        MDB_Utility::copyResourceToTemp(QUrl::fromLocalFile(m_source.filePath("nope.plist")))
+            .isEmpty());
+    EXPECT_FALSE(QFileInfo::exists(m_temp.filePath("nope.plist")));
+}
+
+TEST(ImageSize, PixelSize) {
+    EXPECT_EQ(MDB_Utility::imageSize(QImage(300, 450, QImage::Format_ARGB32)), QSize(300, 450));
+    EXPECT_EQ(MDB_Utility::imageSize(QImage()), QSize(0, 0));
+}
+
+// ---- iTunes library ------------------------------------------------------------------
+
+TEST(ITunesPath, MusicFolderOfLibraryFile) {
+    const QString folder = QDir::homePath() + "/Music/iTunes";
+    const QString library = folder + "/iTunes Music Library.xml";
+    ASSERT_FALSE(QFileInfo::exists(library)) << "test home is private";
+    EXPECT_TRUE(MDB_Utility::iTunesPath().isEmpty());
+
+    ASSERT_TRUE(QDir().mkpath(folder));
+    QFile corrupt(library);
+    ASSERT_TRUE(corrupt.open(QIODevice::WriteOnly));
+    corrupt.write("not a property list");
+    corrupt.close();
+    EXPECT_TRUE(MDB_Utility::iTunesPath().isEmpty());
+
+    const QString music = "file://localhost/Users/me/Music/iTunes/iTunes%20Media/";
+    ASSERT_TRUE(PropertyList::writeFile(
+        library, QVariantMap{{"Major Version", 1}, {"Music Folder", music}}));
+    EXPECT_EQ(MDB_Utility::iTunesPath(), QUrl(music));
+    EXPECT_EQ(MDB_Utility::iTunesPath().path(), "/Users/me/Music/iTunes/iTunes Media/");
+
+    ASSERT_TRUE(PropertyList::writeFile(library, QVariantMap{{"Major Version", 1}}));
+    EXPECT_TRUE(MDB_Utility::iTunesPath().isEmpty());
+    QDir(QDir::homePath() + "/Music").removeRecursively();
+}
+
+} // namespace
