@@ -10,7 +10,7 @@
 // (the main thread, a QThread or a plain std::thread), never blocking longer
 // than its time-out.
 class HttpClient {
-  public:
+public:
     struct Response {
         int status = 0;  // HTTP status code; 200 for a file read, 0 when nothing came back
         QByteArray body; // the whole body, also of an error page

@@ -369,10 +369,11 @@ QString MDB_Metadata::stringFromMetadata(QByteArrayView bytes) {
     // Kept for the documented order, though ASCII text already decodes as UTF-8.
     if (std::all_of(bytes.begin(), bytes.end(), [](char c) { return uchar(c) < 0x80; }))
         return QString::fromLatin1(bytes);
-    {
+    // The decoder lets a dangling odd byte and lone surrogates pass; neither is text.
+    if (bytes.size() % 2 == 0) {
         QStringDecoder utf16(QStringDecoder::Utf16, QStringConverter::Flag::Stateless);
         const QString text = utf16(bytes);
-        if (!utf16.hasError())
+        if (!utf16.hasError() && text.isValidUtf16())
             return nonNull(text);
     }
     return QString(QLatin1String(""));

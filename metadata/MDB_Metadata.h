@@ -25,7 +25,7 @@
 // explicit: the copy constructor is deleted and copyWithZone() makes the one
 // kind of copy the program uses.
 class MDB_Metadata {
-  public:
+public:
     // A keyed archive in the order its keys were encoded.
     using KeyedArchive = OrderedDictionary<QString, QVariant>;
 
@@ -182,7 +182,7 @@ class MDB_Metadata {
     bool isArtworkEdited() const { return m_isArtworkEdited; }
     void setIsArtworkEdited(bool edited) { m_isArtworkEdited = edited; }
 
-  private:
+private:
     // Steps shared by copyMetadata() and replaceMetadata(); false when `other`
     // is this record.
     bool copyTagsFrom(const MDB_Metadata& other);
