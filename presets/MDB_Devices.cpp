@@ -1,0 +1,203 @@
+#include "presets/MDB_Devices.h"
+
+#include "core/PropertyList.h"
+#include "core/Resources.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QStandardPaths>
+
+namespace {
+
+const QString kDevices = QStringLiteral("Devices");
+const QString kSections = QStringLiteral("Sections");
+
+QString userFolder() {
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
+           QStringLiteral("/Oswenna");
+}
+
+std::optional<QVariantMap> readRoot(const QString& path) {
+    if (path.isEmpty() || !QFileInfo::exists(path))
+        return std::nullopt;
+    QString error;
+    const QVariant root = PropertyList::readFile(path, &error);
+    if (root.typeId() != QMetaType::QVariantMap) {
+        qWarning("Tarnwick: cannot read the presets in %s: %s", qPrintable(path),
+                 qPrintable(error.isEmpty() ? QStringLiteral("not a dictionary") : error));
+        return std::nullopt;
+    }
+    return root.toMap();
+}
+
+QStringList names(const QVariantMap& root) {
+    return root.value(kDevices).toStringList();
+}
+
+// A preset under one of the file's own keys would overwrite the lists.
+bool usableName(const QString& name) {
+    return !name.isEmpty() && name != kDevices && name != kSections;
+}
+
+} // namespace
+
+QString MDB_Devices::userFilePath() {
+    return userFolder() + QStringLiteral("/User-Devices.plist");
+}
+
+QString MDB_Devices::defaultFilePath() {
+    return Resources::path(QStringLiteral("Devices.plist"));
+}
+
+QVariantMap MDB_Devices::devices() {
+    if (auto user = userDevices())
+        return *user;
+    return defaultDevices();
+}
+
+QVariantMap MDB_Devices::defaultDevices() {
+    return readRoot(defaultFilePath()).value_or(QVariantMap());
+}
+
+std::optional<QVariantMap> MDB_Devices::userDevices() {
+    return readRoot(userFilePath());
+}
+
+QStringList MDB_Devices::sections() {
+    return devices().value(kSections).toStringList();
+}
+
+QStringList MDB_Devices::deviceNames() {
+    return names(devices());
+}
+
+QStringList MDB_Devices::defaultDeviceNames() {
+    return names(defaultDevices());
+}
+
+std::optional<QVariantMap> MDB_Devices::device(const QString& name) {
+    const QVariant preset = devices().value(name);
+    if (preset.typeId() != QMetaType::QVariantMap)
+        return std::nullopt;
+    return preset.toMap();
+}
+
+bool MDB_Devices::isHD(const QString& name) {
+    const auto preset = device(name);
+    if (!preset)
+        return false;
+    const QVariant hd = preset->value(QStringLiteral("HD"));
+    // A flag edited as text in the devices panel arrives as "YES"/"NO".
+    if (hd.typeId() == QMetaType::QString) {
+        const QString text = hd.toString().trimmed().toLower();
+        return text == QLatin1String("yes") || text == QLatin1String("true") ||
+               text == QLatin1String("1");
+    }
+    return hd.toBool();
+}
+
+bool MDB_Devices::addDevice(const QString& name, const QString& baseline) {
+    auto root = userDevices();
+    if (!root || !usableName(name) || root->value(baseline).typeId() != QMetaType::QVariantMap)
+        return false;
+    root->insert(name, root->value(baseline));
+    QStringList list = names(*root);
+    list.append(name);
+    root->insert(kDevices, list);
+    return writeToUserFile(*root);
+}
+
+bool MDB_Devices::changeDeviceName(const QString& oldName, const QString& toName) {
+    auto root = userDevices();
+    if (!root)
+        return false;
+    QStringList list = names(*root);
+    const qsizetype index = list.indexOf(oldName);
+    if (index < 0 || !root->contains(oldName) || !usableName(toName))
+        return false;
+    const QVariant preset = root->take(oldName);
+    root->insert(toName, preset);
+    list[index] = toName;
+    root->insert(kDevices, list);
+    return writeToUserFile(*root);
+}
+
+bool MDB_Devices::deleteDevice(const QString& name) {
+    auto root = userDevices();
+    if (!root)
+        return false;
+    QStringList list = names(*root);
+    if (!usableName(name) || (list.removeAll(name) == 0 && !root->contains(name)))
+        return false;
+    root->remove(name);
+    root->insert(kDevices, list);
+    return writeToUserFile(*root);
+}
+
+bool MDB_Devices::resetDevice(const QString& name) {
+    auto root = userDevices();
+    if (!root)
+        return false;
+    const QVariant shipped = defaultDevices().value(name);
+    if (shipped.typeId() != QMetaType::QVariantMap)
+        return false;
+    root->insert(name, shipped);
+    return writeToUserFile(*root);
+}
+
+bool MDB_Devices::resetAll() {
+    const QVariantMap shipped = defaultDevices();
+    // A missing resource must not wipe the user's presets.
+    if (shipped.isEmpty())
+        return false;
+    return writeToUserFile(shipped);
+}
+
+QString MDB_Devices::GenerateCustomName() {
+    const auto root = userDevices();
+    const QStringList list = root ? names(*root) : QStringList();
+    static const QRegularExpression pattern(QStringLiteral("Custom ([0-9]{1,})$"));
+    qulonglong highest = 0;
+    for (const QString& name : list) {
+        const auto match = pattern.match(name);
+        if (!match.hasMatch())
+            continue;
+        bool ok = false;
+        const qulonglong n = match.captured(1).toULongLong(&ok);
+        if (ok && n > highest)
+            highest = n;
+    }
+    return QStringLiteral("Custom %1").arg(highest + 1);
+}
+
+bool MDB_Devices::createUserFile(const QVariantMap& dictionary) {
+    const QString folder = userFolder();
+    const QString file = userFilePath();
+    if (QFileInfo::exists(file))
+        return true;
+    if (dictionary.isEmpty())
+        return false;
+    if (!QFileInfo(folder).isDir() && !QDir().mkdir(folder)) {
+        qWarning("Tarnwick: cannot create the preset folder %s", qPrintable(folder));
+        return false;
+    }
+    QString error;
+    if (!PropertyList::writeFile(file, dictionary, &error)) {
+        qWarning("Tarnwick: cannot write %s: %s", qPrintable(file), qPrintable(error));
+        return false;
+    }
+    return true;
+}
+
+bool MDB_Devices::writeToUserFile(const QVariantMap& dictionary) {
+    const QString file = userFilePath();
+    if (!QFileInfo::exists(file))
+        return false;
+    QString error;
+    if (!PropertyList::writeFile(file, dictionary, &error)) {
+        qWarning("Tarnwick: cannot write %s: %s", qPrintable(file), qPrintable(error));
+        return false;
+    }
+    return true;
+}

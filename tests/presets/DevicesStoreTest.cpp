@@ -1,0 +1,199 @@
+#include "core/PropertyList.h"
+#include "presets/MDB_Devices.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+QVariantMap readUserFile() {
+    return PropertyList::readFile(MDB_Devices::userFilePath()).toMap();
+}
+
+class DevicesStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
+                 QStringLiteral("/Oswenna");
+        QDir(folder).removeRecursively();
+        shipped = MDB_Devices::defaultDevices();
+        ASSERT_FALSE(shipped.isEmpty()) << "the shipped Devices.plist is missing";
+    }
+    void TearDown() override { QDir(folder).removeRecursively(); }
+
+    // A user file with the given names, each a copy of the first shipped preset.
+    void writeUserNames(const QStringList& names) {
+        QVariantMap root;
+        root.insert(QStringLiteral("Sections"), shipped.value(QStringLiteral("Sections")));
+        root.insert(QStringLiteral("Devices"), names);
+        const QVariant preset = shipped.value(MDB_Devices::defaultDeviceNames().first());
+        for (const QString& name : names)
+            root.insert(name, preset);
+        ASSERT_TRUE(MDB_Devices::createUserFile(root));
+    }
+
+    QString folder;
+    QVariantMap shipped;
+};
+
+TEST_F(DevicesStoreTest, ShippedPresetsAreCompleteAndConsistent) {
+    const QStringList names = MDB_Devices::defaultDeviceNames();
+    EXPECT_GE(names.size(), 5);
+    // The shipped defaults name these two.
+    ASSERT_TRUE(names.contains("HD 1080p"));
+    ASSERT_TRUE(names.contains("SD 480p"));
+    const QStringList sections = shipped.value("Sections").toStringList();
+    for (const QString& name : names) {
+        const QVariantMap preset = shipped.value(name).toMap();
+        ASSERT_FALSE(preset.isEmpty()) << qPrintable(name);
+        // The devices panel shows one row per key, labelled from "Sections".
+        EXPECT_EQ(QStringList(preset.keys()).size(), sections.size()) << qPrintable(name);
+        for (const QString& key : sections)
+            EXPECT_TRUE(preset.contains(key)) << qPrintable(name) << ": " << qPrintable(key);
+        EXPECT_EQ(preset.value("HD").typeId(), QMetaType::Bool) << qPrintable(name);
+        EXPECT_GT(preset.value("width").toInt(), 0) << qPrintable(name);
+        EXPECT_TRUE(preset.value("audio track").toString().contains('%')) << qPrintable(name);
+        EXPECT_FALSE(preset.value("audio track").toString().contains("  ")) << qPrintable(name);
+    }
+    // Without a user file everything reads the shipped file.
+    EXPECT_FALSE(MDB_Devices::userDevices().has_value());
+    EXPECT_EQ(MDB_Devices::deviceNames(), names);
+    EXPECT_EQ(MDB_Devices::sections(), sections);
+    EXPECT_TRUE(MDB_Devices::isHD("HD 1080p"));
+    EXPECT_FALSE(MDB_Devices::isHD("SD 480p"));
+    EXPECT_FALSE(MDB_Devices::isHD("No Such Preset"));
+    EXPECT_FALSE(MDB_Devices::device("No Such Preset").has_value());
+}
+
+TEST_F(DevicesStoreTest, CreateUserFileWritesOnceAndReadsComeFromIt) {
+    ASSERT_TRUE(MDB_Devices::createUserFile(shipped));
+    EXPECT_TRUE(QFileInfo(MDB_Devices::userFilePath()).isFile());
+    EXPECT_EQ(*MDB_Devices::userDevices(), shipped);
+
+    // An existing file is never replaced by createUserFile.
+    QVariantMap other = shipped;
+    other.insert("Devices", QStringList{"Only"});
+    EXPECT_TRUE(MDB_Devices::createUserFile(other));
+    EXPECT_EQ(MDB_Devices::deviceNames(), shipped.value("Devices").toStringList());
+
+    // writeToUserFile replaces it, and every read sees the change at once.
+    ASSERT_TRUE(MDB_Devices::writeToUserFile(other));
+    EXPECT_EQ(MDB_Devices::deviceNames(), QStringList{"Only"});
+    EXPECT_EQ(MDB_Devices::defaultDeviceNames(), shipped.value("Devices").toStringList());
+}
+
+TEST_F(DevicesStoreTest, WithoutAUserFileEditsChangeNothing) {
+    EXPECT_FALSE(MDB_Devices::writeToUserFile(shipped));
+    EXPECT_FALSE(MDB_Devices::addDevice("Copy", "HD 1080p"));
+    EXPECT_FALSE(MDB_Devices::changeDeviceName("HD 1080p", "Renamed"));
+    EXPECT_FALSE(MDB_Devices::deleteDevice("HD 1080p"));
+    EXPECT_FALSE(MDB_Devices::resetDevice("HD 1080p"));
+    EXPECT_FALSE(MDB_Devices::resetAll());
+    EXPECT_FALSE(QFileInfo::exists(MDB_Devices::userFilePath()));
+    EXPECT_FALSE(QFileInfo::exists(folder));
+    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 1");
+    // An empty dictionary does not make an empty user file either.
+    EXPECT_FALSE(MDB_Devices::createUserFile({}));
+    EXPECT_FALSE(QFileInfo::exists(MDB_Devices::userFilePath()));
+}
+
+TEST_F(DevicesStoreTest, AddRenameAndDeleteEditTheUserFile) {
+    ASSERT_TRUE(MDB_Devices::createUserFile(shipped));
+    const QStringList names = MDB_Devices::defaultDeviceNames();
+
+    ASSERT_TRUE(MDB_Devices::addDevice("Custom 1", "SD 480p"));
+    EXPECT_EQ(MDB_Devices::deviceNames(), names + QStringList{"Custom 1"});
+    EXPECT_EQ(MDB_Devices::device("Custom 1"), MDB_Devices::device("SD 480p"));
+    EXPECT_FALSE(MDB_Devices::addDevice("Custom 2", "No Such Preset"));
+
+    // A rename keeps the name's place in the menu.
+    ASSERT_TRUE(MDB_Devices::changeDeviceName("HD 720p", "Living Room"));
+    QStringList expected = names + QStringList{"Custom 1"};
+    expected[expected.indexOf("HD 720p")] = "Living Room";
+    EXPECT_EQ(MDB_Devices::deviceNames(), expected);
+    EXPECT_FALSE(MDB_Devices::device("HD 720p").has_value());
+    EXPECT_EQ(MDB_Devices::device("Living Room")->value("picture"),
+              shipped.value("HD 720p").toMap().value("picture"));
+    EXPECT_FALSE(MDB_Devices::changeDeviceName("No Such Preset", "X"));
+
+    // Renaming onto an existing name overwrites it and lists it twice.
+    ASSERT_TRUE(MDB_Devices::changeDeviceName("Custom 1", "HD 1080p"));
+    EXPECT_EQ(MDB_Devices::deviceNames().count("HD 1080p"), 2);
+    EXPECT_EQ(MDB_Devices::device("HD 1080p"), shipped.value("SD 480p").toMap());
+
+    // The file's own keys never become presets.
+    EXPECT_FALSE(MDB_Devices::addDevice("Devices", "SD 480p"));
+    EXPECT_FALSE(MDB_Devices::changeDeviceName("SD 480p", "Sections"));
+    EXPECT_FALSE(MDB_Devices::addDevice("", "SD 480p"));
+    EXPECT_EQ(readUserFile().value("Sections"), shipped.value("Sections"));
+
+    ASSERT_TRUE(MDB_Devices::deleteDevice("Living Room"));
+    const QVariantMap root = readUserFile();
+    EXPECT_FALSE(root.contains("Living Room"));
+    EXPECT_FALSE(root.value("Devices").toStringList().contains("Living Room"));
+    EXPECT_EQ(root.value("Sections"), shipped.value("Sections"));
+    EXPECT_FALSE(MDB_Devices::deleteDevice("Living Room"));
+}
+
+TEST_F(DevicesStoreTest, ResetRestoresShippedPresets) {
+    ASSERT_TRUE(MDB_Devices::createUserFile(shipped));
+    QVariantMap root = *MDB_Devices::userDevices();
+    QVariantMap edited = root.value("HD 1080p").toMap();
+    edited.insert("misc", "--grayscale");
+    root.insert("HD 1080p", edited);
+    ASSERT_TRUE(MDB_Devices::writeToUserFile(root));
+    ASSERT_TRUE(MDB_Devices::addDevice("Mine", "HD 1080p"));
+    EXPECT_EQ(MDB_Devices::device("Mine")->value("misc"), "--grayscale");
+
+    ASSERT_TRUE(MDB_Devices::resetDevice("HD 1080p"));
+    EXPECT_EQ(MDB_Devices::device("HD 1080p"), shipped.value("HD 1080p").toMap());
+    // A user-made preset has no shipped original.
+    EXPECT_FALSE(MDB_Devices::resetDevice("Mine"));
+    EXPECT_TRUE(MDB_Devices::device("Mine").has_value());
+
+    ASSERT_TRUE(MDB_Devices::resetAll());
+    EXPECT_EQ(readUserFile(), shipped);
+    EXPECT_FALSE(MDB_Devices::device("Mine").has_value());
+}
+
+TEST_F(DevicesStoreTest, CustomNamesCountUpFromTheHighest) {
+    writeUserNames({"Custom 1", "Custom 3", "Phone"});
+    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 4");
+    QDir(folder).removeRecursively();
+
+    writeUserNames({"Custom 0"});
+    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 1");
+    QDir(folder).removeRecursively();
+
+    writeUserNames({"HD 1080p", "Phone"});
+    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 1");
+    QDir(folder).removeRecursively();
+
+    // Matched anywhere before the end, but only at the end.
+    writeUserNames({"My Custom 7", "Custom 12 copy", "Custom 2"});
+    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 8");
+    QDir(folder).removeRecursively();
+
+    writeUserNames({});
+    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 1");
+}
+
+TEST_F(DevicesStoreTest, AnUnreadableUserFileFallsBackAndResetRepairsIt) {
+    ASSERT_TRUE(MDB_Devices::createUserFile(shipped));
+    QFile file(MDB_Devices::userFilePath());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write("not a property list");
+    file.close();
+
+    EXPECT_FALSE(MDB_Devices::userDevices().has_value());
+    EXPECT_EQ(MDB_Devices::deviceNames(), MDB_Devices::defaultDeviceNames());
+    EXPECT_FALSE(MDB_Devices::addDevice("Copy", "HD 1080p"));
+    ASSERT_TRUE(MDB_Devices::resetAll());
+    EXPECT_EQ(readUserFile(), shipped);
+}
+
+} // namespace

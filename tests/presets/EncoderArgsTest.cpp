@@ -1,0 +1,227 @@
+#include "core/SettingsKeys.h"
+#include "core/UserDefaults.h"
+#include "presets/MDB_Devices.h"
+
+#include <QDir>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+QVariantMap preset(const QString& picture, const QString& encoder,
+                   const QString& audioTrack = QStringLiteral("--audio % --aencoder av_aac")) {
+    return {
+        {"HD", true},
+        {"width", 1280},
+        {"picture", picture},
+        {"video encoder", encoder},
+        {"video framerate", "--rate 30 --pfr"},
+        {"destination", "--format av_mp4"},
+        {"misc", "--markers"},
+        {"audio encoder", "--audio-fallback ac3"},
+        {"audio track", audioTrack},
+    };
+}
+
+class EncoderArgsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(dir.isValid());
+        UserDefaults::standard().reopen(dir.filePath(QStringLiteral("Tarnwick.plist")));
+        folder = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
+                 QStringLiteral("/Oswenna");
+        QDir(folder).removeRecursively();
+
+        QVariantMap root;
+        QStringList names;
+        const auto add = [&](const QString& name, const QVariantMap& p) {
+            names << name;
+            root.insert(name, p);
+        };
+        add("Long", preset("--maxWidth 1280 --maxHeight 720", "--encoder x264 --vb 2500",
+                           "--audio %,% --aencoder ca_aac,copy:ac3"));
+        add("Short", preset("-X 1280 -Y 720 --loose-anamorphic", "--encoder x264 --vb 2500"));
+        add("Short rate", preset("--maxWidth 1280 --maxHeight 720", "--encoder x264 -b 2500"));
+        add("Auto rate", preset("--maxWidth 1280 --maxHeight 720", "--encoder x264 --vb auto"));
+        add("Width only", preset("--maxWidth 1280", "--encoder x264 --vb 2500"));
+        add("Twice", preset("--maxWidth 1280 --maxHeight 720", "--vb 2500 -x vb=--vb 2500"));
+        add("Mixed",
+            preset("--maxWidth 1920 --maxHeight 1080", "--encoder x264 --vb 6000",
+                   "--audio %,% --aencoder av_aac,copy:ac3 --mixdown dpl2,5point1 --ab 160,640"));
+        root.insert("Devices", names);
+        root.insert("Sections", QStringList{"picture", "video encoder"});
+        ASSERT_TRUE(MDB_Devices::createUserFile(root));
+    }
+    void TearDown() override {
+        QDir(folder).removeRecursively();
+        UserDefaults::standard().reopen();
+    }
+    static void set(const char* key, bool value) {
+        UserDefaults::standard().setBool(value, QLatin1String(key));
+    }
+
+    QTemporaryDir dir;
+    QString folder;
+};
+
+TEST_F(EncoderArgsTest, BitRateScalesDownForSmallerSources) {
+    EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "720x480"),
+              "--encoder x264 --vb 937 --rate 30 --pfr --format av_mp4 "
+              "--maxWidth 1280 --maxHeight 720 --markers");
+    EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "160x120"),
+              "--encoder x264 --vb 150 --rate 30 --pfr --format av_mp4 "
+              "--maxWidth 1280 --maxHeight 720 --markers");
+    EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "1920x1080"),
+              "--encoder x264 --vb 2500 --rate 30 --pfr --format av_mp4 "
+              "--maxWidth 1280 --maxHeight 720 --markers");
+    // Exactly the maximum size is not smaller.
+    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Long", false, "1280x720")
+                    .startsWith("--encoder x264 --vb 2500 "));
+    // The short picture options count the same.
+    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Short", false, "720x480")
+                    .startsWith("--encoder x264 --vb 937 "));
+    // Every occurrence of the old rate is rewritten.
+    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Twice", false, "720x480")
+                    .startsWith("--vb 937 -x vb=--vb 937 "));
+}
+
+TEST_F(EncoderArgsTest, RatesThatCannotBeRewrittenStay) {
+    // "-b" is found and read, but only "--vb N" is ever replaced.
+    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Short rate", false, "720x480")
+                    .startsWith("--encoder x264 -b 2500 "));
+    // No number after "--vb": the rate reads as 2000, which the text lacks.
+    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Auto rate", false, "720x480")
+                    .startsWith("--encoder x264 --vb auto "));
+    // Without both limits there is no maximum picture to compare with.
+    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Width only", false, "720x480")
+                    .startsWith("--encoder x264 --vb 2500 "));
+}
+
+TEST_F(EncoderArgsTest, FrameRateFollowsTheSettingNotTheFlag) {
+    set(SettingsKey::NativeFramerate, true);
+    EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "1920x1080"),
+              "--encoder x264 --vb 2500 --vfr --format av_mp4 --maxWidth 1280 --maxHeight 720 "
+              "--markers");
+    set(SettingsKey::NativeFramerate, false);
+    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Long", true, "1920x1080").contains("--rate 30 --pfr"));
+}
+
+TEST_F(EncoderArgsTest, AMissingPresetShowsInTheText) {
+    EXPECT_EQ(MDB_Devices::videoCmdArgs("Nothing", false, "720x480"),
+              "(null) (null) (null) (null) (null)");
+}
+
+TEST_F(EncoderArgsTest, AudioTemplateRepeatsPerTrack) {
+    QList<bool> duplicates{false, false};
+    EXPECT_EQ(MDB_Devices::audioCmdArgs("Long", {1, 3}, {"English", "French"}, {"AC3", "AC3"},
+                                        &duplicates),
+              (QStringList{"--audio-fallback", "ac3", "--audio", "1,1,3,3", "--aencoder",
+                           "ca_aac,copy:ac3,ca_aac,copy:ac3"}));
+    EXPECT_EQ(duplicates, (QList<bool>{true, true}));
+
+    duplicates = {true};
+    EXPECT_EQ(MDB_Devices::audioCmdArgs("Short", {2}, {}, {}, &duplicates),
+              (QStringList{"--audio-fallback", "ac3", "--audio", "2", "--aencoder", "av_aac"}));
+    EXPECT_EQ(duplicates, QList<bool>{false});
+
+    EXPECT_EQ(MDB_Devices::audioCmdArgs("Mixed", {4}, {}, {}, nullptr),
+              (QStringList{"--audio-fallback", "ac3", "--audio", "4,4", "--aencoder",
+                           "av_aac,copy:ac3", "--mixdown", "dpl2,5point1", "--ab", "160,640"}));
+
+    // No tracks: the option tokens stand with empty values.
+    EXPECT_EQ(MDB_Devices::audioCmdArgs("Short", {}, {}, {}, nullptr),
+              (QStringList{"--audio-fallback", "ac3", "--audio", "", "--aencoder", ""}));
+}
+
+TEST_F(EncoderArgsTest, SubtitleListsPutTheBurnedTrackFirst) {
+    using Tracks = QList<qint64>;
+    const QStringList titles{"English", "French"};
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{3, 4}, titles, 3, 0),
+              (QStringList{"--subtitle", "3,4", "--subtitle-burn", "1"}));
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{3}, titles, 3, 0),
+              (QStringList{"--subtitle", "3", "--subtitle-burn", "1"}));
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{4, 3}, titles, 3, -1),
+              (QStringList{"--subtitle", "3,4", "--subtitle-burn", "1"}));
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{2, 5}, titles, 0, 5),
+              (QStringList{"--subtitle", "scan,2,5", "--subtitle-default", "2"}));
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{2, 5}, titles, -1, -1),
+              (QStringList{"--subtitle", "2,5"}));
+}
+
+TEST_F(EncoderArgsTest, DefaultSubtitlePositionCountsTheLeadOnlyForTheFirstTrack) {
+    using Tracks = QList<qint64>;
+    const QStringList titles{"a", "b", "c"};
+    // First track: the leading scan/burn entry is counted.
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{2, 5}, titles, 0, 2),
+              (QStringList{"--subtitle", "scan,2,5", "--subtitle-default", "2"}));
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{2, 5}, titles, -1, 2),
+              (QStringList{"--subtitle", "2,5", "--subtitle-default", "1"}));
+    // Later tracks: it is not.
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{2, 5, 6}, titles, 0, 6),
+              (QStringList{"--subtitle", "scan,2,5,6", "--subtitle-default", "3"}));
+    // A native number that is not among the tracks adds nothing.
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{2}, titles, -1, 9),
+              (QStringList{"--subtitle", "2"}));
+}
+
+TEST_F(EncoderArgsTest, SubtitleArgsWithoutTracks) {
+    using Tracks = QList<qint64>;
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{}, QStringList{}, 0, 0),
+              (QStringList{"--subtitle", "scan"}));
+    // A burn number with an empty list leaves "--subtitle" without a value.
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{}, QStringList{}, 4, 0),
+              (QStringList{"--subtitle", "--subtitle-burn", "1"}));
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", std::nullopt, std::nullopt, 0, 3),
+              (QStringList{"--subtitle", "scan"}));
+    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{1}, std::nullopt, 2, 0),
+              (QStringList{"--subtitle-burn", "1"}));
+    EXPECT_TRUE(MDB_Devices::subtitleCmdArgs("x", std::nullopt, std::nullopt, -1, -1).isEmpty());
+}
+
+TEST_F(EncoderArgsTest, FiltersFollowTheSettingsInFixedOrder) {
+    for (const char* key :
+         {SettingsKey::Decomb, SettingsKey::Denoise, SettingsKey::Detelecine, SettingsKey::Deblock})
+        set(key, false);
+    EXPECT_TRUE(MDB_Devices::filterCmdArgs().isEmpty());
+    set(SettingsKey::Deblock, true);
+    set(SettingsKey::Decomb, true);
+    EXPECT_EQ(MDB_Devices::filterCmdArgs(), (QStringList{"--decomb", "--deblock"}));
+    set(SettingsKey::Denoise, true);
+    set(SettingsKey::Detelecine, true);
+    EXPECT_EQ(MDB_Devices::filterCmdArgs(),
+              (QStringList{"--decomb", "--denoise", "--detelecine", "--deblock"}));
+}
+
+TEST_F(EncoderArgsTest, UnsupportedOptionsAreRemoved) {
+    QStringList args{"--encoder", "x264", "-v", "1", "-o", "out.m4v"};
+    MDB_Devices::removeUnsupportedArgs(args);
+    EXPECT_EQ(args, (QStringList{"--encoder", "x264", "out.m4v"}));
+
+    args = QStringList{"--help",      "--preset", "Fast 1080p30",   "--vb", "900", "--scan",
+                       "-f",          "av_mp4",   "--main-feature", "-z",   "-Z",  "x",
+                       "--no-dvdnav", "-h",       "--verbose",      "2",    "-u",  "--update"};
+    MDB_Devices::removeUnsupportedArgs(args);
+    EXPECT_EQ(args, (QStringList{"--vb", "900", "av_mp4"}));
+
+    // Every occurrence goes, each with its value.
+    args = QStringList{"-v", "1", "--rate", "30", "-v", "2"};
+    MDB_Devices::removeUnsupportedArgs(args);
+    EXPECT_EQ(args, (QStringList{"--rate", "30"}));
+
+    // A counted option standing last goes alone.
+    args = QStringList{"--encoder", "x264", "--preset"};
+    MDB_Devices::removeUnsupportedArgs(args);
+    EXPECT_EQ(args, (QStringList{"--encoder", "x264"}));
+    args = QStringList{"-v"};
+    MDB_Devices::removeUnsupportedArgs(args);
+    EXPECT_TRUE(args.isEmpty());
+
+    // Values and empty elements are not options.
+    args = QStringList{"--vb", "", "-vv", "--verbose=1"};
+    MDB_Devices::removeUnsupportedArgs(args);
+    EXPECT_EQ(args, (QStringList{"--vb", "", "-vv", "--verbose=1"}));
+}
+
+} // namespace
