@@ -168,18 +168,43 @@ QString sample(const QString& name) {
         writeFile(made, bytes);
     } else if (name == QLatin1String("DVD")) {
         made = w + "/DVD";
+        QString mpg = w + "/title.mpg";
         runCommand(ff,
                    quiet + QStringList{"-f", "lavfi", "-i", "testsrc2=size=720x480:rate=30000/1001",
                                        "-f", "lavfi", "-i", "sine", "-t", "5", "-target",
-                                       "ntsc-dvd", "-aspect", "16:9", "-metadata:s:a:0",
-                                       "language=eng", w + "/title.mpg"});
+                                       "ntsc-dvd", "-aspect", "16:9", mpg});
         QProcess p;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("VIDEO_FORMAT", "NTSC");
         p.setProcessEnvironment(env);
+        // Bitmap subtitles rendered from the text ones, when the font is there.
+        const QString font = "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf";
+        QStringList subtitleArgs;
+        if (QFileInfo::exists(font)) {
+            writeFile(w + "/spumux.xml",
+                      "<subpictures format=\"NTSC\"><stream><textsub filename=\"" +
+                          (w + "/s.srt").toUtf8() +
+                          "\" characterset=\"UTF-8\" fontsize=\"28.0\" "
+                          "font=\"" +
+                          font.toUtf8() +
+                          "\" horizontal-alignment=\"center\" "
+                          "vertical-alignment=\"bottom\" subtitle-fps=\"29.97\" "
+                          "movie-fps=\"29.97\" movie-width=\"720\" movie-height=\"478\"/>"
+                          "</stream></subpictures>\n");
+            p.setStandardInputFile(mpg);
+            p.setStandardOutputFile(w + "/subtitled.mpg");
+            p.start("spumux", {"-s0", w + "/spumux.xml"});
+            if (p.waitForFinished(120000) && p.exitCode() == 0) {
+                mpg = w + "/subtitled.mpg";
+                subtitleArgs = {"-s", "en"};
+            }
+            p.setStandardInputFile(QProcess::nullDevice());
+            p.setStandardOutputFile(QString());
+        }
         p.setProcessChannelMode(QProcess::MergedChannels);
         for (const QStringList& a :
-             {QStringList{"-o", made, "-t", w + "/title.mpg"}, QStringList{"-o", made, "-T"}}) {
+             {QStringList{"-o", made, "-t", "-a", "ac3+en"} + subtitleArgs + QStringList{mpg},
+              QStringList{"-o", made, "-T"}}) {
             p.start("dvdauthor", a);
             EXPECT_TRUE(p.waitForFinished(120000) && p.exitCode() == 0) << p.readAll().data();
         }
@@ -468,6 +493,15 @@ TEST(EncoderToolScan, DvdFolderIsMarkedAndHasNoStream) {
         ASSERT_EQ(t.audio.size(), 1);
         EXPECT_EQ(t.audio[0].codec, "AC3");
         EXPECT_EQ(t.audio[0].freq, "48000Hz");
+        EXPECT_EQ(t.audio[0].name, "English");
+        EXPECT_EQ(t.audio[0].iso, "eng");
+        if (QFileInfo::exists(dvd + "/VIDEO_TS/VTS_01_0.IFO") &&
+            !probeStreams(probed, "subtitle").isEmpty()) {
+            ASSERT_EQ(t.subtitles.size(), 1);
+            EXPECT_EQ(t.subtitles[0].type, "(Bitmap)(VOBSUB)");
+            EXPECT_EQ(t.subtitles[0].name, "English");
+            EXPECT_EQ(t.subtitles[0].iso, "eng");
+        }
     }
 }
 

@@ -84,7 +84,7 @@ pid_t startStopWatcher(pid_t scanPid) {
 // Splits a byte stream into lines; carriage returns count as line ends
 // because HandBrakeCLI redraws progress with them.
 class LineSplitter {
-  public:
+public:
     template <typename F> void feed(const char* data, ssize_t n, F&& onLine) {
         for (ssize_t i = 0; i < n; ++i) {
             const char c = data[i];
@@ -103,12 +103,12 @@ class LineSplitter {
         m_line.clear();
     }
 
-  private:
+private:
     QByteArray m_line;
 };
 
 class OutputSorter {
-  public:
+public:
     explicit OutputSorter(ScanOutcome& outcome) : m_outcome(outcome) {}
 
     // HandBrakeCLI's standard output: JSON blocks among library messages.
@@ -146,7 +146,7 @@ class OutputSorter {
         relay(line);
     }
 
-  private:
+private:
     void relay(const QByteArray& line) {
         if (line.contains("libdvdnav: DVD disk reports") && m_outcome.dvdMarker.isEmpty())
             m_outcome.dvdMarker = asciiOnly(line.mid(line.indexOf("libdvdnav: DVD disk reports")));

@@ -120,9 +120,12 @@ QByteArray isoCode(const QJsonObject& track) {
 // delimit the codec), capitalised like the rest of the report's names.
 QByteArray languageName(const QJsonObject& track) {
     QString name = stringOf(track, "Language");
-    const qsizetype bracket = name.indexOf(QLatin1String(" ["));
-    if (bracket >= 0)
-        name.truncate(bracket);
+    // Attributes follow the language: "English (Wide Screen) [VOBSUB]".
+    for (const char* tail : {" [", " ("}) {
+        const qsizetype at = name.indexOf(QLatin1String(tail));
+        if (at > 0)
+            name.truncate(at);
+    }
     const QString decomposed = name.normalized(QString::NormalizationForm_KD);
     QString plain;
     for (QChar c : decomposed) {
