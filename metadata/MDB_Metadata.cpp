@@ -270,6 +270,12 @@ void MDB_Metadata::initTags() {
         setTag(QString(QLatin1String("")), QString::fromUtf8(name));
 }
 
+void MDB_Metadata::setTagsDict(const QMap<QString, QString>& tags) {
+    m_tagsDict.clear();
+    for (auto it = tags.cbegin(); it != tags.cend(); ++it)
+        m_tagsDict.insert(it.key(), nonNull(it.value()));
+}
+
 QString MDB_Metadata::getTag(const QString& key) const {
     return m_tagsDict.value(key);
 }

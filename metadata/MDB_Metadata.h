@@ -61,9 +61,10 @@ public:
     // tag is an empty, non-null string).
     QString getTag(const QString& key) const;
     // Stores a tag, or for "HD Video", "Gapless", "Content Rating" and
-    // "Media Kind" sets the numeric field instead. Answers false when nothing
-    // changed (same value, or an unknown media kind or rating name). A null
-    // value of an ordinary tag is stored as the empty string.
+    // "Media Kind" sets the numeric field instead. Answers false when an
+    // ordinary tag already holds the value (the edited flag is then left alone)
+    // or the media kind or rating name is unknown. A null value of an ordinary
+    // tag is stored as the empty string.
     bool setTag(const QString& value, const QString& key);
     void deleteTag(const QString& key);
     // Stores the rating only: the caller keeps the country under
@@ -125,7 +126,7 @@ public:
     const QString& sourcePath() const { return m_sourcePath; }
     void setSourcePath(const QString& path) { m_sourcePath = path; }
     const QMap<QString, QString>& tagsDict() const { return m_tagsDict; }
-    void setTagsDict(const QMap<QString, QString>& tags) { m_tagsDict = tags; }
+    void setTagsDict(const QMap<QString, QString>& tags);
 
     const QImage& artwork() const { return m_artwork; }
     void setArtwork(const QImage& image) { m_artwork = image; }

@@ -5,8 +5,11 @@
 // The record of a movie; a type of its own so that lookups and file reads can
 // tell a movie's record from a generic one. It adds no fields.
 class MDB_MovieMetadata : public MDB_Metadata {
-  public:
+public:
     MDB_MovieMetadata();
     explicit MDB_MovieMetadata(const KeyedArchive& coder);
     ~MDB_MovieMetadata() override;
+
+    MDB_MovieMetadata(MDB_MovieMetadata&&) = default;
+    MDB_MovieMetadata& operator=(MDB_MovieMetadata&&) = default;
 };
