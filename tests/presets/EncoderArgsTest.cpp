@@ -181,17 +181,10 @@ TEST_F(EncoderArgsTest, SubtitleArgsWithoutTracks) {
 }
 
 TEST_F(EncoderArgsTest, FiltersFollowTheSettingsInFixedOrder) {
-    for (const char* key :
-         {SettingsKey::Decomb, SettingsKey::Denoise, SettingsKey::Detelecine, SettingsKey::Deblock})
-        set(key, false);
     EXPECT_TRUE(MDB_Devices::filterCmdArgs().isEmpty());
     set(SettingsKey::Deblock, true);
     set(SettingsKey::Decomb, true);
     EXPECT_EQ(MDB_Devices::filterCmdArgs(), (QStringList{"--decomb", "--deblock"}));
-    set(SettingsKey::Denoise, true);
-    set(SettingsKey::Detelecine, true);
-    EXPECT_EQ(MDB_Devices::filterCmdArgs(),
-              (QStringList{"--decomb", "--denoise", "--detelecine", "--deblock"}));
 }
 
 TEST_F(EncoderArgsTest, UnsupportedOptionsAreRemoved) {
@@ -217,11 +210,6 @@ TEST_F(EncoderArgsTest, UnsupportedOptionsAreRemoved) {
     args = QStringList{"-v"};
     MDB_Devices::removeUnsupportedArgs(args);
     EXPECT_TRUE(args.isEmpty());
-
-    // Values and empty elements are not options.
-    args = QStringList{"--vb", "", "-vv", "--verbose=1"};
-    MDB_Devices::removeUnsupportedArgs(args);
-    EXPECT_EQ(args, (QStringList{"--vb", "", "-vv", "--verbose=1"}));
 }
 
 } // namespace
