@@ -132,7 +132,7 @@ std::vector<std::string> shippedNames() {
     return names;
 }
 
-class PresetEncodeTest : public ::testing::TestWithParam<std::string> {
+class PresetEncodeBase : public ::testing::Test {
 protected:
     void SetUp() override {
         handbrake = QStandardPaths::findExecutable(QStringLiteral("HandBrakeCLI"));
@@ -155,12 +155,14 @@ protected:
     }
     void TearDown() override { UserDefaults::standard().reopen(); }
 
+    // Encodes the sample with a shipped preset and checks the result.
+    void encodeAndCheck(const QString& name);
+
     QString handbrake;
     QTemporaryDir dir;
 };
 
-TEST_P(PresetEncodeTest, EncodesASampleIntoAReadableMp4) {
-    const QString name = QString::fromStdString(GetParam());
+void PresetEncodeBase::encodeAndCheck(const QString& name) {
     ASSERT_TRUE(MDB_Devices::device(name).has_value()) << qPrintable(name);
 
     QString error;
@@ -231,6 +233,23 @@ TEST_P(PresetEncodeTest, EncodesASampleIntoAReadableMp4) {
     EXPECT_EQ(audioStreams, outputs);
     EXPECT_EQ(duplicates, QList<bool>{outputs >= 2});
     EXPECT_NEAR(info.value("format").toObject().value("duration").toString().toDouble(), 10.0, 0.5);
+}
+
+class PresetEncodeTest : public PresetEncodeBase,
+                         public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(PresetEncodeTest, EncodesASampleIntoAReadableMp4) {
+    encodeAndCheck(QString::fromStdString(GetParam()));
+}
+
+using FilterEncodeTest = PresetEncodeBase;
+
+TEST_F(FilterEncodeTest, EveryFilterOptionIsAccepted) {
+    for (const char* key :
+         {SettingsKey::Decomb, SettingsKey::Denoise, SettingsKey::Detelecine, SettingsKey::Deblock})
+        UserDefaults::standard().setBool(true, QLatin1String(key));
+    ASSERT_EQ(MDB_Devices::filterCmdArgs().size(), 4);
+    encodeAndCheck(QStringLiteral("SD 480p"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Shipped, PresetEncodeTest, ::testing::ValuesIn(shippedNames()),
