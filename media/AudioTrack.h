@@ -7,7 +7,7 @@
 // 1-based track number; `native`, `include` and `duplicate` are decided by the
 // title and the media item, not by the scan report.
 class AudioTrack {
-  public:
+public:
     AudioTrack() = default;
 
     const QString& name() const { return m_name; }
@@ -34,7 +34,7 @@ class AudioTrack {
     bool duplicate() const { return m_duplicate; }
     void setDuplicate(bool duplicate) { m_duplicate = duplicate; }
 
-  private:
+private:
     QString m_name;
     QString m_codec;
     QString m_channels;

@@ -7,7 +7,7 @@
 // One subtitle track of a scanned title. `type` is the rest of the report line
 // after the language, e.g. "(Text)(SSA)" or "(Bitmap)(VOBSUB)".
 class SubtitleTrack {
-  public:
+public:
     SubtitleTrack() = default;
 
     const QString& name() const { return m_name; }
@@ -33,7 +33,7 @@ class SubtitleTrack {
     // Whether the track carries text rather than bitmap pictures.
     bool isText() const { return m_type.contains(QLatin1String("text"), Qt::CaseInsensitive); }
 
-  private:
+private:
     QString m_name;
     QString m_isoType;
     QString m_isoName;

@@ -17,7 +17,7 @@
 // An index outside the list reads as an empty value and changes nothing.
 // The language settings are read at the moment of each call.
 class Title {
-  public:
+public:
     using AudioTrackList = std::vector<std::unique_ptr<AudioTrack>>;
     using SubtitleTrackList = std::vector<std::unique_ptr<SubtitleTrack>>;
 
@@ -103,7 +103,7 @@ class Title {
     // is answered for code families other than iso639-1/-2.
     static bool isNativeLanguage(const QString& isoType, const QString& isoName, bool current);
 
-  private:
+private:
     qint64 m_ID = 0;
     bool m_combing = false;
     bool m_isStreaming = false;

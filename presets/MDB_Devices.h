@@ -16,7 +16,7 @@
 //
 // The class also turns a preset into encoder arguments (MDB_DevicesArgs.cpp).
 class MDB_Devices {
-  public:
+public:
     // The user file's root if it exists (and can be read), else the shipped one.
     static QVariantMap devices();
     static QVariantMap defaultDevices();
