@@ -267,6 +267,10 @@ bool File::commit(std::string* error, WriteStats* stats) {
         return fail("no moov box");
     const TopLevelBox old = *live;
     const uint64_t n = moov.size();
+    std::vector<uint64_t> stale;
+    for (const auto& b : m_top)
+        if (b.type == fourcc("moov") && b.offset != old.offset)
+            stale.push_back(b.offset);
 
     // Candidate places: runs of free boxes (not before ftyp), then the end of the file.
     struct Region {
@@ -366,7 +370,20 @@ bool File::commit(std::string* error, WriteStats* stats) {
 
     // From here the new moov is live for readers that take the first moov
     // (when it lies before the old one) or the old one stays first until freed.
+    // Moovs left behind by an interrupted write go first, while the old moov
+    // still hides them, so none of them can ever become the first one.
     const Bytes freeType = {'f', 'r', 'e', 'e'};
+    bool staleFreed = false;
+    for (uint64_t offset : stale) {
+        if (!writeAll(offset + 4, freeType.data(), 4, stats, false))
+            return fail({});
+        staleFreed = true;
+    }
+    if (staleFreed) {
+        if (!sync())
+            return fail({});
+        step("stale-freed");
+    }
     if (!writeAll(old.offset + 4, freeType.data(), 4, stats, false) || !sync())
         return fail({});
     step("old-freed");

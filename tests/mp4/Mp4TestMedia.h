@@ -64,12 +64,14 @@ inline QString ffmpegSample(const QString& name, const QStringList& args) {
     const QString tmp = path + QStringLiteral(".part%1").arg(QCoreApplication::applicationPid());
     QStringList all = {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y")};
     all += args;
+    // The temporary name hides the extension, so say what to write.
     const QString ext = name.section(QLatin1Char('.'), -1);
-    all += {QStringLiteral("-f"),
-            ext == QLatin1String("png")   ? QStringLiteral("image2")
-            : ext == QLatin1String("jpg") ? QStringLiteral("image2")
-                                          : QStringLiteral("mp4"),
-            tmp};
+    if (ext == QLatin1String("png") || ext == QLatin1String("jpg"))
+        all +=
+            {"-c:v", ext == QLatin1String("png") ? "png" : "mjpeg", "-f", "image2", "-update", "1"};
+    else
+        all += {"-f", "mp4"};
+    all += tmp;
     const RunResult r = run(QStringLiteral("ffmpeg"), all);
     if (r.exitCode != 0) {
         ADD_FAILURE() << "ffmpeg failed for " << name.toStdString() << ": " << r.err.toStdString();
@@ -157,6 +159,18 @@ inline QString coverImage(const QString& name, int side = 64) {
     return ffmpegSample(name, a);
 }
 
+// A PNG of random-looking pixels: about 3 * side * side bytes, decodable.
+inline QString noisyPng(int side, int seed) {
+    QStringList a =
+        lavfi(QStringLiteral("color=gray:size=%1x%1,noise=alls=100:allf=t+u:all_seed=%2")
+                  .arg(side)
+                  .arg(seed)
+                  .toLatin1()
+                  .constData());
+    a += {"-frames:v", "1"};
+    return ffmpegSample(QStringLiteral("noise-%1-%2.png").arg(side).arg(seed), a);
+}
+
 inline QByteArray readAll(const QString& path) {
     QFile f(path);
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
@@ -182,10 +196,12 @@ inline bool ffmpegPlays(const QString& path, QByteArray* errors = nullptr) {
     return r.exitCode == 0 && r.err.trimmed().isEmpty();
 }
 
-// Hash of all demuxed packets: equal for two files iff the media data reads the same.
+// Hash of all demuxed media packets: equal for two files iff their media data
+// reads the same. Cover art (an extra stream after the media) is left out.
 inline QByteArray packetHash(const QString& path) {
-    const RunResult r = run(QStringLiteral("ffmpeg"), {"-v", "error", "-i", path, "-map", "0", "-c",
-                                                       "copy", "-f", "framemd5", "-"});
+    const RunResult r =
+        run(QStringLiteral("ffmpeg"), {"-v", "error", "-i", path, "-map", "0:v:0?", "-map", "0:a?",
+                                       "-map", "0:s?", "-c", "copy", "-f", "framemd5", "-"});
     if (r.exitCode != 0)
         return {};
     // Drop comment lines (they name the input).
