@@ -2,6 +2,7 @@
 
 #include "core/PropertyList.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -12,38 +13,41 @@
 
 namespace {
 
-bool readPlist(QIODevice& device, QSettings::SettingsMap& map) {
-    const QByteArray bytes = device.readAll();
-    if (bytes.trimmed().isEmpty())
-        return true; // a new, empty store
-    const QVariant root = PropertyList::fromData(bytes);
-    if (root.typeId() != QMetaType::QVariantMap)
-        return false;
-    const QVariantMap dict = root.toMap();
-    for (auto it = dict.cbegin(); it != dict.cend(); ++it)
-        map.insert(it.key(), it.value());
-    return true;
-}
-
-bool writePlist(QIODevice& device, const QSettings::SettingsMap& map) {
-    QVariantMap dict;
-    for (auto it = map.cbegin(); it != map.cend(); ++it)
-        dict.insert(it.key(), it.value());
-    return device.write(PropertyList::toXml(dict)) >= 0;
-}
-
-QSettings::Format plistFormat() {
-    static const QSettings::Format format =
-        QSettings::registerFormat(QStringLiteral("plist"), readPlist, writePlist);
-    return format;
-}
-
 QString defaultStorePath() {
     const QString override = qEnvironmentVariable("TARNWICK_SETTINGS");
     if (!override.isEmpty())
         return override;
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
            QStringLiteral("/Tarnwick/Tarnwick.plist");
+}
+
+// Reads the store file. A missing or empty file is an empty store; a file that
+// is not a property-list dictionary is moved aside so nothing the user had is
+// overwritten, and the defaults apply.
+QVariantMap readStore(const QString& path, bool warn) {
+    QFile file(path);
+    if (!file.exists() || !file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray bytes = file.readAll();
+    file.close();
+    if (bytes.trimmed().isEmpty())
+        return {};
+    QString why;
+    const QVariant root = PropertyList::fromData(bytes, &why);
+    if (root.typeId() == QMetaType::QVariantMap)
+        return root.toMap();
+    if (!warn)
+        return {};
+    const QString backup = path + QStringLiteral(".corrupt-") +
+                           QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+    QFile::remove(backup);
+    const bool kept = QFile::rename(path, backup);
+    std::fprintf(
+        stderr,
+        "Tarnwick: warning: the settings file %s is unreadable (%s); using the defaults%s%s\n",
+        qPrintable(path), qPrintable(why.isEmpty() ? QStringLiteral("not a dictionary") : why),
+        kept ? ". The bad file was kept as " : "", kept ? qPrintable(backup) : "");
+    return {};
 }
 
 } // namespace
@@ -55,42 +59,20 @@ UserDefaults& UserDefaults::standard() {
 
 UserDefaults::UserDefaults() {
     open(defaultStorePath());
+    // Unwritten changes reach the file when the application object goes away.
+    if (QCoreApplication::instance())
+        qAddPostRoutine([] { UserDefaults::standard().synchronize(); });
 }
 
 void UserDefaults::open(const QString& path) {
     m_path = path;
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    // QSettings reads lazily and would overwrite a bad file at its next write, so
-    // check the file before handing it over.
-    QFile existing(path);
-    if (existing.exists() && existing.open(QIODevice::ReadOnly)) {
-        const QByteArray bytes = existing.readAll();
-        existing.close();
-        QString why;
-        if (!bytes.trimmed().isEmpty() &&
-            PropertyList::fromData(bytes, &why).typeId() != QMetaType::QVariantMap) {
-            // Keep the bad file for the user rather than lose it.
-            const QString backup =
-                path + QStringLiteral(".corrupt-") +
-                QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
-            QFile::remove(backup);
-            const bool kept = QFile::rename(path, backup);
-            std::fprintf(stderr,
-                         "Tarnwick: warning: the settings file %s is unreadable (%s); using the "
-                         "defaults%s%s\n",
-                         qPrintable(path),
-                         qPrintable(why.isEmpty() ? QStringLiteral("not a dictionary") : why),
-                         kept ? ". The bad file was kept as " : "", kept ? qPrintable(backup) : "");
-        }
-    }
-    m_settings = std::make_unique<QSettings>(path, plistFormat());
-    m_settings->setFallbacksEnabled(false);
+    m_values = readStore(path, true);
+    m_changed.clear();
 }
 
 void UserDefaults::reopen(const QString& path) {
+    synchronize();
     QMutexLocker lock(&m_mutex);
-    if (m_settings)
-        m_settings->sync();
     m_registered.clear();
     open(path.isEmpty() ? defaultStorePath() : path);
 }
@@ -113,9 +95,9 @@ QVariantMap UserDefaults::registeredDefaults() const {
 
 QVariant UserDefaults::objectForKey(const QString& key) const {
     QMutexLocker lock(&m_mutex);
-    const QVariant v = m_settings->value(key);
-    if (v.isValid())
-        return v;
+    const auto it = m_values.constFind(key);
+    if (it != m_values.constEnd())
+        return *it;
     return m_registered.value(key);
 }
 
@@ -139,7 +121,6 @@ QString UserDefaults::stringForKey(const QString& key) const {
     const QVariant v = objectForKey(key);
     switch (v.typeId()) {
     case QMetaType::QString:
-        return v.toString();
     case QMetaType::Bool:
     case QMetaType::Int:
     case QMetaType::LongLong:
@@ -177,7 +158,8 @@ void UserDefaults::setObject(const QVariant& value, const QString& key) {
         return;
     }
     QMutexLocker lock(&m_mutex);
-    m_settings->setValue(key, value);
+    m_values.insert(key, value);
+    m_changed.insert(key);
 }
 
 void UserDefaults::setBool(bool value, const QString& key) {
@@ -190,19 +172,20 @@ void UserDefaults::setInteger(qint64 value, const QString& key) {
 
 void UserDefaults::removeObject(const QString& key) {
     QMutexLocker lock(&m_mutex);
-    m_settings->remove(key);
+    m_values.remove(key);
+    m_changed.insert(key);
 }
 
 bool UserDefaults::hasUserValue(const QString& key) const {
     QMutexLocker lock(&m_mutex);
-    return m_settings->contains(key);
+    return m_values.contains(key);
 }
 
 QStringList UserDefaults::allKeys() const {
     QMutexLocker lock(&m_mutex);
-    QStringList keys = m_settings->allKeys();
+    QStringList keys = m_values.keys();
     for (auto it = m_registered.cbegin(); it != m_registered.cend(); ++it)
-        if (!keys.contains(it.key()))
+        if (!m_values.contains(it.key()))
             keys.append(it.key());
     keys.sort();
     return keys;
@@ -210,6 +193,25 @@ QStringList UserDefaults::allKeys() const {
 
 bool UserDefaults::synchronize() {
     QMutexLocker lock(&m_mutex);
-    m_settings->sync();
-    return m_settings->status() == QSettings::NoError;
+    // Another process may have written the file since we read it: take its
+    // values and lay only our own changes over them.
+    QVariantMap merged = readStore(m_path, false);
+    for (const QString& key : std::as_const(m_changed)) {
+        const auto it = m_values.constFind(key);
+        if (it == m_values.constEnd())
+            merged.remove(key);
+        else
+            merged.insert(key, *it);
+    }
+    m_values = merged;
+    if (m_changed.isEmpty())
+        return true;
+    QString error;
+    if (!PropertyList::writeFile(m_path, m_values, &error)) {
+        std::fprintf(stderr, "Tarnwick: cannot write the settings file %s: %s\n",
+                     qPrintable(m_path), qPrintable(error));
+        return false;
+    }
+    m_changed.clear();
+    return true;
 }

@@ -2,16 +2,14 @@
 
 #include <QByteArray>
 #include <QMutex>
-#include <QSettings>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
 
-#include <memory>
-
 // The user-defaults store: the user's values in one property-list file under the
-// XDG config folder (~/.config/Tarnwick/Tarnwick.plist), above an in-memory
-// layer of registered defaults. Values are read at the point of use.
+// XDG config folder (~/.config/Tarnwick/Tarnwick.plist), written atomically, above
+// an in-memory layer of registered defaults. Values are read at the point of use.
 class UserDefaults {
 public:
     static UserDefaults& standard();
@@ -51,7 +49,8 @@ private:
     void open(const QString& path);
 
     mutable QMutex m_mutex;
-    std::unique_ptr<QSettings> m_settings;
-    QVariantMap m_registered;
+    QVariantMap m_values;     // the user's values as last read or written
+    QSet<QString> m_changed;  // keys set or removed since the last write
+    QVariantMap m_registered; // never written
     QString m_path;
 };

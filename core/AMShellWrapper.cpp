@@ -1,0 +1,801 @@
+#include "core/AMShellWrapper.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QMetaObject>
+#include <QPointer>
+#include <QSocketNotifier>
+#include <QThread>
+#include <QTimer>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<bool> g_forcePolling{false};
+
+constexpr int kPollIntervalMs = 20;  // waitpid polling when pidfd_open is unavailable
+constexpr size_t kReadChunk = 65536; // one background read
+
+// Like Qt's own QProcess: a write to a pipe whose reader has gone must report
+// EPIPE, not kill the application.
+void ignoreSigpipeOnce() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction old {};
+        if (sigaction(SIGPIPE, nullptr, &old) == 0 && old.sa_handler == SIG_DFL) {
+            struct sigaction ign {};
+            ign.sa_handler = SIG_IGN;
+            sigemptyset(&ign.sa_mask);
+            sigaction(SIGPIPE, &ign, nullptr);
+        }
+    });
+}
+
+int openPidfd(pid_t pid) {
+#ifdef SYS_pidfd_open
+    if (g_forcePolling.load())
+        return -1;
+    const long fd = syscall(SYS_pidfd_open, pid, 0);
+    if (fd >= 0)
+        fcntl(int(fd), F_SETFD, FD_CLOEXEC);
+    return int(fd);
+#else
+    Q_UNUSED(pid);
+    return -1;
+#endif
+}
+
+void closeFd(int& fd) {
+    if (fd >= 0)
+        ::close(fd);
+    fd = -1;
+}
+
+void setNonBlocking(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0)
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
+// What the child tells the parent through the close-on-exec report pipe when
+// it cannot exec.
+struct ChildFailure {
+    int stage; // 1 = exec, 2 = chdir
+    int error;
+};
+
+// Closes every descriptor >= 3 except `keep` (async-signal-safe).
+void closeOtherFds(int keep) {
+#ifdef SYS_close_range
+    bool ok;
+    if (keep >= 3) {
+        ok = (keep == 3 || syscall(SYS_close_range, 3u, unsigned(keep - 1), 0u) == 0) &&
+             syscall(SYS_close_range, unsigned(keep + 1), ~0u, 0u) == 0;
+    } else {
+        ok = syscall(SYS_close_range, 3u, ~0u, 0u) == 0;
+    }
+    if (ok)
+        return;
+#endif
+    struct rlimit rl {};
+    long max = 1024;
+    if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY)
+        max = long(rl.rlim_cur);
+    if (max > (1L << 20))
+        max = 1L << 20;
+    for (long fd = 3; fd < max; ++fd)
+        if (fd != keep)
+            ::close(int(fd));
+}
+
+// Runs in the child between fork and exec: only async-signal-safe calls.
+[[noreturn]] void execChild(const char* path, char* const* argv, char* const* envp, const char* cwd,
+                            const int streams[3], int reportFd) {
+    // Default dispositions (an ignored signal would survive exec) and an
+    // empty mask.
+    struct sigaction dfl {};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    for (int sig = 1; sig < NSIG; ++sig)
+        if (sig != SIGKILL && sig != SIGSTOP)
+            sigaction(sig, &dfl, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+
+    setpgid(0, 0);
+
+    // Lift the three sources above 2 first so that a source that is itself
+    // 0, 1 or 2 is not overwritten by an earlier dup2.
+    int lifted[3];
+    for (int i = 0; i < 3; ++i)
+        lifted[i] = fcntl(streams[i], F_DUPFD, 3);
+    for (int i = 0; i < 3; ++i) {
+        if (lifted[i] >= 0)
+            dup2(lifted[i], i);
+        else
+            ::close(i); // a bad descriptor from the caller: no stream rather than ours
+    }
+
+    ChildFailure failure{0, 0};
+    if (cwd && chdir(cwd) != 0) {
+        failure = {2, errno};
+    } else {
+        closeOtherFds(reportFd);
+        execve(path, argv, envp);
+        failure = {1, errno};
+    }
+    if (reportFd >= 0) {
+        ssize_t n;
+        do
+            n = write(reportFd, &failure, sizeof failure);
+        while (n < 0 && errno == EINTR);
+    }
+    _exit(failure.error == ENOENT || failure.error == ENOTDIR ? 127 : 126);
+}
+
+int statusFromWait(int st) {
+    if (WIFEXITED(st))
+        return WEXITSTATUS(st);
+    if (WIFSIGNALED(st))
+        return 128 + WTERMSIG(st);
+    return -1;
+}
+
+// --- text decoding ---------------------------------------------------------
+
+// Length of a UTF-8 sequence from its lead byte, 0 for an invalid lead.
+int utf8Length(unsigned char c) {
+    if (c < 0x80)
+        return 1;
+    if (c >= 0xC2 && c <= 0xDF)
+        return 2;
+    if (c >= 0xE0 && c <= 0xEF)
+        return 3;
+    if (c >= 0xF0 && c <= 0xF4)
+        return 4;
+    return 0;
+}
+
+// Whether byte k (1-based position in the sequence) may follow lead byte c.
+bool utf8ContinuationOk(unsigned char lead, int k, unsigned char c) {
+    if ((c & 0xC0) != 0x80)
+        return false;
+    if (k != 1)
+        return true;
+    switch (lead) {
+    case 0xE0:
+        return c >= 0xA0; // no overlongs
+    case 0xED:
+        return c <= 0x9F; // no surrogates
+    case 0xF0:
+        return c >= 0x90; // no overlongs
+    case 0xF4:
+        return c <= 0x8F; // not above U+10FFFF
+    default:
+        return true;
+    }
+}
+
+// Validates UTF-8; on success `complete` is the length of the whole
+// characters, the rest is a valid but incomplete trailing sequence.
+bool validateUtf8(const QByteArray& data, qsizetype& complete) {
+    const auto* p = reinterpret_cast<const unsigned char*>(data.constData());
+    const qsizetype n = data.size();
+    qsizetype i = 0;
+    while (i < n) {
+        const unsigned char c = p[i];
+        if (c < 0x80) {
+            ++i;
+            continue;
+        }
+        const int len = utf8Length(c);
+        if (len == 0)
+            return false;
+        for (int k = 1; k < len; ++k) {
+            if (i + k >= n) { // cut by the chunk boundary
+                complete = i;
+                return true;
+            }
+            if (!utf8ContinuationOk(c, k, p[i + k]))
+                return false;
+        }
+        i += len;
+    }
+    complete = n;
+    return true;
+}
+
+bool decodeUtf16(const QByteArray& data, bool littleEndian, QByteArray& carry, QString& text) {
+    const auto* p = reinterpret_cast<const unsigned char*>(data.constData());
+    const qsizetype units = data.size() / 2;
+    QString out;
+    out.reserve(units);
+    qsizetype i = 0;
+    for (; i < units; ++i) {
+        const unsigned char a = p[2 * i], b = p[2 * i + 1];
+        const char16_t u = littleEndian ? char16_t(a | (b << 8)) : char16_t((a << 8) | b);
+        if (QChar::isHighSurrogate(u)) {
+            if (i + 1 == units)
+                break; // its partner is in the next chunk
+            const unsigned char c = p[2 * i + 2], d = p[2 * i + 3];
+            const char16_t v = littleEndian ? char16_t(c | (d << 8)) : char16_t((c << 8) | d);
+            if (!QChar::isLowSurrogate(v))
+                return false;
+            out.append(QChar(u));
+            out.append(QChar(v));
+            ++i;
+        } else if (QChar::isLowSurrogate(u)) {
+            return false;
+        } else {
+            out.append(QChar(u));
+        }
+    }
+    carry = data.mid(2 * i);
+    text = out;
+    return true;
+}
+
+} // namespace
+
+// --- AMShellWrapper ----------------------------------------------------------
+
+AMShellWrapper::AMShellWrapper(AMShellWrapperController* controller, int inputPipe, int outputPipe,
+                               int errorPipe, const QString& workingDirectory,
+                               const std::optional<Environment>& environment,
+                               const QStringList& arguments, QObject* parent)
+    : QObject(parent), m_controller(controller), m_workingDirectory(workingDirectory),
+      m_environment(environment), m_arguments(arguments), m_stdinPipe(inputPipe),
+      m_stdoutPipe(outputPipe), m_stderrPipe(errorPipe) {}
+
+AMShellWrapper::AMShellWrapper(AMShellWrapperController* controller,
+                               const QString& workingDirectory, const QStringList& arguments,
+                               QObject* parent)
+    : AMShellWrapper(controller, -1, -1, -1, workingDirectory, std::nullopt, arguments, parent) {}
+
+AMShellWrapper::~AMShellWrapper() {
+    if (m_pidNotifier)
+        m_pidNotifier->setEnabled(false);
+    if (m_out.notifier)
+        m_out.notifier->setEnabled(false);
+    if (m_err.notifier)
+        m_err.notifier->setEnabled(false);
+    if (m_stdinNotifier)
+        m_stdinNotifier->setEnabled(false);
+    if (m_pid > 0 && !m_taskDidTerminate) {
+        // Destroyed while the child runs: end it and reap it, silently.
+        signalChild(SIGKILL);
+        int st = 0;
+        while (waitpid(m_pid, &st, 0) < 0 && errno == EINTR) {
+        }
+        m_taskDidTerminate = true;
+    }
+    closeInput();
+    closeOutput(m_out);
+    closeOutput(m_err);
+    closeFd(m_pidfd);
+}
+
+void AMShellWrapper::setForcePollingForTesting(bool force) {
+    g_forcePolling.store(force);
+}
+
+int AMShellWrapper::createPipe(int fds[2], StandardStream) {
+    return pipe2(fds, O_CLOEXEC) == 0 ? 0 : errno;
+}
+
+void AMShellWrapper::reportPipeFailure(const char* what, int err) {
+    // The system error line: message text, then the system's description.
+    std::fprintf(stderr, "AMShellWrapper - failed to create pipe for %s: %s\n", what,
+                 std::strerror(err));
+    std::fflush(stderr);
+}
+
+void AMShellWrapper::startProcess() {
+    if (m_started)
+        return;
+    m_started = true;
+    if (thread() != QThread::currentThread())
+        qWarning("AMShellWrapper::startProcess called outside the runner's thread");
+
+    {
+        QPointer<AMShellWrapper> self(this);
+        if (m_controller)
+            m_controller->processStarted(this);
+        if (!self)
+            return;
+    }
+    ignoreSigpipeOnce();
+
+    int childIn = -1, childOut = -1, childErr = -1; // what the child gets
+    int ownChildEnds[3] = {-1, -1, -1};             // child ends we made and close after fork
+    bool failed = false;
+
+    // Standard input.
+    if (m_stdinPipe >= 0) {
+        childIn = m_stdinPipe;
+    } else {
+        int fds[2] = {-1, -1};
+        if (const int e = createPipe(fds, StdIn)) {
+            reportPipeFailure("stdIn", e);
+            failed = true;
+        } else {
+            childIn = ownChildEnds[0] = fds[0];
+            m_stdinHandle = fds[1];
+            setNonBlocking(m_stdinHandle);
+        }
+    }
+    // Standard output.
+    if (m_stdoutPipe >= 0) {
+        childOut = m_stdoutPipe;
+    } else {
+        int fds[2] = {-1, -1};
+        if (const int e = createPipe(fds, StdOut)) {
+            reportPipeFailure("stdOut", e);
+            failed = true;
+        } else {
+            m_out.fd = fds[0];
+            m_out.ownFd = true;
+            childOut = ownChildEnds[1] = fds[1];
+            setNonBlocking(m_out.fd);
+        }
+    }
+    // Standard error.
+    if (m_stderrPipe >= 0) {
+        childErr = m_stderrPipe;
+    } else {
+        int fds[2] = {-1, -1};
+        if (const int e = createPipe(fds, StdErr)) {
+            reportPipeFailure("stdErr", e);
+            failed = true;
+        } else {
+            m_err.fd = fds[0];
+            m_err.ownFd = true;
+            childErr = ownChildEnds[2] = fds[1];
+            setNonBlocking(m_err.fd);
+        }
+    }
+    auto closeChildEnds = [&] {
+        for (int& fd : ownChildEnds)
+            closeFd(fd);
+    };
+    if (failed) {
+        closeChildEnds();
+        scheduleCleanup();
+        return;
+    }
+
+    // Everything the child needs is prepared before fork: after it, the child
+    // may only make async-signal-safe calls.
+    const QString program = m_arguments.value(0);
+    if (program.isEmpty()) {
+        closeChildEnds();
+        m_launchFailure = QStringLiteral("cannot run: no executable given\n");
+        scheduleCleanup();
+        return;
+    }
+    const QByteArray path = QFile::encodeName(QFileInfo(program).absoluteFilePath());
+    std::vector<QByteArray> argBytes;
+    argBytes.reserve(m_arguments.size());
+    for (const QString& a : m_arguments)
+        argBytes.push_back(a.toLocal8Bit());
+    std::vector<char*> argv;
+    for (QByteArray& a : argBytes)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    std::vector<QByteArray> envBytes;
+    std::vector<char*> envp;
+    char* const* envArray = environ;
+    if (m_environment) {
+        for (auto it = m_environment->cbegin(); it != m_environment->cend(); ++it)
+            envBytes.push_back(it.key().toLocal8Bit() + '=' + it.value().toLocal8Bit());
+        for (QByteArray& e : envBytes)
+            envp.push_back(e.data());
+        envp.push_back(nullptr);
+        envArray = envp.data();
+    }
+    const QByteArray cwd =
+        m_workingDirectory.isEmpty() ? QByteArray() : QFile::encodeName(m_workingDirectory);
+
+    int report[2] = {-1, -1};
+    if (pipe2(report, O_CLOEXEC) != 0)
+        report[0] = report[1] = -1; // launch failures then show only as status 126/127
+
+    const int streams[3] = {childIn, childOut, childErr};
+    const pid_t pid = fork();
+    if (pid == 0)
+        execChild(path.constData(), argv.data(), envArray,
+                  cwd.isEmpty() ? nullptr : cwd.constData(), streams, report[1]);
+
+    const int forkError = errno;
+    closeChildEnds();
+    closeFd(report[1]);
+    if (pid < 0) {
+        closeFd(report[0]);
+        m_launchFailure = QStringLiteral("cannot run %1: %2\n")
+                              .arg(program, QString::fromLocal8Bit(std::strerror(forkError)));
+        scheduleCleanup();
+        return;
+    }
+    setpgid(pid, pid); // also done by the child; whichever comes first wins the race
+    m_pid = pid;
+
+    if (report[0] >= 0) {
+        ChildFailure failure{0, 0};
+        ssize_t n;
+        do
+            n = ::read(report[0], &failure, sizeof failure);
+        while (n < 0 && errno == EINTR);
+        closeFd(report[0]);
+        if (n == ssize_t(sizeof failure)) {
+            const QString reason = QString::fromLocal8Bit(std::strerror(failure.error));
+            m_launchFailure = failure.stage == 2
+                                  ? QStringLiteral("cannot change directory to %1: %2\n")
+                                        .arg(m_workingDirectory, reason)
+                                  : QStringLiteral("cannot run %1: %2\n").arg(program, reason);
+        }
+    }
+
+    // A caller-supplied output descriptor is not read by the runner: that
+    // stream counts as ended.
+    m_out.empty = m_out.fd < 0;
+    m_err.empty = m_err.fd < 0;
+    if (m_out.fd >= 0) {
+        m_out.notifier = new QSocketNotifier(m_out.fd, QSocketNotifier::Read, this);
+        connect(m_out.notifier, &QSocketNotifier::activated, this, [this] { getData(StdOut); });
+    }
+    if (m_err.fd >= 0) {
+        m_err.notifier = new QSocketNotifier(m_err.fd, QSocketNotifier::Read, this);
+        connect(m_err.notifier, &QSocketNotifier::activated, this, [this] { getData(StdErr); });
+    }
+
+    m_pidfd = openPidfd(pid);
+    if (m_pidfd >= 0) {
+        m_pidNotifier = new QSocketNotifier(m_pidfd, QSocketNotifier::Read, this);
+        connect(m_pidNotifier, &QSocketNotifier::activated, this, [this] { taskStopped(); });
+    } else {
+        m_pollTimer = new QTimer(this);
+        m_pollTimer->setInterval(kPollIntervalMs);
+        connect(m_pollTimer, &QTimer::timeout, this, [this] { taskStopped(); });
+        m_pollTimer->start();
+    }
+}
+
+void AMShellWrapper::signalChild(int sig) {
+    if (m_pid <= 0 || m_taskDidTerminate)
+        return; // not launched, or reaped (the pid may belong to someone else now)
+    // The child's group; if the child has left it (and it is empty), the child.
+    if (::kill(-m_pid, sig) != 0 && errno == ESRCH)
+        ::kill(m_pid, sig);
+}
+
+void AMShellWrapper::stopProcess() {
+    signalChild(SIGTERM);
+}
+
+void AMShellWrapper::suspendProcess() {
+    signalChild(SIGSTOP);
+}
+
+void AMShellWrapper::resumeProcess() {
+    signalChild(SIGCONT);
+}
+
+void AMShellWrapper::stdInput(const QString& text) {
+    if (m_stdinHandle < 0)
+        return;
+    const std::optional<QByteArray> bytes =
+        encodeText(m_inputStringEncoding, text, !m_inputWritten);
+    if (!bytes)
+        return;
+    m_inputWritten = true;
+    m_pendingInput += *bytes;
+    writePendingInput();
+}
+
+void AMShellWrapper::writePendingInput() {
+    while (!m_pendingInput.isEmpty() && m_stdinHandle >= 0) {
+        const ssize_t n =
+            ::write(m_stdinHandle, m_pendingInput.constData(), size_t(m_pendingInput.size()));
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                if (!m_stdinNotifier) {
+                    m_stdinNotifier =
+                        new QSocketNotifier(m_stdinHandle, QSocketNotifier::Write, this);
+                    connect(m_stdinNotifier, &QSocketNotifier::activated, this,
+                            [this] { writePendingInput(); });
+                }
+                m_stdinNotifier->setEnabled(true);
+                return;
+            }
+            closeInput(); // EPIPE: the child no longer reads its input
+            return;
+        }
+        m_pendingInput.remove(0, n);
+    }
+    if (m_stdinNotifier)
+        m_stdinNotifier->setEnabled(false);
+}
+
+void AMShellWrapper::closeInput() {
+    if (m_stdinNotifier) {
+        m_stdinNotifier->setEnabled(false);
+        m_stdinNotifier->deleteLater();
+        m_stdinNotifier = nullptr;
+    }
+    closeFd(m_stdinHandle);
+    m_pendingInput.clear();
+}
+
+void AMShellWrapper::closeOutput(OutputStream& s) {
+    if (s.notifier) {
+        s.notifier->setEnabled(false);
+        s.notifier->deleteLater();
+        s.notifier = nullptr;
+    }
+    if (s.ownFd)
+        closeFd(s.fd);
+    s.fd = -1;
+}
+
+void AMShellWrapper::deliver(StandardStream which, const QByteArray& bytes) {
+    if (which == StdOut)
+        stdOutput(bytes);
+    else
+        stdError(bytes);
+}
+
+void AMShellWrapper::stdOutput(const QByteArray& bytes) {
+    decodeAndPass(StdOut, bytes);
+}
+
+void AMShellWrapper::stdError(const QByteArray& bytes) {
+    decodeAndPass(StdErr, bytes);
+}
+
+void AMShellWrapper::decodeAndPass(StandardStream which, const QByteArray& bytes) {
+    OutputStream& s = which == StdOut ? m_out : m_err;
+    QString text;
+    if (!decodeChunk(m_outputStringEncoding, s.carry, bytes, text, s.byteOrder))
+        return; // not valid in the output encoding: dropped without notice
+    if (text.isEmpty() || !m_controller)
+        return;
+    if (which == StdOut)
+        m_controller->stdOutput(text);
+    else
+        m_controller->stdError(text);
+}
+
+// `getData:` — one background read on one output stream.
+void AMShellWrapper::getData(StandardStream which) {
+    OutputStream& s = which == StdOut ? m_out : m_err;
+    if (s.fd < 0 || s.empty)
+        return;
+    char buf[kReadChunk];
+    ssize_t n;
+    do
+        n = ::read(s.fd, buf, sizeof buf);
+    while (n < 0 && errno == EINTR);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return; // spurious wake-up
+    if (n > 0) {
+        deliver(which, QByteArray(buf, n));
+        return; // the notifier fires again while data is waiting
+    }
+    // End of stream (or a read error, taken as the end).
+    s.empty = true;
+    if (s.notifier)
+        s.notifier->setEnabled(false);
+    s.carry.clear(); // an incomplete character at the very end is dropped
+    if (m_out.empty && m_err.empty && m_taskDidTerminate)
+        scheduleCleanup();
+}
+
+bool AMShellWrapper::reapChild(bool block) {
+    int st = 0;
+    pid_t r;
+    do
+        r = waitpid(m_pid, &st, block ? 0 : WNOHANG);
+    while (r < 0 && errno == EINTR);
+    if (r == 0)
+        return false;
+    m_status = r == m_pid ? statusFromWait(st) : -1; // -1: reaped by someone else
+    return true;
+}
+
+// `taskStopped:` — the child-termination notice.
+void AMShellWrapper::taskStopped() {
+    if (m_taskDidTerminate)
+        return; // a second notice is ignored
+    if (!reapChild(false))
+        return;
+    m_taskDidTerminate = true;
+    if (m_pidNotifier)
+        m_pidNotifier->setEnabled(false);
+    if (m_pollTimer)
+        m_pollTimer->stop();
+    if (m_out.empty && m_err.empty)
+        scheduleCleanup();
+    // otherwise the last end-of-stream in getData schedules it
+}
+
+void AMShellWrapper::scheduleCleanup() {
+    if (m_cleanupScheduled)
+        return;
+    m_cleanupScheduled = true;
+    // A posted call to the runner itself: the finish callback then runs from
+    // the event loop with no notifier of the runner on the stack, so the
+    // controller may delete the runner in it; a runner destroyed before the
+    // call simply drops it.
+    QMetaObject::invokeMethod(
+        this, [this] { cleanup(); }, Qt::QueuedConnection);
+}
+
+void AMShellWrapper::drain(StandardStream which) {
+    OutputStream& s = which == StdOut ? m_out : m_err;
+    if (s.fd < 0)
+        return;
+    char buf[kReadChunk];
+    for (;;) {
+        const ssize_t n = ::read(s.fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;
+        QPointer<AMShellWrapper> self(this);
+        deliver(which, QByteArray(buf, n));
+        if (!self)
+            return;
+    }
+}
+
+// `cleanup` — the finish sequence, run once.
+void AMShellWrapper::cleanup() {
+    if (m_finished)
+        return;
+    QPointer<AMShellWrapper> self(this);
+    int status = -1;
+    if (m_taskDidTerminate) {
+        if (m_out.notifier)
+            m_out.notifier->setEnabled(false);
+        if (m_err.notifier)
+            m_err.notifier->setEnabled(false);
+        drain(StdOut);
+        if (!self)
+            return;
+        drain(StdErr);
+        if (!self)
+            return;
+        status = m_status;
+    }
+    if (!m_launchFailure.isEmpty() && m_controller) {
+        m_controller->stdError(m_launchFailure);
+        if (!self)
+            return;
+    }
+    closeInput();
+    closeOutput(m_out);
+    closeOutput(m_err);
+    closeFd(m_pidfd);
+    if (m_pidNotifier) {
+        m_pidNotifier->deleteLater();
+        m_pidNotifier = nullptr;
+    }
+    m_finished = true;
+    AMShellWrapperController* controller = m_controller;
+    m_controller = nullptr;
+    if (controller)
+        controller->processFinished(this, status);
+    // Nothing may touch the runner from here on: it may be gone.
+}
+
+// --- encodings ---------------------------------------------------------------
+
+bool AMShellWrapper::decodeChunk(quint64 encoding, QByteArray& carry, const QByteArray& bytes,
+                                 QString& text, int& byteOrder) {
+    text.clear();
+    QByteArray data = carry + bytes;
+    carry.clear();
+    switch (encoding) {
+    case ASCIIStringEncoding:
+        for (const char c : data)
+            if (static_cast<unsigned char>(c) > 127)
+                return false;
+        text = QString::fromLatin1(data);
+        return true;
+    case ISOLatin1StringEncoding:
+        text = QString::fromLatin1(data);
+        return true;
+    case UTF8StringEncoding: {
+        qsizetype complete = 0;
+        if (!validateUtf8(data, complete))
+            return false;
+        text = QString::fromUtf8(data.constData(), complete);
+        carry = data.mid(complete);
+        return true;
+    }
+    case UnicodeStringEncoding:
+        if (byteOrder == 0) {
+            if (data.size() < 2) {
+                carry = data;
+                return true;
+            }
+            const auto a = static_cast<unsigned char>(data[0]);
+            const auto b = static_cast<unsigned char>(data[1]);
+            if (a == 0xFE && b == 0xFF) {
+                byteOrder = 2;
+                data.remove(0, 2);
+            } else if (a == 0xFF && b == 0xFE) {
+                byteOrder = 1;
+                data.remove(0, 2);
+            } else {
+                byteOrder = 1;
+            }
+        }
+        return decodeUtf16(data, byteOrder == 1, carry, text) || (carry.clear(), false);
+    case UTF16LittleEndianStringEncoding:
+        return decodeUtf16(data, true, carry, text) || (carry.clear(), false);
+    case UTF16BigEndianStringEncoding:
+        return decodeUtf16(data, false, carry, text) || (carry.clear(), false);
+    default:
+        return false;
+    }
+}
+
+std::optional<QByteArray> AMShellWrapper::encodeText(quint64 encoding, const QString& text,
+                                                     bool firstWrite) {
+    auto utf16 = [&](bool littleEndian, bool bom) {
+        QByteArray out;
+        out.reserve(text.size() * 2 + 2);
+        auto put = [&](char16_t u) {
+            if (littleEndian) {
+                out.append(char(u & 0xFF));
+                out.append(char(u >> 8));
+            } else {
+                out.append(char(u >> 8));
+                out.append(char(u & 0xFF));
+            }
+        };
+        if (bom)
+            put(0xFEFF);
+        for (const QChar c : text)
+            put(c.unicode());
+        return out;
+    };
+    switch (encoding) {
+    case ASCIIStringEncoding:
+    case ISOLatin1StringEncoding: {
+        const char16_t limit = encoding == ASCIIStringEncoding ? 127 : 255;
+        for (const QChar c : text)
+            if (c.unicode() > limit)
+                return std::nullopt;
+        return text.toLatin1();
+    }
+    case UTF8StringEncoding:
+        return text.toUtf8();
+    case UnicodeStringEncoding:
+        return utf16(true, firstWrite);
+    case UTF16LittleEndianStringEncoding:
+        return utf16(true, false);
+    case UTF16BigEndianStringEncoding:
+        return utf16(false, false);
+    default:
+        return std::nullopt;
+    }
+}
