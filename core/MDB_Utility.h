@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/OrderedDictionary.h"
+#include "mp4/mp4.h"
 
 #include <QImage>
 #include <QSize>
@@ -44,6 +45,8 @@ class MDB_Utility {
     static QSize imageSize(const QImage& image);
     static QUrl copyResourceToTemp(const QUrl& url);
     static QUrl copyImageToTemp(const QImage& image, const QString& name, bool* existed);
+    // The channel layout of an MP4 audio track: "2.0", "5.1" (MDB_UtilityChannels.cpp).
+    static QString getNumAudioChannelsInMP4(MP4FileHandle handle, MP4TrackId trackId);
 
     // The preferred-language list the tables are built from; tests replace it
     // (and drop the cached tables) before the first use.
