@@ -548,6 +548,12 @@ bool MP4SetTrackName(MP4FileHandle hFile, MP4TrackId trackId, const char* name) 
     Box* trak = trakOf(hFile, trackId);
     if (!trak || !Handle::from(hFile)->file->writable())
         return false;
+    // The handler name is where most demuxers look for a track title.
+    if (Box* hdlr = trak->find("mdia.hdlr"); hdlr && hdlr->data().size() >= 24) {
+        hdlr->data().resize(24);
+        const char* text = name ? name : "";
+        hdlr->data().insert(hdlr->data().end(), text, text + std::strlen(text) + 1);
+    }
     Box* udta = trak->obtain(fourcc("udta"));
     udta->removeAll(fourcc("name"));
     if (name && *name) {

@@ -12,16 +12,33 @@ using namespace tarnwick::mp4;
 
 namespace tarnwick::mp4 {
 
+namespace {
+
+// The container child of that type, made when missing. A child that could not
+// be read as a container is kept as `free` (its bytes stay, hidden) and replaced.
+Box* containerChild(Box* parent, uint32_t type, size_t prefixBytes) {
+    Box* c = parent->child(type);
+    if (c && !c->isContainer()) {
+        auto hidden = std::make_unique<Box>(fourcc("free"));
+        hidden->data() = c->data();
+        const size_t at = parent->indexOf(c);
+        parent->remove(c);
+        parent->insert(at, std::move(hidden));
+        c = nullptr;
+    }
+    return c ? c : parent->obtain(type, prefixBytes);
+}
+
+} // namespace
+
 Box* Handle::ilst(bool create) {
     Box* moov = file->moov();
     if (!create) {
-        return moov->find("udta.meta.ilst");
+        Box* list = moov->find("udta.meta.ilst");
+        return list && list->isContainer() ? list : nullptr;
     }
-    Box* udta = moov->obtain(fourcc("udta"));
-    Box* meta = udta->child(fourcc("meta"));
-    if (!meta) {
-        meta = udta->obtain(fourcc("meta"), 4);
-    }
+    Box* udta = containerChild(moov, fourcc("udta"), 0);
+    Box* meta = containerChild(udta, fourcc("meta"), 4);
     if (!meta->child(fourcc("hdlr"))) {
         // The metadata handler that players look for: "mdir", made by "appl".
         auto hdlr = std::make_unique<Box>(fourcc("hdlr"));
@@ -35,7 +52,7 @@ Box* Handle::ilst(bool create) {
         d.push_back(0);
         meta->insert(0, std::move(hdlr));
     }
-    return meta->obtain(fourcc("ilst"));
+    return containerChild(meta, fourcc("ilst"), 0);
 }
 
 void Handle::removeItem(Box* item) {
