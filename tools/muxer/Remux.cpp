@@ -1,0 +1,598 @@
+#include "Remux.h"
+
+#include "Progress.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+#include <libavutil/avutil.h>
+#include <libavutil/opt.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <memory>
+#include <mutex>
+#include <unistd.h>
+
+namespace muxer {
+
+namespace {
+
+// Packets are written in runs of this many seconds per track, so the file
+// has few, large chunks (small sample tables, few seeks for a player).
+constexpr double kChunkSeconds = 0.5;
+// Queued packets beyond this are written at once, whatever their time.
+constexpr size_t kMaxQueuedBytes = 256u << 20;
+// Packets read ahead while looking for missing decoder configuration.
+constexpr int kMaxPreroll = 600;
+
+// libavformat's own messages would be taken for progress phases by the
+// reader of our standard error, so they are kept and quoted on failure.
+std::mutex g_logLock;
+std::string g_log;
+
+void logCallback(void*, int level, const char* fmt, va_list args) {
+    if (level > AV_LOG_ERROR)
+        return;
+    char line[1024];
+    std::vsnprintf(line, sizeof line, fmt, args);
+    std::lock_guard lock(g_logLock);
+    g_log += line;
+    if (g_log.size() > 4096)
+        g_log.erase(0, g_log.size() - 4096);
+}
+
+std::string avError(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+
+std::string lastLogLine() {
+    std::lock_guard lock(g_logLock);
+    std::string s = g_log;
+    while (!s.empty() && (s.back() == '\n' || s.back() == ' '))
+        s.pop_back();
+    const size_t nl = s.find_last_of('\n');
+    return nl == std::string::npos ? s : s.substr(nl + 1);
+}
+
+struct InputCloser {
+    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
+};
+using InputPtr = std::unique_ptr<AVFormatContext, InputCloser>;
+
+struct OutputCloser {
+    void operator()(AVFormatContext* c) const {
+        if (c->pb)
+            avio_closep(&c->pb);
+        avformat_free_context(c);
+    }
+};
+using OutputPtr = std::unique_ptr<AVFormatContext, OutputCloser>;
+
+struct PacketFree {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+
+// Decode times for packets that carry only a presentation time (Matroska):
+// the smallest of the last `delay`+1 presentation times, as a reordering
+// decoder would release them.
+class DtsGuess {
+public:
+    void setDelay(int delay) {
+        m_buffer.assign(size_t(std::clamp(delay, 0, 16)) + 1, AV_NOPTS_VALUE);
+    }
+    int64_t next(int64_t pts, int64_t duration) {
+        const size_t delay = m_buffer.size() - 1;
+        m_buffer[0] = pts;
+        for (size_t i = 1; i <= delay && m_buffer[i] == AV_NOPTS_VALUE; ++i)
+            m_buffer[i] = pts + (int64_t(i) - int64_t(delay) - 1) * std::max<int64_t>(duration, 1);
+        for (size_t i = 0; i < delay && m_buffer[i] > m_buffer[i + 1]; ++i)
+            std::swap(m_buffer[i], m_buffer[i + 1]);
+        return m_buffer[0];
+    }
+
+private:
+    std::vector<int64_t> m_buffer{AV_NOPTS_VALUE};
+};
+
+struct OutStream {
+    AVStream* in = nullptr;
+    AVStream* out = nullptr;
+    int input = 0;      // 0 video source, 1 stand-by file
+    int64_t offset = 0; // added to the input's time stamps (input time base)
+    DtsGuess guess;
+    int64_t lastDts = AV_NOPTS_VALUE; // output time base
+    std::deque<PacketPtr> queue;
+    uint64_t samples = 0, keyframes = 0, chunks = 0, bytes = 0;
+};
+
+struct Input {
+    AVFormatContext* ctx = nullptr;
+    std::vector<int> map; // input stream index -> output stream, -1 unused
+    std::deque<PacketPtr> preroll;
+    bool eof = false;
+    double last = -1e300; // seconds of the latest packet read
+};
+
+bool openInput(const std::string& path, const char* role, InputPtr* ctx, std::string* error) {
+    AVFormatContext* c = nullptr;
+    // "file:" keeps a colon in a file name from being read as a protocol.
+    int rc = avformat_open_input(&c, ("file:" + path).c_str(), nullptr, nullptr);
+    if (rc < 0) {
+        *error = std::string("cannot open the ") + role + " " + path + ": " + avError(rc);
+        return false;
+    }
+    ctx->reset(c);
+    rc = avformat_find_stream_info(c, nullptr);
+    if (rc < 0) {
+        *error = std::string("cannot read the ") + role + " " + path + ": " + avError(rc);
+        return false;
+    }
+    return true;
+}
+
+bool isPicture(const AVStream* s) {
+    return s->disposition & AV_DISPOSITION_ATTACHED_PIC;
+}
+
+AVStream* pickVideo(AVFormatContext* c) {
+    AVStream* best = nullptr;
+    for (unsigned i = 0; i < c->nb_streams; ++i) {
+        AVStream* s = c->streams[i];
+        if (s->codecpar->codec_type != AVMEDIA_TYPE_VIDEO || isPicture(s))
+            continue;
+        if (!best || ((s->disposition & AV_DISPOSITION_DEFAULT) &&
+                      !(best->disposition & AV_DISPOSITION_DEFAULT)))
+            best = s;
+    }
+    return best;
+}
+
+// Chapter tracks turn into chapters when read; their own stream is discarded.
+bool isChapterTrack(const AVStream* s) {
+    return s->discard == AVDISCARD_ALL;
+}
+
+int64_t startOf(const AVStream* s, const AVFormatContext* c) {
+    if (s->start_time != AV_NOPTS_VALUE)
+        return s->start_time;
+    if (c->start_time != AV_NOPTS_VALUE)
+        return av_rescale_q(c->start_time, AV_TIME_BASE_Q, s->time_base);
+    return 0;
+}
+
+double durationSeconds(const AVStream* s, const AVFormatContext* c) {
+    if (s->duration > 0)
+        return double(s->duration) * av_q2d(s->time_base);
+    if (c->duration > 0)
+        return double(c->duration) / AV_TIME_BASE;
+    return 0;
+}
+
+const AVOutputFormat* chooseFormat(const std::string& hint, const std::vector<AVCodecID>& codecs) {
+    const AVOutputFormat* f = av_guess_format(nullptr, hint.c_str(), nullptr);
+    const AVOutputFormat* mp4 = av_guess_format("mp4", nullptr, nullptr);
+    if (!f || (std::strcmp(f->name, "ipod") != 0 && std::strcmp(f->name, "mov") != 0 &&
+               std::strcmp(f->name, "mp4") != 0))
+        return mp4;
+    // The iPod flavour takes fewer codecs; the plain MP4 one takes the rest.
+    for (AVCodecID id : codecs)
+        if (avformat_query_codec(f, id, FF_COMPLIANCE_NORMAL) != 1)
+            return mp4;
+    return f;
+}
+
+// A codec tag the container knows is kept ("hvc1" from an MP4 source);
+// otherwise the muxer picks one. HEVC with its parameter sets in the
+// configuration record is marked "hvc1", the form Apple players want.
+uint32_t outputTag(const AVOutputFormat* f, const AVCodecParameters* p) {
+    if (p->codec_tag && av_codec_get_id(f->codec_tag, p->codec_tag) == p->codec_id)
+        return p->codec_tag;
+    if (p->codec_id == AV_CODEC_ID_HEVC && p->extradata_size > 0 && p->extradata[0] == 1)
+        return MKTAG('h', 'v', 'c', '1');
+    return 0;
+}
+
+// Annex B video (MPEG-TS) may come without its decoder configuration; it is
+// taken from the first packets that carry it, which are kept for writing.
+bool findExtradata(Input& in, AVStream* video, std::string* error) {
+    const AVCodecID id = video->codecpar->codec_id;
+    if (video->codecpar->extradata_size > 0 || (id != AV_CODEC_ID_H264 && id != AV_CODEC_ID_HEVC))
+        return true;
+    const AVBitStreamFilter* filter = av_bsf_get_by_name("extract_extradata");
+    AVBSFContext* bsf = nullptr;
+    if (!filter || av_bsf_alloc(filter, &bsf) < 0)
+        return true;
+    std::unique_ptr<AVBSFContext, void (*)(AVBSFContext*)> hold(
+        bsf, [](AVBSFContext* b) { av_bsf_free(&b); });
+    avcodec_parameters_copy(bsf->par_in, video->codecpar);
+    bsf->time_base_in = video->time_base;
+    if (av_bsf_init(bsf) < 0)
+        return true;
+    PacketPtr out(av_packet_alloc());
+    for (int n = 0; n < kMaxPreroll; ++n) {
+        PacketPtr pkt(av_packet_alloc());
+        const int rc = av_read_frame(in.ctx, pkt.get());
+        if (rc < 0)
+            break;
+        if (pkt->stream_index == video->index) {
+            PacketPtr copy(av_packet_clone(pkt.get()));
+            if (copy && av_bsf_send_packet(bsf, copy.get()) >= 0) {
+                while (av_bsf_receive_packet(bsf, out.get()) >= 0) {
+                    size_t size = 0;
+                    const uint8_t* data =
+                        av_packet_get_side_data(out.get(), AV_PKT_DATA_NEW_EXTRADATA, &size);
+                    if (data && size > 0 && video->codecpar->extradata_size == 0) {
+                        video->codecpar->extradata =
+                            static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
+                        std::memcpy(video->codecpar->extradata, data, size);
+                        video->codecpar->extradata_size = int(size);
+                    }
+                    av_packet_unref(out.get());
+                }
+            }
+        }
+        in.preroll.push_back(std::move(pkt));
+        if (video->codecpar->extradata_size > 0)
+            return true;
+    }
+    *error = "the video stream carries no decoder configuration (no sequence parameter set "
+             "found in its first packets)";
+    return false;
+}
+
+int readPacket(Input& in, AVPacket* pkt) {
+    if (!in.preroll.empty()) {
+        av_packet_move_ref(pkt, in.preroll.front().get());
+        in.preroll.pop_front();
+        return 0;
+    }
+    return av_read_frame(in.ctx, pkt);
+}
+
+// Upper bound of the sample tables the muxer will write, from what was written.
+uint64_t moovBound(const std::deque<OutStream>& streams, const AVFormatContext* oc) {
+    uint64_t n = 8192;
+    for (const auto& s : streams)
+        n += 4096 + s.samples * 20 + s.keyframes * 4 + (s.chunks + s.bytes / (1u << 20) + 1) * 20;
+    for (unsigned i = 0; i < oc->nb_chapters; ++i) {
+        const AVDictionaryEntry* t = av_dict_get(oc->chapters[i]->metadata, "title", nullptr, 0);
+        n += 96 + 2 * (t ? std::strlen(t->value) : 0);
+    }
+    return n;
+}
+
+} // namespace
+
+bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
+           std::string* error) {
+    av_log_set_callback(logCallback);
+
+    InputPtr videoCtx, sourceCtx;
+    if (!openInput(request.videoPath, "video source", &videoCtx, error) ||
+        !openInput(request.sourcePath, "converted file", &sourceCtx, error))
+        return false;
+
+    Input inputs[2];
+    inputs[0].ctx = videoCtx.get();
+    inputs[1].ctx = sourceCtx.get();
+    for (Input& in : inputs)
+        in.map.assign(in.ctx->nb_streams, -1);
+
+    AVStream* video = pickVideo(videoCtx.get());
+    if (!video) {
+        *error = "the video source " + request.videoPath + " has no video stream";
+        return false;
+    }
+    if (video->codecpar->codec_id == AV_CODEC_ID_NONE) {
+        *error = "the video stream of " + request.videoPath + " is in an unknown format";
+        return false;
+    }
+    AVStream* standby = pickVideo(sourceCtx.get());
+
+    std::deque<OutStream> streams;
+    streams.emplace_back();
+    streams.back().in = video;
+    streams.back().input = 0;
+    for (unsigned i = 0; i < sourceCtx->nb_streams; ++i) {
+        AVStream* s = sourceCtx->streams[i];
+        const AVMediaType type = s->codecpar->codec_type;
+        if (type == AVMEDIA_TYPE_VIDEO || isChapterTrack(s) || isPicture(s) ||
+            (type != AVMEDIA_TYPE_AUDIO && type != AVMEDIA_TYPE_SUBTITLE))
+            continue;
+        streams.emplace_back();
+        streams.back().in = s;
+        streams.back().input = 1;
+    }
+    for (unsigned i = 0; i < videoCtx->nb_streams; ++i)
+        if (videoCtx->streams[i] != video)
+            videoCtx->streams[i]->discard = AVDISCARD_ALL;
+
+    if (!findExtradata(inputs[0], video, error))
+        return false;
+
+    std::vector<AVCodecID> codecs;
+    for (const auto& s : streams)
+        codecs.push_back(s.in->codecpar->codec_id);
+    const AVOutputFormat* format = chooseFormat(request.formatHint, codecs);
+
+    AVFormatContext* rawOut = nullptr;
+    int rc = avformat_alloc_output_context2(&rawOut, format, nullptr, request.outputPath.c_str());
+    if (rc < 0) {
+        *error = "cannot set up the output: " + avError(rc);
+        return false;
+    }
+    OutputPtr oc(rawOut);
+
+    // The stand-by video and the source video mark the same instant: the
+    // source's video moves onto the stand-by video's start, the stand-by
+    // file's own time line (audio, subtitles, chapters) stays as it is.
+    const int64_t videoStart = startOf(video, videoCtx.get());
+    const int64_t standbyStart = standby ? av_rescale_q(startOf(standby, sourceCtx.get()),
+                                                        standby->time_base, video->time_base)
+                                         : 0;
+
+    result->sourceTrackIds.clear();
+    for (size_t k = 0; k < streams.size(); ++k) {
+        OutStream& s = streams[k];
+        AVStream* o = avformat_new_stream(oc.get(), nullptr);
+        if (!o || avcodec_parameters_copy(o->codecpar, s.in->codecpar) < 0) {
+            *error = "out of memory";
+            return false;
+        }
+        o->codecpar->codec_tag = outputTag(format, s.in->codecpar);
+        o->time_base = s.in->time_base;
+        o->avg_frame_rate = s.in->avg_frame_rate;
+        o->sample_aspect_ratio = s.in->sample_aspect_ratio;
+        o->disposition = s.in->disposition & ~AV_DISPOSITION_ATTACHED_PIC;
+        if (const AVDictionaryEntry* lang = av_dict_get(s.in->metadata, "language", nullptr, 0))
+            av_dict_set(&o->metadata, "language", lang->value, 0);
+        s.out = o;
+        s.guess.setDelay(s.in->codecpar->video_delay);
+        s.offset = s.input == 0 ? standbyStart - videoStart : 0;
+        inputs[s.input].map[size_t(s.in->index)] = int(k);
+        if (s.input == 0)
+            result->sourceTrackIds.push_back(standby ? standby->id : 0);
+        else
+            result->sourceTrackIds.push_back(s.in->id);
+    }
+
+    // Chapters come from the stand-by file, on its time line.
+    if (sourceCtx->nb_chapters > 0) {
+        oc->chapters =
+            static_cast<AVChapter**>(av_calloc(sourceCtx->nb_chapters, sizeof(AVChapter*)));
+        for (unsigned i = 0; oc->chapters && i < sourceCtx->nb_chapters; ++i) {
+            const AVChapter* c = sourceCtx->chapters[i];
+            AVChapter* copy = static_cast<AVChapter*>(av_mallocz(sizeof(AVChapter)));
+            if (!copy)
+                break;
+            copy->id = c->id;
+            copy->time_base = c->time_base;
+            copy->start = c->start;
+            copy->end = c->end;
+            av_dict_copy(&copy->metadata, c->metadata, 0);
+            oc->chapters[oc->nb_chapters++] = copy;
+        }
+    }
+
+    // Room for moov in front of the media data, from the expected sample
+    // count; checked against the real count before the end is written.
+    uint64_t reserve = 0;
+    if (request.moovInFront) {
+        const double seconds = durationSeconds(video, videoCtx.get());
+        AVRational rate =
+            video->avg_frame_rate.num > 0 ? video->avg_frame_rate : video->r_frame_rate;
+        const double fps = rate.num > 0 && rate.den > 0 ? std::min(av_q2d(rate), 240.0) : 60.0;
+        const uint64_t frames =
+            video->nb_frames > 0 ? uint64_t(video->nb_frames) : uint64_t(seconds * fps * 1.02) + 64;
+        const uint64_t chunks = uint64_t(seconds / kChunkSeconds + 2) * streams.size();
+        int64_t sourceMoov = 0;
+        const int64_t sourceSize = avio_size(sourceCtx->pb);
+        // The stand-by file is small: its whole size bounds its sample tables and tags.
+        sourceMoov = sourceSize > 0 ? std::min<int64_t>(sourceSize, 64 << 20) : (1 << 20);
+        const double estimate = 16384.0 + frames * 24.0 + chunks * 24.0 +
+                                double(request.extraMoovBytes) + double(sourceMoov) / 4;
+        reserve = uint64_t(estimate * 1.25) + 65536;
+        if (request.forcedReserve >= 0)
+            reserve = uint64_t(request.forcedReserve);
+        reserve = std::min<uint64_t>((reserve + 4095) & ~uint64_t(4095), INT32_MAX);
+    }
+    result->reserved = reserve;
+
+    rc = avio_open2(&oc->pb, ("file:" + request.outputPath).c_str(),
+                    AVIO_FLAG_WRITE | AVIO_FLAG_DIRECT, nullptr, nullptr);
+    if (rc < 0) {
+        *error = "cannot write " + request.outputPath + ": " + avError(rc);
+        return false;
+    }
+    AVDictionary* options = nullptr;
+    if (reserve > 0)
+        av_dict_set_int(&options, "moov_size", int64_t(reserve), 0);
+    rc = avformat_write_header(oc.get(), &options);
+    av_dict_free(&options);
+    if (rc < 0) {
+        *error = "cannot start the output file: " + avError(rc);
+        const std::string why = lastLogLine();
+        if (!why.empty())
+            *error += " (" + why + ")";
+        return false;
+    }
+
+    const int64_t videoSize = avio_size(videoCtx->pb);
+    size_t queuedBytes = 0;
+    double chunkEnd = -1e300;
+    bool first = true;
+
+    auto writeQueued = [&](double until, bool all) -> bool {
+        for (OutStream& s : streams) {
+            bool wrote = false;
+            while (!s.queue.empty()) {
+                AVPacket* p = s.queue.front().get();
+                const double t = double(p->dts) * av_q2d(s.out->time_base);
+                if (!all && t >= until)
+                    break;
+                ++s.samples;
+                s.bytes += uint64_t(p->size);
+                if (p->flags & AV_PKT_FLAG_KEY)
+                    ++s.keyframes;
+                queuedBytes -= size_t(p->size);
+                const int w = av_write_frame(oc.get(), p);
+                s.queue.pop_front();
+                if (w < 0) {
+                    *error = "cannot write the output file: " + avError(w);
+                    const std::string why = lastLogLine();
+                    if (!why.empty())
+                        *error += " (" + why + ")";
+                    return false;
+                }
+                wrote = true;
+            }
+            if (wrote)
+                ++s.chunks;
+        }
+        return true;
+    };
+
+    PacketPtr pkt(av_packet_alloc());
+    for (;;) {
+        Input* in = nullptr;
+        for (Input& candidate : inputs)
+            if (!candidate.eof && (!in || candidate.last < in->last))
+                in = &candidate;
+        if (!in)
+            break;
+        rc = readPacket(*in, pkt.get());
+        if (rc == AVERROR_EOF || (rc < 0 && avio_feof(in->ctx->pb))) {
+            in->eof = true;
+        } else if (rc < 0) {
+            *error = std::string("cannot read ") +
+                     (in == &inputs[0] ? request.videoPath : request.sourcePath) + ": " +
+                     avError(rc);
+            return false;
+        } else {
+            const int k = in->map[size_t(pkt->stream_index)];
+            if (k < 0) {
+                av_packet_unref(pkt.get());
+                continue;
+            }
+            OutStream& s = streams[size_t(k)];
+            if (pkt->dts == AV_NOPTS_VALUE && pkt->pts != AV_NOPTS_VALUE)
+                pkt->dts = s.guess.next(pkt->pts, pkt->duration);
+            if (pkt->pts != AV_NOPTS_VALUE)
+                pkt->pts += s.offset;
+            if (pkt->dts != AV_NOPTS_VALUE)
+                pkt->dts += s.offset;
+            av_packet_rescale_ts(pkt.get(), s.in->time_base, s.out->time_base);
+            if (pkt->dts == AV_NOPTS_VALUE)
+                pkt->dts = s.lastDts == AV_NOPTS_VALUE
+                               ? 0
+                               : s.lastDts + std::max<int64_t>(pkt->duration, 1);
+            // The muxer takes strictly rising decode times, never after presentation.
+            if (s.lastDts != AV_NOPTS_VALUE && pkt->dts <= s.lastDts)
+                pkt->dts = s.lastDts + 1;
+            if (pkt->pts == AV_NOPTS_VALUE || pkt->pts < pkt->dts)
+                pkt->pts = pkt->dts;
+            s.lastDts = pkt->dts;
+            pkt->stream_index = k;
+            pkt->pos = -1;
+            const double t = double(pkt->dts) * av_q2d(s.out->time_base);
+            in->last = std::max(in->last, t);
+            if (first) {
+                chunkEnd = t + kChunkSeconds;
+                first = false;
+            }
+            queuedBytes += size_t(pkt->size);
+            s.queue.emplace_back(av_packet_alloc());
+            av_packet_move_ref(s.queue.back().get(), pkt.get());
+            if (s.input == 0)
+                ++result->videoPackets;
+        }
+        // A run is written once every input has read past its end.
+        for (;;) {
+            bool ready = !first;
+            bool allDone = true;
+            for (const Input& i : inputs) {
+                allDone = allDone && i.eof;
+                if (!i.eof && i.last < chunkEnd)
+                    ready = false;
+            }
+            if (allDone || queuedBytes > kMaxQueuedBytes) {
+                if (!writeQueued(0, true))
+                    return false;
+                break;
+            }
+            if (!ready)
+                break;
+            if (!writeQueued(chunkEnd, false))
+                return false;
+            chunkEnd += kChunkSeconds;
+        }
+        if (videoSize > 0 && in == &inputs[0])
+            progress.update(100.0 * double(avio_tell(videoCtx->pb)) / double(videoSize));
+    }
+    if (!writeQueued(0, true))
+        return false;
+
+    // Too little room reserved (a wrong duration in the source): the muxer
+    // would write moov over the media data, so it goes to the end instead.
+    const uint64_t bound = moovBound(streams, oc.get()) + request.extraMoovBytes;
+    result->reserveFits = reserve > 0 && bound + 8 <= reserve;
+    if (reserve > 0 && !result->reserveFits)
+        av_opt_set_int(oc->priv_data, "moov_size", 0, 0);
+
+    rc = av_write_trailer(oc.get());
+    if (rc < 0) {
+        *error = "cannot finish the output file: " + avError(rc);
+        const std::string why = lastLogLine();
+        if (!why.empty())
+            *error += " (" + why + ")";
+        return false;
+    }
+    avio_flush(oc->pb);
+    if (oc->pb->error < 0) {
+        *error = "cannot write the output file: " + avError(oc->pb->error);
+        return false;
+    }
+    rc = avio_closep(&oc->pb);
+    if (rc < 0) {
+        *error = "cannot write the output file: " + avError(rc);
+        return false;
+    }
+    if (reserve > 0 && !result->reserveFits) {
+        // The unused reservation is still a hole after ftyp: make it a free box.
+        const int fd = ::open(request.outputPath.c_str(), O_RDWR | O_CLOEXEC);
+        uint8_t head[8];
+        bool ok = fd >= 0 && ::pread(fd, head, 4, 0) == 4;
+        if (ok) {
+            const uint64_t ftypSize = (uint64_t(head[0]) << 24) | (uint64_t(head[1]) << 16) |
+                                      (uint64_t(head[2]) << 8) | uint64_t(head[3]);
+            const uint32_t n = uint32_t(reserve);
+            const uint8_t box[8] = {uint8_t(n >> 24),
+                                    uint8_t(n >> 16),
+                                    uint8_t(n >> 8),
+                                    uint8_t(n),
+                                    'f',
+                                    'r',
+                                    'e',
+                                    'e'};
+            ok = ::pwrite(fd, box, 8, off_t(ftypSize)) == 8;
+        }
+        if (fd >= 0)
+            ::close(fd);
+        if (!ok) {
+            *error = "cannot write the output file " + request.outputPath;
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace muxer
