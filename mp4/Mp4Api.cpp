@@ -245,7 +245,8 @@ bool sampleOffset(const Box* trak, MP4SampleId id, uint64_t* offset) {
         const uint64_t perChunk = readBE(stsc->data(), 12 + e * 12, 4);
         const uint64_t nextFirst =
             e + 1 < entries ? readBE(stsc->data(), 8 + (e + 1) * 12, 4) : chunks + 1;
-        if (firstChunk == 0 || perChunk == 0 || nextFirst < firstChunk)
+        // Chapter tracks keep a sample or a few per chunk; thousands means damage.
+        if (firstChunk == 0 || perChunk == 0 || perChunk > 4096 || nextFirst < firstChunk)
             return false;
         const uint64_t span = (nextFirst - firstChunk) * perChunk;
         if (id < sample + span) {
@@ -636,6 +637,9 @@ bool MP4GetTrackIntegerProperty(MP4FileHandle hFile, MP4TrackId trackId, const c
 
 namespace {
 
+// Far beyond any real chapter list; bounds the work on damaged tables.
+constexpr uint32_t kMaxChapters = 10000;
+
 struct ChapterEntry {
     uint64_t startMs;
     std::string title;
@@ -650,7 +654,7 @@ bool qtChapters(Handle* h, std::vector<ChapterEntry>& out, uint64_t& endMs) {
         const MdhdFields f = mdhd(text);
         if (!text || !f.ok || f.timeScale == 0)
             continue;
-        const uint32_t n = sampleCount(text);
+        const uint32_t n = std::min<uint32_t>(sampleCount(text), kMaxChapters);
         uint64_t time = 0;
         for (MP4SampleId s = 1; s <= n; ++s) {
             uint64_t offset = 0;

@@ -2,6 +2,7 @@
 // and mediainfo read back; what AtomicParsley and HandBrake write, we read.
 
 #include "Mp4TestMedia.h"
+#include "mp4/Mp4File.h"
 #include "mp4/mp4.h"
 
 #include <QJsonArray>
@@ -250,5 +251,49 @@ TEST(Mp4Interop, WeReadWhatHandBrakeWrites) {
     EXPECT_TRUE(MP4GetTrackIntegerProperty(h, ac3, "mdia.minf.stbl.stsd.ac-3.dac3.acmod", &acmod));
     EXPECT_EQ(acmod, 7u);
     EXPECT_EQ(MP4GetNumberOfTracks(h, MP4_VIDEO_TRACK_TYPE), 1u);
+    MP4Close(h);
+}
+
+// The write protocol relies on readers taking the first moov when a kill
+// leaves two: check that ffprobe and our reader agree on that.
+TEST(Mp4Interop, FfprobeAndWeTakeTheFirstOfTwoMoovs) {
+    REQUIRE_TOOL("ffprobe");
+    QTemporaryDir dir;
+    auto tagged = [&](const char* file, const char* title) {
+        const QString path = copyInto(dir, aacSample(), QString::fromLatin1(file));
+        MP4FileHandle h = MP4Modify(path.toUtf8().constData());
+        const MP4Tags* t = MP4TagsAlloc();
+        MP4TagsFetch(t, h);
+        MP4TagsSetName(t, title);
+        MP4TagsStore(t, h);
+        MP4TagsFree(t);
+        MP4Close(h);
+        return readAll(path);
+    };
+    const QByteArray first = tagged("a.mp4", "First");
+    tagged("b.mp4", "Second");
+    // Both keep the media where it was, so the second file's moov is valid
+    // after the first file too.
+    std::string error;
+    auto second = tarnwick::mp4::File::open((dir.path() + "/b.mp4").toStdString(), false, &error);
+    ASSERT_TRUE(second) << error;
+    tarnwick::mp4::Bytes moov;
+    second->moov()->serialize(moov);
+    const QByteArray lastMoov(reinterpret_cast<const char*>(moov.data()), qsizetype(moov.size()));
+    const QString both = dir.path() + "/both.mp4";
+    QFile f(both);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(first + lastMoov);
+    f.close();
+    const RunResult r =
+        run(QStringLiteral("ffprobe"),
+            {"-v", "error", "-show_entries", "format_tags=title", "-of", "csv=p=0", both});
+    EXPECT_EQ(r.out.trimmed(), "First");
+    EXPECT_TRUE(r.err.trimmed().isEmpty()) << r.err.toStdString();
+    MP4FileHandle h = MP4Read(both.toUtf8().constData());
+    const MP4Tags* t = MP4TagsAlloc();
+    MP4TagsFetch(t, h);
+    EXPECT_STREQ(t->name, "First");
+    MP4TagsFree(t);
     MP4Close(h);
 }

@@ -434,8 +434,10 @@ TEST_F(Mp4Write, KilledWriterLeavesOldOrNewTags) {
             QByteArray errors;
             ASSERT_TRUE(ffmpegPlays(QString::fromStdString(path), &errors))
                 << v.label << " round " << round << ": " << errors.toStdString();
-            // Between the two header flips both moovs exist; never more.
-            EXPECT_LE(layoutOf(path).moovCount, 2u) << v.label << " round " << round;
+            // A kill between the header flips leaves extra moovs behind the
+            // first one; the next complete write clears them all.
+            if (!killed)
+                EXPECT_EQ(layoutOf(path).moovCount, 1u) << v.label << " round " << round;
         }
         EXPECT_EQ(packetHash(QString::fromStdString(path)), packets) << v.label;
     }
