@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/OrderedDictionary.h"
+#include "mp4/mp4.h"
 
 #include <QByteArray>
 #include <QByteArrayView>
@@ -108,6 +109,17 @@ public:
     static void setMetadataListValue(bool flag, const QString& key);
     // The tags of every switched-on group, group by group, each sorted by name.
     static OrderedDictionary<QString, bool> orderedMetadataList();
+
+    // --- tag IO (MDB_MetadataIO.cpp) ----------------------------------------
+    // Writes the record into the tags of a file opened with MP4Modify(); false
+    // only without a handle.
+    bool writeMetadataToFile(MP4FileHandle handle, bool isTV) const;
+    // Reads the file's tags into the record; true when the file has cover art.
+    bool readMetaDataFromFile(MP4FileHandle handle, bool isTV);
+    // The first cover art of a file; a null image when there is none.
+    static QImage readImageFromFile(const QUrl& url);
+    // The name of a numeric iTunes genre; null for an unknown code.
+    static QString getGenreFromID(int genreID);
 
     // --- archiving ---------------------------------------------------------
     void encodeWithCoder(KeyedArchive& coder) const;

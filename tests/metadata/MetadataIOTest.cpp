@@ -1,0 +1,600 @@
+// Tag writing and reading on real files made with ffmpeg, checked through the
+// MP4 layer and against AtomicParsley and ffmpeg as independent readers.
+
+#include "core/PropertyList.h"
+#include "core/SettingsKeys.h"
+#include "core/UserDefaults.h"
+#include "metadata/MDB_Artwork.h"
+#include "metadata/MDB_Basicdata.h"
+#include "metadata/MDB_Metadata.h"
+#include "metadata/TagNames.h"
+#include "mp4/Mp4TestMedia.h"
+#include "mp4/mp4.h"
+
+#include <QImage>
+#include <QTemporaryDir>
+#include <QUrl>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+
+using namespace mp4test;
+
+namespace {
+
+class MetadataIO : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(m_dir.isValid());
+        UserDefaults::standard().reopen(m_dir.filePath("Tarnwick.plist"));
+        UserDefaults::standard().setObject(QStringLiteral("en-US"), SettingsKey::LanguageRegion);
+        const QString source = aacSample();
+        ASSERT_FALSE(source.isEmpty());
+        m_path = copyInto(m_dir, source, "movie.m4v");
+    }
+    void TearDown() override { UserDefaults::standard().reopen(); }
+
+    QByteArray path() const { return QFile::encodeName(m_path); }
+
+    // A record with no tags at all (a new record starts with the initTags() set).
+    static MDB_Metadata bare() {
+        MDB_Metadata r;
+        r.setTagsDict({});
+        return r;
+    }
+
+    void write(const MDB_Metadata& record, bool isTV = false) {
+        MP4FileHandle h = MP4Modify(path().constData());
+        ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
+        EXPECT_TRUE(record.writeMetadataToFile(h, isTV));
+        MP4Close(h);
+    }
+
+    MDB_Metadata read(bool isTV = false, bool* hadArtwork = nullptr) {
+        MDB_Metadata r = bare();
+        MP4FileHandle h = MP4Read(path().constData());
+        EXPECT_NE(h, MP4_INVALID_FILE_HANDLE);
+        const bool art = r.readMetaDataFromFile(h, isTV);
+        if (hadArtwork)
+            *hadArtwork = art;
+        MP4Close(h);
+        return r;
+    }
+
+    void inspect(const std::function<void(const MP4Tags*)>& check) {
+        MP4FileHandle h = MP4Read(path().constData());
+        ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
+        const MP4Tags* tags = MP4TagsAlloc();
+        ASSERT_TRUE(MP4TagsFetch(tags, h));
+        check(tags);
+        MP4TagsFree(tags);
+        MP4Close(h);
+    }
+
+    // The values of every freeform item of that meaning and name.
+    QList<QByteArray> items(const char* meaning, const char* name) {
+        QList<QByteArray> values;
+        MP4FileHandle h = MP4Read(path().constData());
+        if (!h)
+            return values;
+        if (MP4ItmfItemList* list = MP4ItmfGetItemsByMeaning(h, meaning, name)) {
+            for (uint32_t i = 0; i < list->size; ++i) {
+                const MP4ItmfData& d = list->elements[i].dataList.elements[0];
+                EXPECT_EQ(d.typeCode, MP4_ITMF_BT_UTF8);
+                values.append(QByteArray(reinterpret_cast<const char*>(d.value), d.valueSize));
+            }
+            MP4ItmfItemListFree(list);
+        }
+        MP4Close(h);
+        return values;
+    }
+
+    // Adds a freeform UTF-8 item the way another program would.
+    void addRawItem(const char* meaning, const char* name, const QByteArray& value) {
+        MP4FileHandle h = MP4Modify(path().constData());
+        ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
+        MP4ItmfItem* item = MP4ItmfItemAlloc("----", 1);
+        item->mean = strdup(meaning);
+        item->name = strdup(name);
+        item->dataList.elements[0].typeCode = MP4_ITMF_BT_UTF8;
+        item->dataList.elements[0].value = static_cast<uint8_t*>(malloc(value.size() + 1));
+        memcpy(item->dataList.elements[0].value, value.constData(), value.size());
+        item->dataList.elements[0].valueSize = uint32_t(value.size());
+        EXPECT_TRUE(MP4ItmfAddItem(h, item));
+        MP4ItmfItemFree(item);
+        MP4Close(h);
+    }
+
+    QTemporaryDir m_dir;
+    QString m_path;
+};
+
+TEST_F(MetadataIO, TextAndNumbersRoundTrip) {
+    MDB_Metadata r = bare();
+    const QStringList texts = {TagName::Name,
+                               TagName::Artist,
+                               TagName::AlbumArtist,
+                               TagName::Album,
+                               TagName::Grouping,
+                               TagName::Composer,
+                               TagName::Comments,
+                               TagName::Genre,
+                               TagName::ReleaseDate,
+                               TagName::TVShow,
+                               TagName::TVNetwork,
+                               TagName::TVEpisodeID,
+                               TagName::Description,
+                               TagName::LongDescription,
+                               TagName::SeriesDescription,
+                               TagName::Lyrics,
+                               TagName::Copyright,
+                               TagName::EncodingTool,
+                               TagName::EncodedBy,
+                               TagName::ITunesAccount,
+                               TagName::Keywords,
+                               TagName::Category,
+                               TagName::XID,
+                               TagName::SortName,
+                               TagName::SortArtist,
+                               TagName::SortAlbumArtist,
+                               TagName::SortAlbum,
+                               TagName::SortComposer,
+                               TagName::SortTVShow};
+    for (const QString& key : texts)
+        r.setTag(key + QStringLiteral(" – ünïcødé ✓"), key);
+    r.setTag("7/10", TagName::TrackNumber);
+    r.setTag("1/2", TagName::DiskNumber);
+    r.setTag("120", TagName::Tempo);
+    r.setTag("4", TagName::TVSeason);
+    r.setTag("12", TagName::TVEpisodeNumber);
+    r.setTag("1234567", TagName::ContentID);
+    r.setTag("9876543210123", TagName::PlaylistID);
+    r.setTag("11", TagName::ComposerID);
+    r.setTag("22", TagName::ArtistID);
+    r.setTag("33", TagName::GenreID);
+    r.setMediaKind(9);
+    r.setHdVideo(2);
+    r.setGapless(1);
+    r.setPodcast(1);
+    r.setContentRating(4);
+    write(r);
+
+    bool hadArtwork = true;
+    const MDB_Metadata back = read(false, &hadArtwork);
+    EXPECT_FALSE(hadArtwork);
+    for (const QString& key : texts)
+        EXPECT_EQ(back.getTag(key), key + QStringLiteral(" – ünïcødé ✓")) << qPrintable(key);
+    EXPECT_EQ(back.getTag(TagName::TrackNumber), "7/10");
+    EXPECT_EQ(back.getTag(TagName::DiskNumber), "1/2");
+    EXPECT_EQ(back.getTag(TagName::Tempo), "120");
+    EXPECT_EQ(back.getTag(TagName::TVSeason), "4");
+    EXPECT_EQ(back.getTag(TagName::TVEpisodeNumber), "12");
+    EXPECT_EQ(back.getTag(TagName::ContentID), "1234567");
+    EXPECT_EQ(back.getTag(TagName::PlaylistID), "9876543210123");
+    EXPECT_EQ(back.getTag(TagName::ComposerID), "11");
+    EXPECT_EQ(back.getTag(TagName::ArtistID), "22");
+    EXPECT_EQ(back.getTag(TagName::GenreID), "33");
+    EXPECT_EQ(back.mediaKind(), 9);
+    EXPECT_EQ(back.hdVideo(), 2);
+    EXPECT_EQ(back.gapless(), 1);
+    EXPECT_EQ(back.podcast(), 1);
+    EXPECT_EQ(back.contentRating(), 4);
+    // Nothing that was not in the file appears in the record.
+    EXPECT_TRUE(back.getTag(TagName::PurchaseDate).isNull());
+    EXPECT_TRUE(back.getTag(TagName::Rating).isNull());
+    EXPECT_TRUE(back.getTag(TagName::Cast).isNull());
+}
+
+TEST_F(MetadataIO, TrackAndDiskNumbersAcceptSlashHyphenOrBlank) {
+    struct Case {
+        const char* text;
+        int index;
+        int total;
+        const char* readBack;
+    };
+    const Case cases[] = {{"3", 3, 0, "3/0"},        {"3/12", 3, 12, "3/12"},
+                          {"3-12", 3, 12, "3/12"},   {"3 12", 3, 12, "3/12"},
+                          {"3 / 12", 3, 12, "3/12"}, {"x", 0, 0, "0/0"}};
+    for (const Case& c : cases) {
+        MDB_Metadata r = bare();
+        r.setTag(c.text, TagName::TrackNumber);
+        r.setTag(c.text, TagName::DiskNumber);
+        write(r);
+        inspect([&](const MP4Tags* t) {
+            ASSERT_TRUE(t->track) << c.text;
+            EXPECT_EQ(t->track->index, c.index) << c.text;
+            EXPECT_EQ(t->track->total, c.total) << c.text;
+            ASSERT_TRUE(t->disk) << c.text;
+            EXPECT_EQ(t->disk->index, c.index) << c.text;
+            EXPECT_EQ(t->disk->total, c.total) << c.text;
+        });
+        const MDB_Metadata back = read();
+        EXPECT_EQ(back.getTag(TagName::TrackNumber), c.readBack) << c.text;
+        EXPECT_EQ(back.getTag(TagName::DiskNumber), c.readBack) << c.text;
+    }
+}
+
+TEST_F(MetadataIO, AbsentTagsAndZeroFlagsRemoveItemsButStoreIdsStay) {
+    MDB_Metadata r = bare();
+    r.setTag("Before", TagName::Name);
+    r.setTag("100", TagName::Tempo);
+    r.setTag("5", TagName::TVSeason);
+    r.setTag("42", TagName::ContentID);
+    r.setTag("777", TagName::PlaylistID);
+    r.setTag("8", TagName::ComposerID);
+    r.setTag("9", TagName::ArtistID);
+    r.setTag("10", TagName::GenreID);
+    r.setMediaKind(9);
+    r.setHdVideo(1);
+    r.setGapless(1);
+    r.setPodcast(1);
+    r.setContentRating(2);
+    write(r);
+
+    write(bare());
+    inspect([](const MP4Tags* t) {
+        EXPECT_FALSE(t->name);
+        EXPECT_FALSE(t->tempo);
+        EXPECT_FALSE(t->tvSeason);
+        EXPECT_FALSE(t->contentID);
+        // "Home Video" and the other zero flags are left out, not written as 0.
+        EXPECT_FALSE(t->mediaType);
+        EXPECT_FALSE(t->hdVideo);
+        EXPECT_FALSE(t->gapless);
+        EXPECT_FALSE(t->podcast);
+        // A content rating of "None" is still written.
+        ASSERT_TRUE(t->contentRating);
+        EXPECT_EQ(*t->contentRating, 0);
+        // Store identifiers missing from the record survive.
+        ASSERT_TRUE(t->playlistID);
+        EXPECT_EQ(*t->playlistID, 777u);
+        ASSERT_TRUE(t->composerID);
+        EXPECT_EQ(*t->composerID, 8u);
+        ASSERT_TRUE(t->artistID);
+        EXPECT_EQ(*t->artistID, 9u);
+        ASSERT_TRUE(t->genreID);
+        EXPECT_EQ(*t->genreID, 10u);
+    });
+
+    // Reading leaves fields the file lacks as they were in the record.
+    MDB_Metadata keep = bare();
+    keep.setTag("Mine", TagName::Name);
+    keep.setMediaKind(10);
+    MP4FileHandle h = MP4Read(path().constData());
+    ASSERT_TRUE(h);
+    keep.readMetaDataFromFile(h, false);
+    MP4Close(h);
+    EXPECT_EQ(keep.getTag(TagName::Name), "Mine");
+    EXPECT_EQ(keep.mediaKind(), 10);
+    EXPECT_EQ(keep.getTag(TagName::PlaylistID), "777");
+}
+
+TEST_F(MetadataIO, NumericGenreGivesWayToTheTextGenre) {
+    {
+        MP4FileHandle h = MP4Modify(path().constData());
+        ASSERT_TRUE(h);
+        const MP4Tags* t = MP4TagsAlloc();
+        MP4TagsFetch(t, h);
+        const uint16_t rock = 18;
+        MP4TagsSetGenreType(t, &rock);
+        MP4TagsStore(t, h);
+        MP4TagsFree(t);
+        MP4Close(h);
+    }
+    EXPECT_EQ(read().getTag(TagName::Genre), "Rock");
+    ASSERT_TRUE(MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path)));
+    EXPECT_EQ(MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path))->genre, "Rock");
+
+    MDB_Metadata r = bare();
+    r.setTag("Drama", TagName::Genre);
+    write(r);
+    inspect([](const MP4Tags* t) {
+        EXPECT_FALSE(t->genreType);
+        ASSERT_TRUE(t->genre);
+        EXPECT_STREQ(t->genre, "Drama");
+    });
+    EXPECT_EQ(read().getTag(TagName::Genre), "Drama");
+}
+
+TEST_F(MetadataIO, CoverArtIsTouchedOnlyWhenEdited) {
+    QImage red(40, 30, QImage::Format_RGB32);
+    red.fill(Qt::red);
+    QImage blue(20, 20, QImage::Format_RGB32);
+    blue.fill(Qt::blue);
+
+    MDB_Metadata r = bare();
+    r.setArtwork(red);
+    r.setIsArtworkEdited(true);
+    write(r);
+    inspect([](const MP4Tags* t) {
+        ASSERT_EQ(t->artworkCount, 1u);
+        EXPECT_EQ(t->artwork[0].type, MP4_ART_PNG);
+        EXPECT_EQ(QByteArray(static_cast<const char*>(t->artwork[0].data), 8),
+                  QByteArray("\x89PNG\r\n\x1a\n"));
+    });
+    bool had = false;
+    MDB_Metadata back = read(false, &had);
+    EXPECT_TRUE(had);
+    EXPECT_EQ(back.artwork().size(), QSize(40, 30));
+    EXPECT_EQ(back.artwork().pixelColor(5, 5), QColor(Qt::red));
+
+    // Not edited: neither a missing nor a different picture changes the file.
+    MDB_Metadata untouched = bare();
+    write(untouched);
+    untouched.setArtwork(blue);
+    write(untouched);
+    EXPECT_EQ(MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(m_path)).size(), QSize(40, 30));
+
+    // Edited: the first picture is replaced, not joined by a second.
+    untouched.setIsArtworkEdited(true);
+    write(untouched);
+    inspect([](const MP4Tags* t) { EXPECT_EQ(t->artworkCount, 1u); });
+    const auto art = MDB_Artwork::readArtworkFromFile(QUrl::fromLocalFile(m_path));
+    ASSERT_TRUE(art);
+    EXPECT_EQ(art->artwork.size(), QSize(20, 20));
+    EXPECT_EQ(art->artwork.pixelColor(1, 1), QColor(Qt::blue));
+
+    MDB_Metadata cleared = bare();
+    cleared.setIsArtworkEdited(true);
+    write(cleared);
+    inspect([](const MP4Tags* t) { EXPECT_EQ(t->artworkCount, 0u); });
+    EXPECT_FALSE(read(false, &had).artwork().isNull() && had);
+    EXPECT_FALSE(had);
+    EXPECT_TRUE(MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(m_path)).isNull());
+    EXPECT_FALSE(MDB_Artwork::readArtworkFromFile(QUrl::fromLocalFile(m_path)));
+}
+
+TEST_F(MetadataIO, RatingItemCarriesTheAnnotationAndIsTranslatedOnReading) {
+    MDB_Metadata r = bare();
+    r.setTag("mpaa|PG-13|300|", TagName::Rating);
+    r.setTag("For violence and sexuality.", TagName::RatingAnnotation);
+    write(r);
+    EXPECT_EQ(items("com.apple.iTunes", "iTunEXTC"),
+              QList<QByteArray>{"mpaa|PG-13|300|For violence and sexuality."});
+
+    MDB_Metadata back = read();
+    EXPECT_EQ(back.getTag(TagName::Rating), "mpaa|PG-13|300|");
+    EXPECT_EQ(back.getTag(TagName::RatingAnnotation), "For violence and sexuality.");
+
+    UserDefaults::standard().setObject(QStringLiteral("en-GB"), SettingsKey::LanguageRegion);
+    EXPECT_EQ(read().getTag(TagName::Rating), "uk-movie|12|300|");
+    EXPECT_EQ(read(true).getTag(TagName::Rating), "uk-tv|Caution|500|");
+    // A country without a rating table keeps the file's rating.
+    UserDefaults::standard().setObject(QStringLiteral("eo-XX"), SettingsKey::LanguageRegion);
+    EXPECT_EQ(read().getTag(TagName::Rating), "mpaa|PG-13|300|");
+}
+
+TEST_F(MetadataIO, RatingItemPresenceFollowsTheRatingKey) {
+    MDB_Metadata r = bare();
+    r.setTag("", TagName::Rating);
+    r.setTag("ignored without a rating", TagName::RatingAnnotation);
+    write(r);
+    EXPECT_EQ(items("com.apple.iTunes", "iTunEXTC"), QList<QByteArray>{QByteArray()});
+    // An empty value splits into fewer than three fields: no rating is read.
+    EXPECT_TRUE(read().getTag(TagName::Rating).isNull());
+
+    write(bare());
+    EXPECT_TRUE(items("com.apple.iTunes", "iTunEXTC").isEmpty());
+
+    // The item's length is the value's length modulo 256.
+    MDB_Metadata longOne = bare();
+    longOne.setTag("uk-movie|15|350|", TagName::Rating);
+    longOne.setTag(QString(284, u'a'), TagName::RatingAnnotation);
+    write(longOne);
+    const QList<QByteArray> values = items("com.apple.iTunes", "iTunEXTC");
+    ASSERT_EQ(values.size(), 1);
+    EXPECT_EQ(values.first(), QByteArray("uk-movie|15|350|").append(284, 'a').left(300 % 256));
+}
+
+TEST_F(MetadataIO, RatingsOfOtherWritersAreRead) {
+    addRawItem("com.apple.iTunes", "iTunEXTC", "uk-movie\\15\\350\\Strong language");
+    UserDefaults::standard().setObject(QStringLiteral("en-GB"), SettingsKey::LanguageRegion);
+    MDB_Metadata back = read();
+    EXPECT_EQ(back.getTag(TagName::Rating), "uk-movie|15|350|");
+    EXPECT_EQ(back.getTag(TagName::RatingAnnotation), "Strong language");
+
+    // A later item wins; a value of fewer than three fields changes nothing.
+    addRawItem("com.apple.iTunes", "iTunEXTC", "de-movie|Ab 12 Jahren|200|");
+    addRawItem("com.apple.iTunes", "iTunEXTC", "garbage");
+    back = read();
+    EXPECT_EQ(back.getTag(TagName::Rating), "uk-movie|PG|200|");
+    EXPECT_EQ(back.getTag(TagName::RatingAnnotation), "Strong language");
+}
+
+TEST_F(MetadataIO, CastAndCrewItem) {
+    MDB_Metadata r = bare();
+    r.setTag("Keanu Reeves,  Laurence Fishburne ,Carrie-Anne Moss", TagName::Cast);
+    r.setTag("Lana Wachowski, Lilly Wachowski", TagName::Director);
+    r.setTag("Joel Silver", TagName::Producers);
+    r.setTag("Warner Bros.", TagName::Studio);
+    write(r);
+    const QList<QByteArray> values = items("com.apple.iTunes", "iTunMOVI");
+    ASSERT_EQ(values.size(), 1);
+    const QVariantMap plist = PropertyList::fromData(values.first()).toMap();
+    EXPECT_EQ(plist.keys(), (QStringList{"cast", "directors", "producers", "studio"}));
+    EXPECT_EQ(plist.value("cast").toList().size(), 3);
+    EXPECT_EQ(plist.value("cast").toList().at(1).toMap().value("name"), "Laurence Fishburne");
+    EXPECT_EQ(plist.value("studio"), "Warner Bros.");
+
+    const MDB_Metadata back = read();
+    EXPECT_EQ(back.getTag(TagName::Cast), "Keanu Reeves, Laurence Fishburne, Carrie-Anne Moss");
+    EXPECT_EQ(back.getTag(TagName::Director), "Lana Wachowski, Lilly Wachowski");
+    EXPECT_EQ(back.getTag(TagName::Producers), "Joel Silver");
+    EXPECT_EQ(back.getTag(TagName::Studio), "Warner Bros.");
+    EXPECT_TRUE(back.getTag(TagName::Codirector).isNull());
+    EXPECT_TRUE(back.getTag(TagName::Screenwriters).isNull());
+}
+
+TEST_F(MetadataIO, CastAndCrewItemWithEmptyOrNoPeople) {
+    MDB_Metadata r = bare();
+    r.setTag("", TagName::Cast);
+    write(r);
+    const QList<QByteArray> values = items("com.apple.iTunes", "iTunMOVI");
+    ASSERT_EQ(values.size(), 1);
+    const QVariantMap plist = PropertyList::fromData(values.first()).toMap();
+    EXPECT_EQ(plist.value("cast").toList(), (QVariantList{QVariantMap{{"name", QString("")}}}));
+    EXPECT_TRUE(read().getTag(TagName::Cast).isNull());
+
+    write(bare());
+    EXPECT_TRUE(items("com.apple.iTunes", "iTunMOVI").isEmpty());
+
+    // A broken property list yields nothing.
+    addRawItem("com.apple.iTunes", "iTunMOVI", "<plist>not really");
+    EXPECT_TRUE(read().getTag(TagName::Cast).isNull());
+}
+
+TEST_F(MetadataIO, IdentifierItemForMoviesAndTv) {
+    MDB_Metadata movie = bare();
+    movie.setTag("603", TagName::TMDbID);
+    movie.setTag("tt0133093", TagName::IMDbID);
+    movie.setTag("999", TagName::TVDbID); // ignored for a movie
+    write(movie);
+    QList<QByteArray> values = items("com.oswenna.metadata", "MOVI");
+    ASSERT_EQ(values.size(), 1);
+    QVariantMap plist = PropertyList::fromData(values.first()).toMap();
+    EXPECT_EQ(plist.keys(), (QStringList{"IMDb ID", "TMDb ID"}));
+    MDB_Metadata back = read();
+    EXPECT_EQ(back.getTag(TagName::TMDbID), "603");
+    EXPECT_EQ(back.getTag(TagName::IMDbID), "tt0133093");
+    EXPECT_TRUE(back.getTag(TagName::TVDbID).isNull());
+
+    MDB_Metadata show = bare();
+    show.setTag("121361", TagName::TVDbID);
+    show.setTag("3254641", TagName::TVDbEID);
+    write(show, true);
+    values = items("com.oswenna.metadata", "MOVI");
+    ASSERT_EQ(values.size(), 1);
+    plist = PropertyList::fromData(values.first()).toMap();
+    EXPECT_EQ(plist.keys(), (QStringList{"TVDb EID", "TVDb ID"}));
+    // The episode key holds the series identifier.
+    EXPECT_EQ(plist.value("TVDb EID").toList(),
+              (QVariantList{QVariantMap{{"name", QString("121361")}}}));
+    back = read(true);
+    EXPECT_EQ(back.getTag(TagName::TVDbID), "121361");
+    EXPECT_EQ(back.getTag(TagName::TVDbEID), "121361");
+    EXPECT_TRUE(read(false).getTag(TagName::TVDbID).isNull());
+
+    write(bare());
+    EXPECT_TRUE(items("com.oswenna.metadata", "MOVI").isEmpty());
+}
+
+TEST_F(MetadataIO, ItemsOfOtherProgramsSurviveAndNoHandleMeansNo) {
+    addRawItem("com.apple.iTunes", "iTunNORM", " 00000A2B 00000B3C");
+    // Duplicates left by other programs all give way to the one new item.
+    addRawItem("com.apple.iTunes", "iTunEXTC", "mpaa|G|100|");
+    addRawItem("com.apple.iTunes", "iTunEXTC", "mpaa|PG|200|");
+    addRawItem("com.oswenna.metadata", "MOVI", "<plist/>");
+    MDB_Metadata r = bare();
+    r.setTag("Name", TagName::Name);
+    r.setTag("mpaa|R|400|", TagName::Rating);
+    r.setTag("Someone", TagName::Cast);
+    r.setTag("1", TagName::TMDbID);
+    write(r);
+    write(r);
+    EXPECT_EQ(items("com.apple.iTunes", "iTunNORM"), QList<QByteArray>{" 00000A2B 00000B3C"});
+    EXPECT_EQ(items("com.apple.iTunes", "iTunEXTC"), QList<QByteArray>{"mpaa|R|400|"});
+    EXPECT_EQ(items("com.apple.iTunes", "iTunMOVI").size(), 1);
+    EXPECT_EQ(items("com.oswenna.metadata", "MOVI").size(), 1);
+
+    EXPECT_FALSE(r.writeMetadataToFile(MP4_INVALID_FILE_HANDLE, false));
+    MDB_Metadata none = bare();
+    EXPECT_FALSE(none.readMetaDataFromFile(MP4_INVALID_FILE_HANDLE, false));
+}
+
+TEST_F(MetadataIO, IndependentReadersSeeOurTags) {
+    if (!haveTool("AtomicParsley") || !haveTool("ffprobe"))
+        GTEST_SKIP() << "AtomicParsley or ffprobe missing";
+    const QByteArray before = packetHash(m_path);
+    MDB_Metadata r = bare();
+    r.setTag("The Matrix", TagName::Name);
+    r.setTag("Sci-Fi & Fantasy", TagName::Genre);
+    r.setTag("mpaa|R|400|", TagName::Rating);
+    r.setTag("Keanu Reeves", TagName::Cast);
+    write(r);
+    // Tags alone leave every media packet as it was.
+    EXPECT_EQ(packetHash(m_path), before);
+    QImage art(32, 32, QImage::Format_RGB32);
+    art.fill(Qt::green);
+    r.setArtwork(art);
+    r.setIsArtworkEdited(true);
+    write(r);
+
+    const RunResult ap = run("AtomicParsley", {m_path, "-t"});
+    ASSERT_EQ(ap.exitCode, 0) << ap.err.toStdString();
+    const QString out = QString::fromUtf8(ap.out);
+    EXPECT_TRUE(out.contains("Atom \"©nam\" contains: The Matrix")) << qPrintable(out);
+    EXPECT_TRUE(out.contains("Atom \"©gen\" contains: Sci-Fi & Fantasy")) << qPrintable(out);
+    EXPECT_TRUE(out.contains("[com.apple.iTunes;iTunEXTC] contains: mpaa|R|400|"))
+        << qPrintable(out);
+    EXPECT_TRUE(out.contains("[com.apple.iTunes;iTunMOVI] contains: <?xml")) << qPrintable(out);
+    EXPECT_TRUE(out.contains("Atom \"covr\" contains: 1 piece of artwork")) << qPrintable(out);
+
+    const RunResult probe =
+        run("ffprobe", {"-v", "error", "-show_entries", "format_tags=title,genre", "-of",
+                        "default=nw=1", m_path});
+    EXPECT_EQ(probe.exitCode, 0);
+    EXPECT_TRUE(probe.out.contains("TAG:title=The Matrix")) << probe.out.toStdString();
+    QByteArray errors;
+    EXPECT_TRUE(ffmpegPlays(m_path, &errors)) << errors.toStdString();
+}
+
+TEST_F(MetadataIO, TagsOfAnotherWriterAreRead) {
+    if (!haveTool("AtomicParsley"))
+        GTEST_SKIP() << "AtomicParsley missing";
+    const QString cover = coverImage("cover-48.png", 48);
+    ASSERT_FALSE(cover.isEmpty());
+    const RunResult ap =
+        run("AtomicParsley", {m_path, "--title", "Blade Runner", "--genre", "Science Fiction",
+                              "--artwork", cover, "--overWrite"});
+    ASSERT_EQ(ap.exitCode, 0) << ap.err.toStdString() << ap.out.toStdString();
+
+    bool had = false;
+    const MDB_Metadata back = read(false, &had);
+    EXPECT_TRUE(had);
+    EXPECT_EQ(back.getTag(TagName::Name), "Blade Runner");
+    EXPECT_EQ(back.getTag(TagName::Genre), "Science Fiction");
+    EXPECT_EQ(back.artwork().size(), QSize(48, 48));
+
+    const auto basic = MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path));
+    ASSERT_TRUE(basic);
+    EXPECT_EQ(basic->name, "Blade Runner");
+    EXPECT_EQ(basic->sortName, "Blade Runner");
+    EXPECT_EQ(basic->genre, "Science Fiction");
+    EXPECT_EQ(basic->contentID, "movie.m4v");
+}
+
+TEST_F(MetadataIO, BasicDataFallsBackToTheFileName) {
+    const auto plain = MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path));
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(plain->url, QUrl::fromLocalFile(m_path));
+    EXPECT_EQ(plain->name, "movie");
+    EXPECT_EQ(plain->sortName, "movie");
+    EXPECT_EQ(plain->genre, "Unknown");
+    EXPECT_EQ(plain->contentID, "movie.m4v");
+    EXPECT_EQ(plain->hdVideo, 0);
+
+    MDB_Metadata r = bare();
+    r.setTag("Matrix, The", TagName::SortName);
+    r.setTag("The Matrix", TagName::Name);
+    r.setTag("1234", TagName::ContentID);
+    r.setHdVideo(2);
+    write(r);
+    const auto tagged = MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path));
+    ASSERT_TRUE(tagged);
+    EXPECT_EQ(tagged->name, "The Matrix");
+    EXPECT_EQ(tagged->sortName, "Matrix, The");
+    EXPECT_EQ(tagged->contentID, "1234");
+    EXPECT_EQ(tagged->hdVideo, 2);
+
+    EXPECT_FALSE(
+        MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_dir.filePath("missing.m4v"))));
+    QFile junk(m_dir.filePath("junk.m4v"));
+    ASSERT_TRUE(junk.open(QIODevice::WriteOnly));
+    junk.write("this is not an mp4 file at all");
+    junk.close();
+    EXPECT_FALSE(MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(junk.fileName())));
+    EXPECT_TRUE(MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(junk.fileName())).isNull());
+}
+
+} // namespace
