@@ -237,6 +237,13 @@ TEST(Mp4Chapters, ReadsTheChapterTextTrack) {
     EXPECT_STREQ(chapters[1].title, "Finale");
     EXPECT_NEAR(double(chapters[0].duration), 1000.0, 50.0);
     std::free(chapters);
+    // ffmpeg also writes the Nero list; it must say the same.
+    ASSERT_EQ(MP4GetChapters(h, &chapters, &count, MP4ChapterTypeNero), MP4ChapterTypeNero);
+    ASSERT_EQ(count, 2u);
+    EXPECT_STREQ(chapters[0].title, "Opening");
+    EXPECT_STREQ(chapters[1].title, "Finale");
+    EXPECT_EQ(chapters[0].duration, 1000u);
+    std::free(chapters);
     MP4Close(h);
 
     h = MP4Read(aacSample().toUtf8().constData());
