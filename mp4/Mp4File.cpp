@@ -131,7 +131,7 @@ std::unique_ptr<File> File::open(const std::string& path, bool writable, std::st
         return nullptr;
     }
     size_t used = 0;
-    f->m_moov = Box::parse(raw.data(), raw.size(), &used, 0, 1);
+    f->m_moov = Box::parse(raw.data(), raw.size(), &used);
     if (!f->m_moov || !f->m_moov->isContainer()) {
         if (error)
             *error = path + ": unreadable moov box";

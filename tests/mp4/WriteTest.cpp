@@ -214,6 +214,27 @@ TEST_F(Mp4Write, MoovFirstWithoutRoomMovesMoovToTheEndNotTheMedia) {
     EXPECT_EQ(packetHash(QString::fromStdString(path)), packets);
 }
 
+// A last box whose size field says "to the end of the file" would swallow an
+// appended moov; the writer gives it its real size first.
+TEST_F(Mp4Write, OpenEndedLastBoxIsSizedBeforeAppending) {
+    const std::string path = copy(aacSample(), "open-ended.mp4");
+    const QByteArray packets = packetHash(QString::fromStdString(path));
+    const Layout before = layoutOf(path);
+    {
+        QFile f(QString::fromStdString(path));
+        ASSERT_TRUE(f.open(QIODevice::ReadWrite));
+        f.seek(qint64(before.moovOffset));
+        f.write(QByteArray(4, '\0'));
+    }
+    ASSERT_TRUE(ffmpegPlays(QString::fromStdString(path)));
+    ASSERT_TRUE(writeTags(path, "Sized", art(90)));
+    const Layout after = layoutOf(path);
+    EXPECT_EQ(after.moovCount, 1u);
+    EXPECT_GT(after.moovOffset, before.moovOffset);
+    EXPECT_EQ(readTags(path).name, "Sized");
+    EXPECT_EQ(packetHash(QString::fromStdString(path)), packets);
+}
+
 TEST_F(Mp4Write, TagWriteCostsTheMoovNotTheFile) {
     QStringList args = lavfi("testsrc2=size=640x360:rate=25:duration=6,noise=alls=40:allf=t") +
                        lavfi("sine=duration=6");
