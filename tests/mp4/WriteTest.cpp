@@ -377,6 +377,57 @@ TEST_F(Mp4Write, FilesOverFourGigabytesWithCo64) {
     EXPECT_EQ(readTags(path).name, "Huge");
 }
 
+// Stops a writer right after each step of the protocol (as a kill there
+// would): before the new moov's header flip the old tags show, after the old
+// moov is freed the new ones, in between either; the file always plays and the
+// next complete write leaves a single moov.
+TEST_F(Mp4Write, StoppedAfterEveryStepLeavesOldOrNewTags) {
+    const char* steps[] = {"sized", "region",      "chunk",     "synced",
+                           "moov",  "stale-freed", "old-freed", "trimmed"};
+    struct Variant {
+        const char* label;
+        bool optimize;
+    };
+    int stoppedSomewhere = 0;
+    for (const Variant v : {Variant{"last", false}, Variant{"first", true}}) {
+        for (const char* stopAt : steps) {
+            const std::string path = copy(aacSample(), v.label);
+            if (v.optimize)
+                ASSERT_TRUE(MP4Optimize(path.c_str()));
+            ASSERT_TRUE(writeTags(path, "old", art(200, 1)));
+            const pid_t child = ::fork();
+            ASSERT_GE(child, 0);
+            if (child == 0) {
+                setWriteStepHook([stopAt](const char* step) {
+                    if (std::strcmp(step, stopAt) == 0)
+                        ::_exit(3);
+                });
+                writeTags(path, "new", art(480, 2));
+                ::_exit(0);
+            }
+            int status = 0;
+            ::waitpid(child, &status, 0);
+            const bool stopped = WIFEXITED(status) && WEXITSTATUS(status) == 3;
+            stoppedSomewhere += stopped ? 1 : 0;
+            const ReadBack r = readTags(path);
+            ASSERT_TRUE(r.opened) << v.label << " " << stopAt;
+            const std::string step = stopAt;
+            if (stopped &&
+                (step == "region" || step == "chunk" || step == "synced" || step == "sized"))
+                EXPECT_EQ(r.name, "old") << v.label << " " << stopAt;
+            else if (!stopped || step == "old-freed" || step == "trimmed")
+                EXPECT_EQ(r.name, "new") << v.label << " " << stopAt;
+            EXPECT_EQ(r.art, art(r.name == "new" ? 480 : 200, r.name == "new" ? 2 : 1));
+            EXPECT_TRUE(ffmpegPlays(QString::fromStdString(path))) << v.label << " " << stopAt;
+            ASSERT_TRUE(writeTags(path, "after", art(100, 3)));
+            EXPECT_EQ(readTags(path).name, "after");
+            EXPECT_EQ(layoutOf(path).moovCount, 1u) << v.label << " " << stopAt;
+            EXPECT_TRUE(ffmpegPlays(QString::fromStdString(path))) << v.label << " " << stopAt;
+        }
+    }
+    EXPECT_GE(stoppedSomewhere, 8) << "most steps must occur in these writes";
+}
+
 // Kills a writer at random moments, over and over, on three layouts; after
 // every kill the file must open, play, and carry exactly the old or the new
 // tags (name and art belong together).
