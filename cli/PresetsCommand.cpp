@@ -5,6 +5,7 @@
 
 #include "core/Resources.h"
 #include "core/SettingsKeys.h"
+#include "core/Startup.h"
 #include "core/UserDefaults.h"
 #include "presets/MDB_Devices.h"
 
@@ -192,13 +193,17 @@ int runPresets(const QStringList& args) {
         return cli::usageError(kCommand,
                                QStringLiteral("wrong number of arguments for \"%1\"").arg(action));
 
-    const QVariantMap shipped = MDB_Devices::defaultDevices();
-    if (shipped.isEmpty())
+    // Start-up makes the user's copy of the presets on the first run.
+    QString error;
+    if (!Startup::run(&error))
+        return cli::failure(error);
+    const struct Cleanup {
+        ~Cleanup() { Startup::cleanupAtExit(); }
+    } cleanup;
+    if (MDB_Devices::defaultDevices().isEmpty())
         return cli::failure(
             QStringLiteral("the shipped presets (Devices.plist) cannot be read from %1")
                 .arg(Resources::resourceDir()));
-    // What start-up does: the user's copy exists from the first run on.
-    MDB_Devices::createUserFile(shipped);
 
     if (action == QLatin1String("list"))
         return list();
