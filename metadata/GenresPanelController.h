@@ -15,8 +15,12 @@
 // Rows are positions in "Genre List"; a negative row means no selection.
 class GenresPanelController : public QObject {
     Q_OBJECT
-  public:
+public:
     using MapRow = std::pair<QString, QString>; // database genre, mapped genre
+
+    // Column titles of the map table.
+    static constexpr char kTmdbGenreColumn[] = "tmDB Genre";
+    static constexpr char kMappedGenreColumn[] = "Mapped Genre";
 
     explicit GenresPanelController(QObject* parent = nullptr);
 
@@ -44,10 +48,10 @@ class GenresPanelController : public QObject {
     // Copies "Default Genre Map" and "Default Genre List" back.
     void onResetDefaults();
 
-  signals:
+signals:
     void tablesChanged();
 
-  private:
+private:
     static void save(const QStringList& list, const QVariantMap& map);
     int move(int row, int to);
 };
