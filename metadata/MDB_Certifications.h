@@ -11,7 +11,7 @@
 // "None" is a null QString. Operations marked "US fallback" answer the "US"
 // entries for a country the table does not hold.
 class MDB_Certifications {
-  public:
+public:
     // Every country code of the table, in no particular order.
     static QStringList countries();
     // The rating strings of the country's entries, in table order (US fallback).

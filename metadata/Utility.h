@@ -9,7 +9,7 @@
 // "Genre Map"), turning genre names the movie database gave in the user's
 // language back into English first unless "Genre Native" is on.
 class Utility {
-  public:
+public:
     // The database's genre list in a language ("en", "de", ...), position-aligned
     // across languages; an empty list when it cannot be had.
     using GenreSource = std::function<QStringList(const QString& languageCode)>;

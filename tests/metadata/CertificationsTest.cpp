@@ -149,7 +149,7 @@ TEST(CertificationsTranslate, OddCodes) {
 
 // A private table in place of the shipped one.
 class CertificationsCustomTable : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         ASSERT_TRUE(m_dir.isValid());
         m_saved = qgetenv("TARNWICK_RESOURCES");

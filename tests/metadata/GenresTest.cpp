@@ -36,7 +36,7 @@ TEST(NumericGenres, CodesOutsideTheTableHaveNoName) {
 
 // A private settings store with the shipped defaults beneath it.
 class GenreSettings : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         ASSERT_TRUE(m_dir.isValid());
         UserDefaults::standard().reopen(m_dir.filePath("Tarnwick.plist"));
