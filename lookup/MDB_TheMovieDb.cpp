@@ -1,0 +1,557 @@
+#include "lookup/MDB_TheMovieDb.h"
+
+#include "core/HttpClient.h"
+#include "core/MDB_Utility.h"
+#include "core/SettingsKeys.h"
+#include "core/UserDefaults.h"
+#include "metadata/MDB_Certifications.h"
+#include "metadata/MDB_MovieMetadata.h"
+#include "metadata/TagNames.h"
+#include "metadata/Utility.h"
+
+#include <QCoreApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonParseError>
+#include <QMetaObject>
+#include <QMutex>
+#include <QMutexLocker>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+struct MDB_TheMovieDb::Shared {
+    // Held by cancel() and by a query while it writes the record, so that
+    // after cancel() returns the record is no longer touched.
+    QMutex lock;
+    std::atomic<bool> isCancelled{false};
+};
+
+namespace {
+
+const QString kTmdbSite = QStringLiteral("http://www.themoviedb.org");
+const QString kImdbSite = QStringLiteral("http://www.imdb.com");
+const QString kYouTubeSite = QStringLiteral("http://www.youtube.com");
+
+std::atomic<int> g_requestTimeout{HttpClient::DefaultTimeoutMs};
+
+struct ConfigurationCache {
+    QMutex mutex;
+    QJsonObject configuration;
+    bool filled = false;
+};
+
+ConfigurationCache& configurationCache() {
+    static ConfigurationCache cache;
+    return cache;
+}
+
+QString tag(const char* name) {
+    return QString::fromLatin1(name);
+}
+
+// Only the body of a successful answer counts: an error page (401, 404) is
+// treated like no data, as is a body that is not JSON.
+std::optional<QJsonDocument> fetchJSON(const QUrl& url, const std::atomic<bool>* cancel = nullptr) {
+    const HttpClient::Response response =
+        HttpClient::get(url, MDB_TheMovieDb::requestTimeout(), cancel);
+    if (!response.ok() || response.body.isEmpty())
+        return std::nullopt;
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(response.body, &error);
+    if (error.error != QJsonParseError::NoError)
+        return std::nullopt;
+    return document;
+}
+
+std::optional<QJsonObject> fetchObject(const QUrl& url, const std::atomic<bool>* cancel = nullptr) {
+    const std::optional<QJsonDocument> document = fetchJSON(url, cancel);
+    if (!document || !document->isObject())
+        return std::nullopt;
+    return document->object();
+}
+
+// The key exists and is not JSON null.
+bool present(const QJsonObject& object, const QString& key) {
+    const auto it = object.constFind(key);
+    return it != object.constEnd() && !it->isNull() && !it->isUndefined();
+}
+
+bool nonEmptyArray(const QJsonObject& object, const QString& key) {
+    return present(object, key) && object.value(key).isArray() &&
+           !object.value(key).toArray().isEmpty();
+}
+
+// A JSON scalar as text; numbers without a trailing ".0".
+QString text(const QJsonValue& value) {
+    if (value.isString())
+        return value.toString();
+    if (value.isDouble())
+        return QString::number(value.toDouble(), 'g', 15);
+    if (value.isBool())
+        return value.toBool() ? QStringLiteral("true") : QStringLiteral("false");
+    return {};
+}
+
+// Every "name" followed by ", "; the trailing separator stays.
+QString namesWithTrailingSeparator(const QJsonArray& array) {
+    QString names;
+    for (const QJsonValue& element : array)
+        names += text(element.toObject().value(QStringLiteral("name"))) + QStringLiteral(", ");
+    return names;
+}
+
+QString imageAddress(const QString& base, const QString& size, const QString& path) {
+    return base + size + path;
+}
+
+struct ImageLists {
+    QList<QUrl> thumbs;
+    QList<QUrl> fullsizes;
+};
+
+void appendImages(const QJsonArray& images, const QJsonArray& sizes, const QString& base,
+                  ImageLists& lists) {
+    const QString thumbSize = sizes.isEmpty() ? QString() : sizes.first().toString();
+    const QString fullSize = sizes.isEmpty() ? QString() : sizes.last().toString();
+    for (const QJsonValue& image : images) {
+        const QString path = text(image.toObject().value(QStringLiteral("file_path")));
+        lists.thumbs.append(QUrl(imageAddress(base, thumbSize, path)));
+        lists.fullsizes.append(QUrl(imageAddress(base, fullSize, path)));
+    }
+}
+
+void setRating(MDB_Metadata& record, const QJsonObject& releases, const QString& country) {
+    const QString ratingTag = tag(TagName::Rating);
+    if (!present(releases, QStringLiteral("countries"))) {
+        record.setTag(QStringLiteral(""), ratingTag);
+        return;
+    }
+    const QJsonArray countries = releases.value(QStringLiteral("countries")).toArray();
+    const QString certificationKey = QStringLiteral("certification");
+    const QString countryKey = QStringLiteral("iso_3166_1");
+
+    for (const QJsonValue& value : countries) {
+        const QJsonObject entry = value.toObject();
+        if (text(entry.value(countryKey)) != country)
+            continue;
+        if (present(entry, certificationKey)) {
+            const QString code =
+                MDB_Certifications::ratingCode(text(entry.value(certificationKey)), country);
+            if (!code.isNull()) {
+                record.setTag(code, ratingTag);
+                return;
+            }
+        }
+        break;
+    }
+    // An empty certification counts as one here.
+    for (const QJsonValue& value : countries) {
+        const QJsonObject entry = value.toObject();
+        if (!present(entry, certificationKey))
+            continue;
+        record.setTag(MDB_Certifications::ratingTranslate(text(entry.value(certificationKey)),
+                                                          text(entry.value(countryKey)), country,
+                                                          false),
+                      ratingTag);
+        return;
+    }
+}
+
+} // namespace
+
+// --- instance --------------------------------------------------------------
+
+MDB_TheMovieDb::MDB_TheMovieDb() : m_shared(std::make_shared<Shared>()) {
+    installGenreSource();
+    ConfigurationCache& cache = configurationCache();
+    // Held across the fetch so that clients made together fetch only once.
+    QMutexLocker lock(&cache.mutex);
+    if (cache.filled)
+        return;
+    if (std::optional<QJsonObject> configuration = MDB_TheMovieDb::configuration()) {
+        cache.configuration = *configuration;
+        cache.filled = true;
+    }
+}
+
+MDB_TheMovieDb::~MDB_TheMovieDb() {
+    cancel();
+}
+
+void MDB_TheMovieDb::cancel() {
+    if (!m_shared)
+        return;
+    QMutexLocker lock(&m_shared->lock);
+    m_shared->isCancelled = true;
+}
+
+bool MDB_TheMovieDb::isCancelled() const {
+    return m_shared->isCancelled;
+}
+
+void MDB_TheMovieDb::search(const QString& title, const QString& languageRegion,
+                            MDB_TheMovieDbDelegate* controller) {
+    m_movieTitle = title;
+    m_languageRegion = languageRegion;
+    std::thread(&MDB_TheMovieDb::startSearch, m_shared, title, languageRegion, controller).detach();
+    // The thread has its own copy; the title is not needed any more.
+    m_movieTitle.clear();
+}
+
+void MDB_TheMovieDb::query(MDB_Metadata* metadata, const QString& languageRegion,
+                           MDB_TheMovieDbDelegate* controller) {
+    m_movieMetadata = metadata;
+    m_languageRegion = languageRegion;
+    m_tmdbID = metadata ? metadata->getTag(tag(TagName::TMDbID)) : QString();
+    std::thread(&MDB_TheMovieDb::startQuery, m_shared, metadata, m_tmdbID, languageRegion,
+                controller)
+        .detach();
+}
+
+void MDB_TheMovieDb::startSearch(std::shared_ptr<Shared> shared, QString title,
+                                 QString languageRegion, MDB_TheMovieDbDelegate* controller) {
+    const QString encoded = MDB_Common::urlEncode(title);
+    const bool adult = UserDefaults::standard().boolForKey(SettingsKey::AdultSearch);
+    const QUrl url = searchURL(encoded, MDB_Utility::languageCode(languageRegion), adult);
+    title.clear();
+
+    const QString country = MDB_Utility::countryCode(languageRegion);
+    auto results = std::make_shared<std::vector<std::unique_ptr<MDB_Metadata>>>();
+    if (std::optional<QJsonObject> answer = fetchObject(url, &shared->isCancelled)) {
+        for (const QJsonValue& hit : answer->value(QStringLiteral("results")).toArray()) {
+            if (hit.isObject())
+                results->push_back(metadata(hit.toObject(), country));
+        }
+    }
+
+    QCoreApplication* app = QCoreApplication::instance();
+    if (shared->isCancelled || !app || !controller)
+        return;
+    QMetaObject::invokeMethod(
+        app,
+        [shared, results, controller] {
+            // cancel() may have come while the call was queued.
+            if (!shared->isCancelled)
+                controller->searchComplete(std::move(*results));
+        },
+        Qt::QueuedConnection);
+}
+
+void MDB_TheMovieDb::startQuery(std::shared_ptr<Shared> shared, MDB_Metadata* metadata,
+                                QString tmdbID, QString languageRegion,
+                                MDB_TheMovieDbDelegate* controller) {
+    const QString country = MDB_Utility::countryCode(languageRegion);
+    // Fills under the lock, and only while not cancelled: the owner may drop
+    // the record once it has cancelled.
+    auto fill = [&](const QJsonObject& node) {
+        QMutexLocker lock(&shared->lock);
+        if (shared->isCancelled || !metadata)
+            return;
+        MDB_TheMovieDb::metadata(*metadata, node, country);
+    };
+
+    if (!tmdbID.isEmpty() && !shared->isCancelled) {
+        const QString language =
+            translationAvailable(tmdbID, MDB_Utility::languageCode(languageRegion));
+        if (std::optional<QJsonObject> movie =
+                fetchObject(movieURL(tmdbID, language), &shared->isCancelled)) {
+            fill(*movie);
+            // Images of every language, and the only source of backdrops.
+            if (std::optional<QJsonObject> images =
+                    fetchObject(movieImagesURL(tmdbID), &shared->isCancelled))
+                fill(*images);
+        }
+    }
+
+    QCoreApplication* app = QCoreApplication::instance();
+    if (shared->isCancelled || !app || !controller)
+        return;
+    // The record is shared with the main thread: wait until it is handled.
+    QMetaObject::invokeMethod(
+        app,
+        [shared, metadata, controller] {
+            if (!shared->isCancelled)
+                controller->queryComplete(metadata);
+        },
+        Qt::BlockingQueuedConnection);
+}
+
+// --- class operations --------------------------------------------------------
+
+std::optional<QJsonObject> MDB_TheMovieDb::configuration() {
+    return fetchObject(configurationURL());
+}
+
+QJsonObject MDB_TheMovieDb::cachedConfiguration() {
+    ConfigurationCache& cache = configurationCache();
+    QMutexLocker lock(&cache.mutex);
+    return cache.configuration;
+}
+
+void MDB_TheMovieDb::clearCachedConfiguration() {
+    ConfigurationCache& cache = configurationCache();
+    QMutexLocker lock(&cache.mutex);
+    cache.configuration = QJsonObject();
+    cache.filled = false;
+}
+
+QString MDB_TheMovieDb::translationAvailable(const QString& tmdbID, const QString& language) {
+    const std::optional<QJsonObject> answer = fetchObject(translationsURL(tmdbID));
+    if (!answer)
+        return QStringLiteral("");
+    bool english = false;
+    for (const QJsonValue& value : answer->value(QStringLiteral("translations")).toArray()) {
+        const QString code = text(value.toObject().value(QStringLiteral("iso_639_1")));
+        if (code == language)
+            return language;
+        if (code == QLatin1String("en"))
+            english = true;
+    }
+    // An empty language asks the database for its default.
+    return english ? QStringLiteral("en") : QStringLiteral("");
+}
+
+std::unique_ptr<MDB_Metadata> MDB_TheMovieDb::movie(const QString& tmdbID,
+                                                    const QString& languageRegion) {
+    const QString language =
+        translationAvailable(tmdbID, MDB_Utility::languageCode(languageRegion));
+    const std::optional<QJsonObject> answer = fetchObject(plainMovieURL(tmdbID, language));
+    if (!answer)
+        return nullptr;
+    return metadata(*answer, MDB_Utility::countryCode(languageRegion));
+}
+
+QStringList MDB_TheMovieDb::getGenres(const QString& language) {
+    QStringList names;
+    const std::optional<QJsonObject> answer = fetchObject(genresURL(language));
+    if (!answer)
+        return names;
+    for (const QJsonValue& genre : answer->value(QStringLiteral("genres")).toArray())
+        names.append(text(genre.toObject().value(QStringLiteral("name"))));
+    return names;
+}
+
+void MDB_TheMovieDb::installGenreSource() {
+    static std::once_flag once;
+    std::call_once(once, [] { Utility::setGenreSource(&MDB_TheMovieDb::getGenres); });
+}
+
+std::unique_ptr<MDB_Metadata> MDB_TheMovieDb::metadata(const QJsonObject& node,
+                                                       const QString& country) {
+    std::unique_ptr<MDB_Metadata> record = std::make_unique<MDB_MovieMetadata>();
+    metadata(*record, node, country);
+    return record;
+}
+
+MDB_Metadata& MDB_TheMovieDb::metadata(MDB_Metadata& record, const QJsonObject& node,
+                                       const QString& country) {
+    using namespace TagName;
+    record.setMediaType(QStringLiteral("Movie"));
+    record.setContentRatingType(QStringLiteral("None"));
+
+    if (present(node, QStringLiteral("title"))) {
+        const QString title = text(node.value(QStringLiteral("title")));
+        record.setTag(title, tag(Name));
+        record.setTag(title, tag(SortName));
+    }
+    if (present(node, QStringLiteral("release_date")))
+        record.setTag(text(node.value(QStringLiteral("release_date"))), tag(ReleaseDate));
+    if (present(node, QStringLiteral("overview"))) {
+        const QString overview = text(node.value(QStringLiteral("overview")));
+        record.setTag(overview, tag(Description));
+        record.setTag(overview, tag(LongDescription));
+    }
+    if (present(node, QStringLiteral("releases")))
+        setRating(record, node.value(QStringLiteral("releases")).toObject(), country);
+
+    // Without "id" this is "0", on purpose.
+    const QString id = QString::number(node.value(QStringLiteral("id")).toInteger());
+    record.setTag(id, tag(TMDbID));
+    record.setTmdb(tmdbPage(id));
+
+    if (present(node, QStringLiteral("imdb_id"))) {
+        const QString imdb = text(node.value(QStringLiteral("imdb_id")));
+        if (imdb.size() < 3) {
+            record.setImdb(QVariant());
+            record.setTag(QStringLiteral(""), tag(IMDbID));
+        } else {
+            record.setImdb(imdbPage(imdb));
+            record.setTag(imdb.mid(2), tag(IMDbID));
+        }
+    }
+    if (present(node, QStringLiteral("tagline")))
+        record.setTagLine(text(node.value(QStringLiteral("tagline"))));
+    if (present(node, QStringLiteral("budget")))
+        record.setBudget(node.value(QStringLiteral("budget")).toVariant());
+    if (present(node, QStringLiteral("revenue")))
+        record.setRevenue(node.value(QStringLiteral("revenue")).toVariant());
+    if (present(node, QStringLiteral("vote_average")))
+        record.setRating(node.value(QStringLiteral("vote_average")).toVariant());
+    if (present(node, QStringLiteral("vote_count")))
+        record.setVotes(node.value(QStringLiteral("vote_count")).toVariant());
+    if (present(node, QStringLiteral("homepage")))
+        record.setHomepage(QUrl(text(node.value(QStringLiteral("homepage")))));
+
+    if (present(node, QStringLiteral("trailers"))) {
+        const QJsonObject trailers = node.value(QStringLiteral("trailers")).toObject();
+        if (nonEmptyArray(trailers, QStringLiteral("youtube"))) {
+            const QJsonObject first =
+                trailers.value(QStringLiteral("youtube")).toArray().first().toObject();
+            record.setTrailer(youTubePage(text(first.value(QStringLiteral("source")))));
+        }
+    }
+
+    if (nonEmptyArray(node, QStringLiteral("genres"))) {
+        QStringList names;
+        for (const QJsonValue& genre : node.value(QStringLiteral("genres")).toArray())
+            names.append(text(genre.toObject().value(QStringLiteral("name"))));
+        record.setTag(names.join(QStringLiteral(", ")), tag(Genre));
+    }
+
+    if (present(node, QStringLiteral("casts"))) {
+        const QJsonObject casts = node.value(QStringLiteral("casts")).toObject();
+        if (nonEmptyArray(casts, QStringLiteral("cast"))) {
+            // The final ", " is kept: readers of this tag expect it.
+            record.setTag(namesWithTrailingSeparator(casts.value(QStringLiteral("cast")).toArray()),
+                          tag(Cast));
+        }
+        if (nonEmptyArray(casts, QStringLiteral("crew"))) {
+            QString directors, writers, producers;
+            for (const QJsonValue& value : casts.value(QStringLiteral("crew")).toArray()) {
+                const QJsonObject member = value.toObject();
+                const QString department = text(member.value(QStringLiteral("department")));
+                const QString entry =
+                    text(member.value(QStringLiteral("name"))) + QStringLiteral(", ");
+                if (department == QLatin1String("Directing"))
+                    directors += entry;
+                else if (department == QLatin1String("Writing"))
+                    writers += entry;
+                else if (department == QLatin1String("Production"))
+                    producers += entry;
+            }
+            // Set even when empty, in this order.
+            record.setTag(producers, tag(Producers));
+            record.setTag(writers, tag(Screenwriters));
+            record.setTag(directors, tag(Director));
+        }
+    }
+
+    if (nonEmptyArray(node, QStringLiteral("production_companies")))
+        record.setTag(namesWithTrailingSeparator(
+                          node.value(QStringLiteral("production_companies")).toArray()),
+                      tag(Studio));
+
+    const QJsonObject images = cachedConfiguration().value(QStringLiteral("images")).toObject();
+    const QString base = text(images.value(QStringLiteral("secure_base_url")));
+    const QJsonArray posterSizes = images.value(QStringLiteral("poster_sizes")).toArray();
+    const QJsonArray backdropSizes = images.value(QStringLiteral("backdrop_sizes")).toArray();
+
+    if (present(node, QStringLiteral("poster_path"))) {
+        const QString smallest = posterSizes.isEmpty() ? QString() : posterSizes.first().toString();
+        record.setArtworkURL(
+            QUrl(imageAddress(base, smallest, text(node.value(QStringLiteral("poster_path"))))));
+    }
+
+    ImageLists posters, backdrops;
+    if (present(node, QStringLiteral("images"))) {
+        const QJsonObject appended = node.value(QStringLiteral("images")).toObject();
+        if (present(appended, QStringLiteral("posters")))
+            appendImages(appended.value(QStringLiteral("posters")).toArray(), posterSizes, base,
+                         posters);
+    }
+    if (present(node, QStringLiteral("posters")) && record.artworkFullsizeURLs().isEmpty())
+        appendImages(node.value(QStringLiteral("posters")).toArray(), posterSizes, base, posters);
+    if (present(node, QStringLiteral("backdrops")))
+        appendImages(node.value(QStringLiteral("backdrops")).toArray(), backdropSizes, base,
+                     backdrops);
+
+    if (!posters.thumbs.isEmpty()) {
+        record.setArtworkThumbURLs(posters.thumbs);
+        record.setArtworkFullsizeURLs(posters.fullsizes);
+    }
+    if (!backdrops.thumbs.isEmpty()) {
+        record.setBackdropThumbURLs(backdrops.thumbs);
+        record.setBackdropFullsizeURLs(backdrops.fullsizes);
+    }
+    return record;
+}
+
+// --- addresses -----------------------------------------------------------------
+
+QString MDB_TheMovieDb::baseURL() {
+    QString base = qEnvironmentVariable("TARNWICK_TMDB_URL");
+    if (base.isEmpty())
+        base = QString::fromLatin1(DefaultBaseURL);
+    while (base.endsWith(QLatin1Char('/')))
+        base.chop(1);
+    return base;
+}
+
+QString MDB_TheMovieDb::apiKey() {
+    const QString key = qEnvironmentVariable("TARNWICK_TMDB_API_KEY");
+    return key.isEmpty() ? QString::fromLatin1(DefaultAPIKey) : key;
+}
+
+int MDB_TheMovieDb::requestTimeout() {
+    return g_requestTimeout;
+}
+
+void MDB_TheMovieDb::setRequestTimeout(int milliseconds) {
+    g_requestTimeout = milliseconds > 0 ? milliseconds : HttpClient::DefaultTimeoutMs;
+}
+
+namespace {
+
+// The path is already percent-encoded where it needs to be.
+QUrl apiURL(const QString& pathAndQuery) {
+    return QUrl(MDB_TheMovieDb::baseURL() + pathAndQuery, QUrl::TolerantMode);
+}
+
+} // namespace
+
+QUrl MDB_TheMovieDb::configurationURL() {
+    return apiURL(QStringLiteral("/3/configuration?api_key=%1").arg(apiKey()));
+}
+
+QUrl MDB_TheMovieDb::searchURL(const QString& encodedTitle, const QString& language, bool adult) {
+    return apiURL(QStringLiteral("/3/search/movie?api_key=%1&query=%2&language=%3&include_adult=%4")
+                      .arg(apiKey(), encodedTitle, language,
+                           adult ? QStringLiteral("true") : QStringLiteral("false")));
+}
+
+QUrl MDB_TheMovieDb::movieURL(const QString& tmdbID, const QString& language) {
+    return apiURL(QStringLiteral("/3/movie/%1?api_key=%2&language=%3"
+                                 "&append_to_response=casts,releases,trailers,images")
+                      .arg(tmdbID, apiKey(), language));
+}
+
+QUrl MDB_TheMovieDb::movieImagesURL(const QString& tmdbID) {
+    return apiURL(QStringLiteral("/3/movie/%1/images?api_key=%2").arg(tmdbID, apiKey()));
+}
+
+QUrl MDB_TheMovieDb::plainMovieURL(const QString& tmdbID, const QString& language) {
+    return apiURL(
+        QStringLiteral("/3/movie/%1?api_key=%2&language=%3").arg(tmdbID, apiKey(), language));
+}
+
+QUrl MDB_TheMovieDb::translationsURL(const QString& tmdbID) {
+    return apiURL(QStringLiteral("/3/movie/%1/translations?api_key=%2").arg(tmdbID, apiKey()));
+}
+
+QUrl MDB_TheMovieDb::genresURL(const QString& language) {
+    return apiURL(QStringLiteral("/3/genre/list?api_key=%1&language=%2").arg(apiKey(), language));
+}
+
+QUrl MDB_TheMovieDb::tmdbPage(const QString& tmdbID) {
+    return QUrl(kTmdbSite + QStringLiteral("/movie/%1").arg(tmdbID));
+}
+
+QUrl MDB_TheMovieDb::imdbPage(const QString& imdbID) {
+    return QUrl(kImdbSite + QStringLiteral("/title/%1/").arg(imdbID));
+}
+
+QUrl MDB_TheMovieDb::youTubePage(const QString& source) {
+    return QUrl(kYouTubeSite + QStringLiteral("/watch?v=%1").arg(source));
+}
