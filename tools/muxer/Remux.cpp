@@ -431,8 +431,19 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
     double chunkEnd = -1e300;
     bool first = true;
 
+    // Subtitles go first in each run: the muxer fills a subtitle track's
+    // gaps with empty samples whenever another track's packet passes its end.
+    std::vector<OutStream*> writeOrder;
+    for (OutStream& s : streams)
+        if (s.in->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE)
+            writeOrder.push_back(&s);
+    for (OutStream& s : streams)
+        if (s.in->codecpar->codec_type != AVMEDIA_TYPE_SUBTITLE)
+            writeOrder.push_back(&s);
+
     auto writeQueued = [&](double until, bool all) -> bool {
-        for (OutStream& s : streams) {
+        for (OutStream* stream : writeOrder) {
+            OutStream& s = *stream;
             bool wrote = false;
             while (!s.queue.empty()) {
                 AVPacket* p = s.queue.front().get();

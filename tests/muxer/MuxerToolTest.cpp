@@ -1,0 +1,627 @@
+// Tarnwick_Pro_Muxer driven as the muxer job runs it: a converted file made
+// by the encoder tool with a stand-by video and tagged through the MP4 layer,
+// joined with an H.264 source in Matroska, MP4 and MPEG-TS. The results are
+// checked with ffprobe/ffmpeg, AtomicParsley and the MP4 layer.
+#include "mp4/Mp4File.h"
+#include "mp4/mp4.h"
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr double kFrameSeconds = 1001.0 / 24000.0;
+const char* const kMovieName = "Muxer Test Movie";
+const char* const kGenre = "Drama";
+const char* const kMovieInfo = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist "
+                               "version=\"1.0\"><dict><key>cast</key><array><dict><key>name</"
+                               "key><string>A. Actor</string></dict></array></dict></plist>";
+
+struct Outcome {
+    int exitCode = -1;
+    QByteArray out, err;
+};
+
+Outcome run(const QString& program, const QStringList& args, const QProcessEnvironment& env = {}) {
+    QProcess p;
+    if (!env.isEmpty())
+        p.setProcessEnvironment(env);
+    p.start(program, args);
+    Outcome r;
+    if (!p.waitForStarted(10000))
+        return r;
+    if (!p.waitForFinished(180000)) {
+        p.kill();
+        p.waitForFinished();
+        return r;
+    }
+    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = p.readAllStandardOutput();
+    r.err = p.readAllStandardError();
+    return r;
+}
+
+QString muxerPath() {
+    return QString::fromLocal8Bit(std::getenv("TARNWICK_LIBEXEC")) +
+           QStringLiteral("/Tarnwick_Pro_Muxer");
+}
+
+QString mediaDir() {
+    const QString dir = QStringLiteral(TARNWICK_BINARY_DIR "/test-media/muxer");
+    QDir().mkpath(dir);
+    return dir;
+}
+
+// Runs a maker into a temporary name unless `name` exists, so parallel runs
+// never see half a file; the tool is told the format since the name hides it.
+QString cached(const QString& name, const std::function<bool(const QString&)>& make) {
+    const QString path = mediaDir() + QLatin1Char('/') + name;
+    if (QFile::exists(path))
+        return path;
+    const QString tmp =
+        mediaDir() + QStringLiteral("/part%1-").arg(QCoreApplication::applicationPid()) + name;
+    if (!make(tmp)) {
+        QFile::remove(tmp);
+        return {};
+    }
+    QFile::rename(tmp, path);
+    return path;
+}
+
+bool ffmpeg(const QStringList& args) {
+    const Outcome r = run(QStringLiteral("ffmpeg"), QStringList{"-v", "error", "-y"} + args);
+    if (r.exitCode != 0)
+        ADD_FAILURE() << "ffmpeg " << args.join(' ').toStdString() << ": " << r.err.toStdString();
+    return r.exitCode == 0;
+}
+
+QString writeText(const QString& name, const QByteArray& text) {
+    const QString path = mediaDir() + QLatin1Char('/') + name;
+    QFile f(path);
+    if (!f.exists() && f.open(QIODevice::WriteOnly))
+        f.write(text);
+    return path;
+}
+
+// 6 s of 320x180 H.264 with B-frames, AAC and two chapters, in Matroska.
+QString sourceMkv() {
+    const QString chapters =
+        writeText(QStringLiteral("chapters.txt"),
+                  ";FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=3000\ntitle=Opening\n"
+                  "[CHAPTER]\nTIMEBASE=1/1000\nSTART=3000\nEND=6000\ntitle=Second\n");
+    return cached(QStringLiteral("source.mkv"), [&](const QString& out) {
+        return ffmpeg({"-f",
+                       "lavfi",
+                       "-i",
+                       "testsrc=size=320x180:rate=24000/1001:duration=6",
+                       "-f",
+                       "lavfi",
+                       "-i",
+                       "sine=frequency=440:duration=6",
+                       "-i",
+                       chapters,
+                       "-map",
+                       "0:V",
+                       "-map",
+                       "1:a",
+                       "-map_chapters",
+                       "2",
+                       "-c:v",
+                       "libx264",
+                       "-preset",
+                       "superfast",
+                       "-g",
+                       "48",
+                       "-c:a",
+                       "aac",
+                       "-ac",
+                       "2",
+                       "-f",
+                       "matroska",
+                       out});
+    });
+}
+
+QString sourceAs(const QString& ext, const char* format) {
+    const QString mkv = sourceMkv();
+    return cached(QStringLiteral("source.") + ext, [&](const QString& out) {
+        return ffmpeg({"-i", mkv, "-map", "0", "-c", "copy", "-f", format, out});
+    });
+}
+
+// What the encoder job leaves: stand-by video, converted audio, a subtitle, chapters.
+QString convertedFile() {
+    const QString mkv = sourceMkv();
+    const QString srt = writeText(
+        QStringLiteral("subs.srt"),
+        "1\n00:00:00,500 --> 00:00:02,000\nHello\n\n2\n00:00:03,000 --> 00:00:04,000\nWorld\n");
+    return cached(QStringLiteral("converted.m4v"), [&](const QString& out) {
+        const QString encoder =
+            QString::fromLocal8Bit(std::getenv("TARNWICK_LIBEXEC")) + "/Tarnwick_Pro_Encoder";
+        const Outcome r = run(encoder, {"-i",
+                                        mkv,
+                                        "-o",
+                                        out,
+                                        "--encoder",
+                                        "x264",
+                                        "--encoder-preset",
+                                        "ultrafast",
+                                        "--encoder-profile",
+                                        "high",
+                                        "--vb",
+                                        "50",
+                                        "--format",
+                                        "mp4",
+                                        "--width",
+                                        "80",
+                                        "--maxWidth",
+                                        "80",
+                                        "--audio",
+                                        "1",
+                                        "--aencoder",
+                                        "av_aac",
+                                        "--srt-file",
+                                        srt,
+                                        "--srt-lang",
+                                        "eng",
+                                        "--markers"});
+        if (r.exitCode != 0)
+            ADD_FAILURE() << "encoder tool failed: " << r.err.right(2000).toStdString();
+        return r.exitCode == 0 && QFileInfo(out).size() > 0;
+    });
+}
+
+QString coverPng() {
+    return cached(QStringLiteral("cover.png"), [](const QString& out) {
+        return ffmpeg({"-f", "lavfi", "-i", "testsrc=size=48x48", "-frames:v", "1", "-c:v", "png",
+                       "-f", "image2", "-update", "1", out});
+    });
+}
+
+QByteArray readAll(const QString& path) {
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+MP4TrackId findTrack(MP4FileHandle h, const char* type) {
+    return MP4FindTrackId(h, 0, type);
+}
+
+// Tags the converted file the way the encoder job does before muxing.
+bool tagConverted(const QString& path) {
+    MP4FileHandle h = MP4Modify(QFile::encodeName(path).constData());
+    if (!h)
+        return false;
+    const MP4Tags* tags = MP4TagsAlloc();
+    MP4TagsFetch(tags, h);
+    MP4TagsSetName(tags, kMovieName);
+    MP4TagsSetGenre(tags, kGenre);
+    const uint8_t hd = 1;
+    MP4TagsSetHDVideo(tags, &hd);
+    QByteArray png = readAll(coverPng());
+    MP4TagArtwork art{png.data(), uint32_t(png.size()), MP4_ART_PNG};
+    MP4TagsAddArtwork(tags, &art);
+    MP4TagsStore(tags, h);
+    MP4TagsFree(tags);
+
+    MP4ItmfItem* item = MP4ItmfItemAlloc("----", 1);
+    item->mean = strdup("com.apple.iTunes");
+    item->name = strdup("iTunMOVI");
+    item->dataList.elements[0].typeCode = MP4_ITMF_BT_UTF8;
+    item->dataList.elements[0].valueSize = uint32_t(std::strlen(kMovieInfo));
+    item->dataList.elements[0].value = static_cast<uint8_t*>(malloc(std::strlen(kMovieInfo)));
+    std::memcpy(item->dataList.elements[0].value, kMovieInfo, std::strlen(kMovieInfo));
+    MP4ItmfAddItem(h, item);
+    MP4ItmfItemFree(item);
+
+    const MP4TrackId audio = findTrack(h, MP4_AUDIO_TRACK_TYPE);
+    const MP4TrackId subtitle = findTrack(h, MP4_SUBTITLE_TRACK_TYPE);
+    const bool named = audio && subtitle && MP4SetTrackName(h, audio, "Stereo Français") &&
+                       MP4SetTrackLanguage(h, audio, "fra") &&
+                       MP4SetTrackName(h, subtitle, "English Subtitles");
+    MP4Close(h);
+    return named;
+}
+
+QString taggedConverted() {
+    const QString plain = convertedFile();
+    return cached(QStringLiteral("converted-tagged.m4v"), [&](const QString& out) {
+        return QFile::copy(plain, out) &&
+               QFile::setPermissions(out, QFile::ReadOwner | QFile::WriteOwner) &&
+               tagConverted(out);
+    });
+}
+
+QJsonArray probeStreams(const QString& path) {
+    const Outcome r =
+        run(QStringLiteral("ffprobe"), {"-v", "error", "-show_streams", "-of", "json", path});
+    return QJsonDocument::fromJson(r.out).object().value("streams").toArray();
+}
+
+QJsonObject streamOfType(const QJsonArray& streams, const char* type) {
+    for (const auto& s : streams)
+        if (s.toObject().value("codec_type").toString() == QLatin1String(type))
+            return s.toObject();
+    return {};
+}
+
+// Per-packet (or, for `decode`, per-frame) checksums of one stream selection.
+QStringList checksums(const QString& path, const char* map, bool decode,
+                      const QStringList& extra = {}) {
+    QStringList args{"-v", "error", "-i", path, "-map", map};
+    if (!decode)
+        args << "-c"
+             << "copy";
+    args << extra << "-f"
+         << "framemd5"
+         << "-";
+    const Outcome r = run(QStringLiteral("ffmpeg"), args);
+    QStringList sums;
+    for (const QByteArray& line : r.out.split('\n'))
+        if (!line.startsWith('#') && !line.trimmed().isEmpty())
+            sums << QString::fromLatin1(line.split(',').last().trimmed());
+    return sums;
+}
+
+// Same checksums in the same order; on a mismatch, says where.
+::testing::AssertionResult sameStream(const QStringList& a, const QStringList& b) {
+    if (a.isEmpty())
+        return ::testing::AssertionFailure() << "no packets read";
+    for (int i = 0; i < std::min(a.size(), b.size()); ++i)
+        if (a[i] != b[i])
+            return ::testing::AssertionFailure() << "packet " << i << " differs";
+    if (a.size() != b.size())
+        return ::testing::AssertionFailure() << a.size() << " packets against " << b.size();
+    return ::testing::AssertionSuccess();
+}
+
+std::vector<std::string> topLevelTypes(const QString& path) {
+    std::string why;
+    auto f = tarnwick::mp4::File::open(QFile::encodeName(path).toStdString(), false, &why);
+    std::vector<std::string> types;
+    if (f)
+        for (const auto& b : f->topLevel())
+            types.push_back(tarnwick::mp4::fourccString(b.type));
+    return types;
+}
+
+bool moovBeforeMdat(const QString& path) {
+    const auto t = topLevelTypes(path);
+    const auto moov = std::find(t.begin(), t.end(), "moov");
+    const auto mdat = std::find(t.begin(), t.end(), "mdat");
+    return moov != t.end() && mdat != t.end() && moov < mdat;
+}
+
+// Every line "Phase: number", numbers rising within a phase, each phase ending at 100.
+void expectProgressLines(const QByteArray& err, const QStringList& phases) {
+    static const QRegularExpression line(QStringLiteral("^([A-Za-z]+): (\\d+\\.\\d)$"));
+    QStringList seen;
+    double last = -1;
+    for (const QByteArray& raw : err.split('\n')) {
+        if (raw.isEmpty())
+            continue;
+        const auto m = line.match(QString::fromLatin1(raw));
+        ASSERT_TRUE(m.hasMatch()) << "not a progress line: " << raw.toStdString();
+        const double value = m.captured(2).toDouble();
+        if (seen.isEmpty() || seen.last() != m.captured(1)) {
+            if (!seen.isEmpty()) {
+                EXPECT_EQ(last, 100.0) << seen.last().toStdString() << " did not reach 100";
+            }
+            seen << m.captured(1);
+        } else {
+            EXPECT_GE(value, last);
+        }
+        last = value;
+    }
+    EXPECT_EQ(seen, phases);
+    EXPECT_EQ(last, 100.0);
+}
+
+class MuxerTool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (const char* tool : {"ffmpeg", "ffprobe", "HandBrakeCLI"})
+            if (QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty())
+                GTEST_SKIP() << tool << " is not installed";
+        ASSERT_TRUE(QFileInfo(muxerPath()).isExecutable()) << muxerPath().toStdString();
+        ASSERT_TRUE(m_dir.isValid());
+        const QString tagged = taggedConverted();
+        ASSERT_FALSE(tagged.isEmpty());
+        // The muxer job moves the encoder's output to the .tmp.m4v name first.
+        m_source = m_dir.filePath(QStringLiteral("Movie.tmp.m4v"));
+        ASSERT_TRUE(QFile::copy(tagged, m_source));
+        m_dest = m_dir.filePath(QStringLiteral("Movie.m4v"));
+    }
+
+    Outcome mux(const QString& video, bool optimize = true, const QProcessEnvironment& env = {}) {
+        QStringList args{"-dest", m_dest, "-source", m_source, "-video", video};
+        if (optimize)
+            args << "-optimize";
+        return run(muxerPath(), args, env);
+    }
+
+    // Nothing but the inputs (and the result, when there is one) in the folder.
+    void expectNoLeftovers(bool withResult) {
+        QStringList expected{QStringLiteral("Movie.tmp.m4v")};
+        if (withResult)
+            expected << QStringLiteral("Movie.m4v");
+        QStringList found =
+            QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
+        found.removeAll(QStringLiteral("notes.txt"));
+        expected.sort();
+        found.sort();
+        EXPECT_EQ(found, expected);
+    }
+
+    void expectTagsCarried() {
+        MP4FileHandle h = MP4Read(QFile::encodeName(m_dest).constData());
+        ASSERT_NE(h, nullptr);
+        const MP4Tags* tags = MP4TagsAlloc();
+        ASSERT_TRUE(MP4TagsFetch(tags, h));
+        EXPECT_STREQ(tags->name, kMovieName);
+        EXPECT_STREQ(tags->genre, kGenre);
+        ASSERT_NE(tags->hdVideo, nullptr);
+        EXPECT_EQ(*tags->hdVideo, 1);
+        ASSERT_EQ(tags->artworkCount, 1u);
+        const QByteArray png = readAll(coverPng());
+        EXPECT_EQ(
+            QByteArray(static_cast<const char*>(tags->artwork[0].data), int(tags->artwork[0].size)),
+            png);
+        EXPECT_STRNE(tags->encodingTool, nullptr);
+        if (tags->encodingTool) {
+            EXPECT_EQ(std::string(tags->encodingTool).find("Lavf"), std::string::npos);
+        }
+        MP4TagsFree(tags);
+
+        MP4ItmfItemList* items = MP4ItmfGetItemsByMeaning(h, "com.apple.iTunes", "iTunMOVI");
+        ASSERT_NE(items, nullptr);
+        ASSERT_EQ(items->size, 1u);
+        ASSERT_EQ(items->elements[0].dataList.size, 1u);
+        const MP4ItmfData& d = items->elements[0].dataList.elements[0];
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(d.value), d.valueSize), kMovieInfo);
+        MP4ItmfItemListFree(items);
+
+        const MP4TrackId audio = findTrack(h, MP4_AUDIO_TRACK_TYPE);
+        const MP4TrackId subtitle = findTrack(h, MP4_SUBTITLE_TRACK_TYPE);
+        ASSERT_NE(audio, MP4_INVALID_TRACK_ID);
+        ASSERT_NE(subtitle, MP4_INVALID_TRACK_ID);
+        char* name = nullptr;
+        ASSERT_TRUE(MP4GetTrackName(h, audio, &name));
+        EXPECT_STREQ(name, "Stereo Français");
+        free(name);
+        name = nullptr;
+        ASSERT_TRUE(MP4GetTrackName(h, subtitle, &name));
+        EXPECT_STREQ(name, "English Subtitles");
+        free(name);
+        char lang[4] = {};
+        ASSERT_TRUE(MP4GetTrackLanguage(h, audio, lang));
+        EXPECT_STREQ(lang, "fra");
+        ASSERT_TRUE(MP4GetTrackLanguage(h, subtitle, lang));
+        EXPECT_STREQ(lang, "eng");
+
+        MP4Chapter_t* chapters = nullptr;
+        uint32_t count = 0;
+        EXPECT_NE(MP4GetChapters(h, &chapters, &count, MP4ChapterTypeQt), MP4ChapterTypeNone);
+        ASSERT_EQ(count, 2u);
+        EXPECT_STREQ(chapters[0].title, "Opening");
+        EXPECT_STREQ(chapters[1].title, "Second");
+        free(chapters);
+        MP4Close(h);
+    }
+
+    QTemporaryDir m_dir;
+    QString m_source, m_dest;
+};
+
+class PassThrough : public MuxerTool, public ::testing::WithParamInterface<const char*> {
+protected:
+    QString video() {
+        const std::string ext = GetParam();
+        if (ext == "mkv")
+            return sourceMkv();
+        return sourceAs(QString::fromStdString(ext), ext == "ts" ? "mpegts" : "mp4");
+    }
+};
+
+TEST_P(PassThrough, SourceVideoJoinsConvertedTracksWithMoovInFront) {
+    const QString v = video();
+    ASSERT_FALSE(v.isEmpty());
+    const Outcome r = mux(v);
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    expectProgressLines(r.err, {QStringLiteral("Muxing")});
+    expectNoLeftovers(true);
+    EXPECT_TRUE(moovBeforeMdat(m_dest));
+
+    const QJsonArray streams = probeStreams(m_dest);
+    const QJsonObject vs = streamOfType(streams, "video");
+    const QJsonObject as = streamOfType(streams, "audio");
+    EXPECT_EQ(vs.value("codec_name").toString(), QStringLiteral("h264"));
+    EXPECT_EQ(vs.value("width").toInt(), 320); // the source's picture, not the stand-by one
+    EXPECT_EQ(as.value("codec_name").toString(), QStringLiteral("aac"));
+    EXPECT_EQ(streamOfType(streams, "subtitle").value("codec_name").toString(),
+              QStringLiteral("mov_text"));
+    const double vStart = vs.value("start_time").toString().toDouble();
+    const double aStart = as.value("start_time").toString().toDouble();
+    EXPECT_LE(std::fabs(vStart - aStart), kFrameSeconds) << vStart << " vs " << aStart;
+    EXPECT_NEAR(vs.value("duration").toString().toDouble(), 6.0, 0.1);
+
+    // The video is the source's, packet for packet; Annex B from MPEG-TS
+    // becomes length-prefixed, so there the decoded pictures are compared.
+    const bool annexB = std::string(GetParam()) == "ts";
+    const QStringList fromSource = checksums(v, "0:V", annexB);
+    EXPECT_EQ(fromSource.size(), 144);
+    EXPECT_TRUE(sameStream(checksums(m_dest, "0:V", annexB), fromSource));
+    // Audio and subtitles are the converted file's, untouched.
+    EXPECT_TRUE(sameStream(checksums(m_dest, "0:a", false), checksums(m_source, "0:a", false)));
+    EXPECT_TRUE(sameStream(checksums(m_dest, "0:s", false), checksums(m_source, "0:s", false)));
+    const Outcome decode = run(QStringLiteral("ffmpeg"), {"-v", "error", "-i", m_dest, "-map",
+                                                          "0:V", "-map", "0:a", "-f", "null", "-"});
+    EXPECT_EQ(decode.exitCode, 0);
+    EXPECT_TRUE(decode.err.trimmed().isEmpty()) << decode.err.toStdString();
+
+    expectTagsCarried();
+}
+
+INSTANTIATE_TEST_SUITE_P(Containers, PassThrough, ::testing::Values("mkv", "mp4", "ts"));
+
+TEST_F(MuxerTool, IndependentReaderSeesTagsArtworkAndFreeformItems) {
+    if (QStandardPaths::findExecutable(QStringLiteral("AtomicParsley")).isEmpty())
+        GTEST_SKIP() << "AtomicParsley is not installed";
+    ASSERT_EQ(mux(sourceMkv()).exitCode, 0);
+    const Outcome r = run(QStringLiteral("AtomicParsley"), {m_dest, "-t"});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QString text = QString::fromUtf8(r.out);
+    EXPECT_TRUE(text.contains(QStringLiteral("\"\u00a9nam\" contains: ") + kMovieName))
+        << text.toStdString();
+    EXPECT_TRUE(text.contains(QStringLiteral("\"\u00a9gen\" contains: ") + kGenre));
+    EXPECT_TRUE(text.contains(QStringLiteral("\"covr\" contains: 1 piece of artwork")));
+    EXPECT_TRUE(text.contains(QStringLiteral("iTunMOVI]")));
+}
+
+TEST_F(MuxerTool, WithoutOptimizeMoovFollowsTheMediaAndTagsStillArrive) {
+    QFile old(m_dest);
+    ASSERT_TRUE(old.open(QIODevice::WriteOnly));
+    old.write("an older result that is to be replaced");
+    old.close();
+    const Outcome r = mux(sourceMkv(), false);
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const auto types = topLevelTypes(m_dest);
+    ASSERT_FALSE(types.empty());
+    EXPECT_EQ(types.back(), "moov");
+    expectTagsCarried();
+    expectNoLeftovers(true);
+}
+
+TEST_F(MuxerTool, TooLittleReservedRoomIsRewrittenWithOptimizingProgress) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("TARNWICK_MUXER_MOOV_RESERVE"), QStringLiteral("512"));
+    const Outcome r = mux(sourceMkv(), true, env);
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    expectProgressLines(r.err, {QStringLiteral("Muxing"), QStringLiteral("Optimizing")});
+    EXPECT_TRUE(moovBeforeMdat(m_dest));
+    EXPECT_TRUE(sameStream(checksums(m_dest, "0:V", false), checksums(sourceMkv(), "0:V", false)));
+    expectTagsCarried();
+    expectNoLeftovers(true);
+}
+
+TEST_F(MuxerTool, BadInputsFailClearlyAndLeaveNoOutput) {
+    struct Case {
+        const char* what;
+        QString video;
+        std::function<void(const QString&)> spoilSource;
+        const char* message;
+    };
+    const QString missing = m_dir.filePath(QStringLiteral("no-such-movie.mkv"));
+    const QString notVideo = writeText(QStringLiteral("not-a-video.srt"), "1\nnot a movie\n");
+    const QString audioOnly = cached(QStringLiteral("audio-only.m4a"), [](const QString& out) {
+        return ffmpeg({"-f", "lavfi", "-i", "sine=duration=1", "-c:a", "aac", "-f", "mp4", out});
+    });
+    const QByteArray good = readAll(m_source);
+    const std::vector<Case> cases = {
+        {"missing video source", missing, {}, "no-such-movie.mkv"},
+        {"video source that is no media file", notVideo, {}, "not-a-video.srt"},
+        {"video source without video", audioOnly, {}, "no video stream"},
+        {"converted file of garbage", sourceMkv(),
+         [](const QString& p) {
+             QFile f(p);
+             f.open(QIODevice::WriteOnly | QIODevice::Truncate);
+             f.write(QByteArray(4096, '\x5a'));
+         },
+         "Movie.tmp.m4v"},
+        {"converted file cut short", sourceMkv(),
+         [&](const QString& p) {
+             QFile f(p);
+             f.open(QIODevice::WriteOnly | QIODevice::Truncate);
+             f.write(good.left(good.size() / 3));
+         },
+         "Movie.tmp.m4v"},
+        {"missing converted file", sourceMkv(), [](const QString& p) { QFile::remove(p); },
+         "Movie.tmp.m4v"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        QFile::remove(m_source);
+        QFile f(m_source);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(good);
+        f.close();
+        if (c.spoilSource)
+            c.spoilSource(m_source);
+        const Outcome r = mux(c.video);
+        EXPECT_NE(r.exitCode, 0);
+        EXPECT_FALSE(QFile::exists(m_dest));
+        EXPECT_TRUE(r.err.contains("Tarnwick_Pro_Muxer: ")) << r.err.toStdString();
+        EXPECT_TRUE(r.err.contains(c.message)) << r.err.toStdString();
+        QStringList left =
+            QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
+        left.removeAll(QStringLiteral("Movie.tmp.m4v"));
+        EXPECT_TRUE(left.isEmpty()) << left.join(' ').toStdString();
+    }
+}
+
+TEST_F(MuxerTool, UnwritableDestinationFailsWithoutTouchingInputs) {
+    const QByteArray before = readAll(m_source);
+    // A destination whose folder is a plain file cannot be written, even by root.
+    const QString blocker = m_dir.filePath(QStringLiteral("notes.txt"));
+    QFile f(blocker);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.close();
+    m_dest = blocker + QStringLiteral("/Movie.m4v");
+    Outcome r = mux(sourceMkv());
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_TRUE(r.err.contains("cannot create a file in")) << r.err.toStdString();
+
+    if (::geteuid() != 0) {
+        const QString locked = m_dir.filePath(QStringLiteral("locked"));
+        ASSERT_TRUE(QDir().mkpath(locked));
+        QFile::setPermissions(locked, QFile::ReadOwner | QFile::ExeOwner);
+        m_dest = locked + QStringLiteral("/Movie.m4v");
+        r = mux(sourceMkv());
+        EXPECT_NE(r.exitCode, 0);
+        EXPECT_FALSE(QFile::exists(m_dest));
+        QFile::setPermissions(locked, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+
+    // Writing over an input is refused before anything is written.
+    m_dest = m_source;
+    r = mux(sourceMkv());
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_TRUE(r.err.contains("is one of the input files")) << r.err.toStdString();
+    EXPECT_EQ(readAll(m_source), before);
+}
+
+TEST_F(MuxerTool, BadArgumentsAreRefusedWithUsage) {
+    const std::vector<QStringList> bad = {
+        {},
+        {"-dest", m_dest, "-source", m_source},
+        {"-dest", m_dest, "-source", m_source, "-video"},
+        {"-dest", m_dest, "-source", m_source, "-video", sourceMkv(), "-fast"},
+        {"-dest", "", "-source", m_source, "-video", sourceMkv()},
+    };
+    for (const QStringList& args : bad) {
+        SCOPED_TRACE(args.join(' ').toStdString());
+        const Outcome r = run(muxerPath(), args);
+        EXPECT_EQ(r.exitCode, 2);
+        EXPECT_TRUE(r.err.contains("usage: Tarnwick_Pro_Muxer -dest")) << r.err.toStdString();
+        EXPECT_FALSE(QFile::exists(m_dest));
+    }
+}
+
+} // namespace
