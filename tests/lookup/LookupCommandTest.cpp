@@ -59,6 +59,21 @@ TEST_F(LookupCommandTest, ServerPrintsItsLoopbackAddress) {
     EXPECT_GT(s_base.section(':', 2).toInt(), 0);
 }
 
+TEST_F(LookupCommandTest, ServerRefusesBadArgumentsAndMissingFixtures) {
+    const QString program = QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-tmdb-server");
+    QProcess p;
+    p.start(program, {"--port", "seventy"});
+    ASSERT_TRUE(p.waitForFinished(10000));
+    EXPECT_EQ(p.exitCode(), 2);
+    EXPECT_TRUE(p.readAllStandardError().contains("not a port number"));
+
+    p.start(program, {"--fixtures", m_dir.filePath("none")});
+    ASSERT_TRUE(p.waitForFinished(10000));
+    EXPECT_EQ(p.exitCode(), 1);
+    EXPECT_TRUE(p.readAllStandardError().contains("does not exist"));
+    EXPECT_TRUE(p.readAllStandardOutput().isEmpty());
+}
+
 TEST_F(LookupCommandTest, JsonHoldsTheMatchedRecordAndAllHits) {
     const Result r = cli({"The Lighthouse Keeper", "--language", "en-US", "--json"});
     ASSERT_EQ(r.status, 0) << r.err.toStdString();
