@@ -1,0 +1,182 @@
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Result {
+    int status = -1;
+    QString out;
+    QString err;
+};
+
+const QString kTool = QStringLiteral(TARNWICK_BINARY_DIR "/bin/Tarnwick_Pro_Encoder");
+
+QString report(const QString& name) {
+    return testsupport::dataPath(QStringLiteral("scan-reports/") + name);
+}
+
+class ReportCommandTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(dir.isValid()); }
+
+    Result cli(const QStringList& args) {
+        QProcess p;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("TARNWICK_SETTINGS"),
+                   dir.filePath(QStringLiteral("store.plist")));
+        env.insert(QStringLiteral("TARNWICK_LIBEXEC"), QStringLiteral(TARNWICK_BINARY_DIR "/bin"));
+        p.setProcessEnvironment(env);
+        p.setWorkingDirectory(dir.path());
+        p.start(QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"), args);
+        EXPECT_TRUE(p.waitForFinished(30000));
+        return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()),
+                QString::fromUtf8(p.readAllStandardError())};
+    }
+
+    QJsonObject json(const QStringList& args, int expectedStatus = 0) {
+        const Result r =
+            cli(QStringList{QStringLiteral("report"), QStringLiteral("--json")} + args);
+        EXPECT_EQ(r.status, expectedStatus) << r.err.toStdString();
+        QJsonParseError error;
+        const QJsonDocument doc = QJsonDocument::fromJson(r.out.toUtf8(), &error);
+        EXPECT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
+        return doc.object();
+    }
+
+    static QStringList strings(const QJsonValue& value) {
+        QStringList list;
+        for (const QJsonValue& v : value.toArray())
+            list << v.toString();
+        return list;
+    }
+
+    QTemporaryDir dir;
+};
+
+TEST_F(ReportCommandTest, WorkedExampleShowsTitlesMainTitleAndCommandLine) {
+    const Result r = cli({QStringLiteral("report"), report(QStringLiteral("worked-example.txt"))});
+    ASSERT_EQ(r.status, 0) << r.err.toStdString();
+    EXPECT_TRUE(r.out.contains(QStringLiteral("Source: DVD (2)")));
+    EXPECT_TRUE(r.out.contains(QStringLiteral("Titles: 2")));
+    EXPECT_TRUE(r.out.contains(QStringLiteral("Main title: 1\n")));
+    EXPECT_TRUE(r.out.contains(QStringLiteral("Title 2: 00:02:10 (130 s)")));
+    EXPECT_TRUE(
+        r.out.contains(QStringLiteral("Espanol (iso639-2: spa) (Bitmap)(VOBSUB) [included]")));
+    const QString source = report(QStringLiteral("worked-example"));
+    const QString output = QDir(dir.path()).filePath(QStringLiteral("Worked-example.m4v"));
+    EXPECT_TRUE(r.out.contains(QStringLiteral("Command line: %1 --input %2 --output %3 --title 1 ")
+                                   .arg(kTool, source, output)))
+        << r.out.toStdString();
+}
+
+TEST_F(ReportCommandTest, JsonCarriesEveryTrackField) {
+    const QJsonObject o = json({report(QStringLiteral("worked-example.txt"))});
+    EXPECT_EQ(o.value(QStringLiteral("sourceType")).toInt(), 2);
+    EXPECT_EQ(o.value(QStringLiteral("mainTitle")).toInt(), 1);
+    EXPECT_EQ(o.value(QStringLiteral("status")).toInt(), 5);
+    const QJsonArray titles = o.value(QStringLiteral("titles")).toArray();
+    ASSERT_EQ(titles.size(), 2);
+    const QJsonObject one = titles.at(0).toObject();
+    EXPECT_EQ(one.value(QStringLiteral("seconds")).toInt(), 5944);
+    EXPECT_EQ(one.value(QStringLiteral("fps")).toString(), QStringLiteral("23.976 "));
+    EXPECT_TRUE(one.value(QStringLiteral("stream")).isNull());
+    const QJsonObject french = one.value(QStringLiteral("audio")).toArray().at(1).toObject();
+    EXPECT_EQ(french.value(QStringLiteral("name")).toString(), QStringLiteral("Francais"));
+    EXPECT_EQ(french.value(QStringLiteral("channels")).toString(), QStringLiteral("2.0 ch"));
+    EXPECT_EQ(french.value(QStringLiteral("bps")).toString(), QStringLiteral("192000bps"));
+    EXPECT_EQ(french.value(QStringLiteral("origIndex")).toInt(), 2);
+    EXPECT_TRUE(french.value(QStringLiteral("include")).toBool());
+    EXPECT_FALSE(french.value(QStringLiteral("native")).toBool());
+    const QJsonObject spanish = one.value(QStringLiteral("subtitles")).toArray().at(1).toObject();
+    EXPECT_EQ(spanish.value(QStringLiteral("isoName")).toString(), QStringLiteral("spa"));
+    EXPECT_EQ(spanish.value(QStringLiteral("type")).toString(), QStringLiteral("(Bitmap)(VOBSUB)"));
+    EXPECT_FALSE(spanish.value(QStringLiteral("burn")).toBool());
+    EXPECT_TRUE(titles.at(1).toObject().value(QStringLiteral("combing")).toBool());
+
+    const QStringList line = strings(o.value(QStringLiteral("commandLine")));
+    ASSERT_GE(line.size(), 7);
+    EXPECT_EQ(line.mid(0, 7),
+              (QStringList{kTool, "--input", report(QStringLiteral("worked-example")), "--output",
+                           QDir(dir.path()).filePath(QStringLiteral("Worked-example.m4v")),
+                           "--title", "1"}));
+}
+
+TEST_F(ReportCommandTest, FileReportUsesItsStreamAndTheChosenPresetAndOutput) {
+    const QJsonObject o = json({report(QStringLiteral("file-mkv.txt")), QStringLiteral("--preset"),
+                                QStringLiteral("SD 480p"), QStringLiteral("--output"),
+                                QStringLiteral("/out/film.m4v")});
+    EXPECT_EQ(o.value(QStringLiteral("sourceType")).toInt(), 1);
+    const QJsonObject title = o.value(QStringLiteral("titles")).toArray().at(0).toObject();
+    EXPECT_EQ(title.value(QStringLiteral("stream")).toString(),
+              QStringLiteral("/tmp/samples/Movie.mkv"));
+    const QStringList line = strings(o.value(QStringLiteral("commandLine")));
+    ASSERT_GE(line.size(), 7);
+    EXPECT_EQ(line.mid(1, 4),
+              (QStringList{"--input", "/tmp/samples/Movie.mkv", "--output", "/out/film.m4v"}));
+    // Another preset gives another video part.
+    const QJsonObject hd = json({report(QStringLiteral("file-mkv.txt"))});
+    EXPECT_NE(strings(hd.value(QStringLiteral("commandLine"))).mid(7), line.mid(7));
+    EXPECT_EQ(strings(hd.value(QStringLiteral("commandLine"))).at(4),
+              QDir(dir.path()).filePath(QStringLiteral("Movie.m4v")));
+}
+
+TEST_F(ReportCommandTest, DecombSettingFlipsTheScansVerdict) {
+    QJsonObject o = json({report(QStringLiteral("combing.txt"))});
+    EXPECT_TRUE(o.value(QStringLiteral("decomb")).toBool());
+    EXPECT_TRUE(strings(o.value(QStringLiteral("commandLine"))).contains(QStringLiteral("-5")));
+
+    ASSERT_EQ(cli({QStringLiteral("settings"), QStringLiteral("set"), QStringLiteral("Decomb"),
+                   QStringLiteral("yes")})
+                  .status,
+              0);
+    o = json({report(QStringLiteral("combing.txt"))});
+    EXPECT_FALSE(o.value(QStringLiteral("decomb")).toBool());
+    EXPECT_TRUE(o.value(QStringLiteral("detelecine")).toBool());
+    EXPECT_FALSE(strings(o.value(QStringLiteral("commandLine"))).contains(QStringLiteral("-5")));
+}
+
+TEST_F(ReportCommandTest, NoTitleReportFailsWithTheWarning) {
+    const QJsonObject o = json({report(QStringLiteral("no-title.txt"))}, 1);
+    EXPECT_EQ(o.value(QStringLiteral("status")).toInt(), 0);
+    EXPECT_TRUE(o.value(QStringLiteral("titles")).toArray().isEmpty());
+    EXPECT_TRUE(o.value(QStringLiteral("commandLine")).toArray().isEmpty());
+
+    const Result r = cli({QStringLiteral("report"), report(QStringLiteral("no-title.txt"))});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("No valid title was found!.")));
+}
+
+TEST_F(ReportCommandTest, BadInputGivesOneLineAndTheRightStatus) {
+    struct Case {
+        QStringList args;
+        int status;
+    };
+    const QList<Case> cases{
+        {{"report"}, 2},
+        {{"report", "--bogus", report("dvd.txt")}, 2},
+        {{"report", report("dvd.txt"), "--preset"}, 2},
+        {{"report", report("dvd.txt"), report("bluray.txt")}, 2},
+        {{"report", dir.filePath("missing.txt")}, 1},
+        {{"report", dir.path()}, 1},
+        {{"report", report("dvd.txt"), "--preset", "No Such Preset"}, 1},
+    };
+    for (const Case& c : cases) {
+        const Result r = cli(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args.join(' ').toStdString();
+        EXPECT_EQ(r.err.trimmed().count(QLatin1Char('\n')), 0) << r.err.toStdString();
+        EXPECT_FALSE(r.err.isEmpty()) << c.args.join(' ').toStdString();
+        if (c.status == 1)
+            EXPECT_TRUE(r.out.isEmpty()) << r.out.toStdString();
+    }
+}
+
+} // namespace
