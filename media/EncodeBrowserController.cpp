@@ -1,0 +1,662 @@
+#include "media/EncodeBrowserController.h"
+
+#include "core/Bookmark.h"
+#include "core/MDB_Utility.h"
+#include "core/Notifications.h"
+#include "core/Resources.h"
+#include "core/SettingsKeys.h"
+#include "core/UserDefaults.h"
+#include "lookup/SearchPanelController.h"
+#include "media/MDI_Movie.h"
+#include "media/MDI_Utility.h"
+#include "metadata/TagNames.h"
+#include "metadata/Utility.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+#include <cstdlib>
+
+namespace {
+
+const QString kEncoderName = QStringLiteral("Tarnwick_Pro_Encoder");
+
+QString tag(const char* name) {
+    return QString::fromLatin1(name);
+}
+
+bool setting(const char* key) {
+    return UserDefaults::standard().boolForKey(QString::fromLatin1(key));
+}
+
+// Folders that are opened as one document elsewhere (applications, plug-ins):
+// not sources, unlike plain disc folders.
+bool isPackage(const QFileInfo& info) {
+    static const QStringList suffixes = {"app", "bundle", "framework", "plugin", "kext", "pkg"};
+    return info.isDir() && suffixes.contains(info.suffix(), Qt::CaseInsensitive);
+}
+
+QString resourceImage(const QString& name) {
+    return Resources::path(name + QStringLiteral(".png"));
+}
+
+} // namespace
+
+const char* const EncodeBrowserController::kDrmWarning =
+    "Our apologies, but this media appears to be from a copyrighted or DRM protected Volume or "
+    "file format and Tarnwick will not process it.";
+
+void EncodeBrowserDelegate::runSearchPanel(SearchPanelController& panel) {
+    panel.skipBtn();
+}
+
+EncodeBrowserController::EncodeBrowserController(std::shared_ptr<MediaItemList> list,
+                                                 QObject* parent)
+    : QObject(parent), m_movieList(std::move(list)) {
+    if (!m_movieList) {
+        EncodeList::setInstance();
+        m_movieList = EncodeList::instance();
+    }
+}
+
+EncodeBrowserController::~EncodeBrowserController() {
+    // Clients cancel as they go, so no lookup reports to a dead browser; the
+    // runner kills a scan still running without a callback.
+    m_movieDBs.clear();
+    m_shellWrapper.reset();
+}
+
+// --- sources -------------------------------------------------------------------
+
+int EncodeBrowserController::loadFiles(const QStringList& files, const QList<qint64>& titles) {
+    int added = 0;
+    for (qsizetype i = 0; i < files.size(); ++i) {
+        const QFileInfo info(files.at(i));
+        if (!info.exists() || isPackage(info))
+            continue;
+        EncodeBrowserCell cell;
+        cell.path = info.absoluteFilePath();
+        // completeBaseName keeps "Movie.2019" of "Movie.2019.mkv"; a disc folder
+        // has no extension to lose.
+        const QString base = info.isDir() ? info.fileName() : info.completeBaseName();
+        // Trimmed: a name cut before "(2019)" would otherwise end the output
+        // file's name with a blank.
+        cell.title = MDB_Utility::ExtractName(base).trimmed();
+        cell.scanTitle = i < titles.size() ? titles.at(i) : 0;
+        m_importedImages.append(cell);
+        ++added;
+    }
+    updateDatasource();
+    return added;
+}
+
+void EncodeBrowserController::updateDatasource() {
+    UserDefaults& defaults = UserDefaults::standard();
+    for (const EncodeBrowserCell& cell : std::as_const(m_importedImages)) {
+        auto movie = std::make_shared<MDI_Movie>();
+        const QString bookmarkKey = QString::fromLatin1(SettingsKey::DestinationPathBookmark);
+        QString folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
+        if (folder.isEmpty() && m_browserDelegate && m_browserDelegate->setPreferences())
+            folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
+        movie->setName(cell.title);
+        const QString fileName = cell.title + QStringLiteral(".m4v");
+        movie->setOutPath(folder.isEmpty() ? fileName : QDir(folder).filePath(fileName));
+        movie->setPrimaryDevice(
+            defaults.stringForKey(QString::fromLatin1(SettingsKey::PrimaryDevice)));
+        movie->setSecondaryDevice(
+            defaults.stringForKey(QString::fromLatin1(SettingsKey::SecondaryDevice)));
+        movie->setInPath(cell.path);
+        movie->setScanTitle(cell.scanTitle);
+        movie->setMainTitle(0);
+        movie->setLanguageRegion(
+            defaults.stringForKey(QString::fromLatin1(SettingsKey::LanguageRegion)));
+        m_movieList->append(movie);
+        m_images.append(cell);
+    }
+    m_importedImages.clear();
+    reloadData();
+    initiateScan();
+}
+
+// --- scan session ----------------------------------------------------------------
+
+void EncodeBrowserController::initiateScan() {
+    if (m_isScanning)
+        return;
+    if (std::shared_ptr<MDI_Media> item = firstWaitingItem())
+        startScanning(item);
+}
+
+QStringList EncodeBrowserController::scanArguments(const QString& toolPath, const MDI_Media& item) {
+    QStringList args = {toolPath, QStringLiteral("-i"), item.inPath(), QStringLiteral("-t"),
+                        QString::number(item.scanTitle())};
+    // Title 0 scans every title; a single title needs --scan or the tool
+    // would go on to encode it.
+    if (item.scanTitle() != 0)
+        args << QStringLiteral("--scan");
+    args << QStringLiteral("--use-opencl");
+    return args;
+}
+
+bool EncodeBrowserController::startScanning(const std::shared_ptr<MDI_Media>& item) {
+    if (!item)
+        return false;
+    m_scanStr.clear();
+    setScanning(true);
+    m_workMovie = item;
+
+    const QString tool = Resources::auxiliaryExecutable(kEncoderName);
+    const QFileInfo toolInfo(tool);
+    if (tool.isEmpty() || !toolInfo.isFile() || !toolInfo.isExecutable()) {
+        // As if the runner could not be made: the item waits and the chain stops.
+        m_shellWrapper.reset();
+        item->setStatus(2);
+        reloadData();
+        statusUpdate();
+        setScanning(false);
+        hideProgress();
+        if (m_browserDelegate)
+            m_browserDelegate->showAlert(QStringLiteral("The encoder tool %1 was not found in %2.")
+                                             .arg(kEncoderName, Resources::libexecDir()));
+        scanStateChange();
+        return false;
+    }
+
+    m_shellWrapper =
+        std::make_unique<AMShellWrapper>(this, QStringLiteral("./"), scanArguments(tool, *item));
+    item->setStatus(3);
+    statusUpdate();
+    m_shellWrapper->setOutputStringEncoding(AMShellWrapper::ASCIIStringEncoding);
+    m_shellWrapper->startProcess();
+    if (m_viewVisible)
+        setScanProgress(true);
+    setProgressValue(0, 0);
+    setVidImageVisible(true);
+    setScanTitle(item->name());
+    setScanStatus(QStringLiteral("Scanning..."));
+    reloadData();
+    scanStateChange();
+    return true;
+}
+
+void EncodeBrowserController::stopScanning() {
+    if (!m_workMovie || m_workMovie->status() != 3)
+        return;
+    if (m_shellWrapper)
+        m_shellWrapper->stopProcess();
+    setScanning(false);
+    m_workMovie->setStatus(2);
+    reloadData();
+    statusUpdate();
+    hideProgress();
+    scanStateChange();
+}
+
+void EncodeBrowserController::suspendProcess() {
+    if (m_shellWrapper)
+        m_shellWrapper->suspendProcess();
+}
+
+void EncodeBrowserController::resumeProcess() {
+    if (m_shellWrapper)
+        m_shellWrapper->resumeProcess();
+}
+
+void EncodeBrowserController::processStarted(AMShellWrapper* runner) {
+    Q_UNUSED(runner);
+}
+
+void EncodeBrowserController::stdOutput(const QString& text) {
+    Q_UNUSED(text); // the report comes on standard error
+}
+
+void EncodeBrowserController::stdError(const QString& text) {
+    m_scanStr += text;
+    const qsizetype at = text.indexOf(QLatin1String("Scanning title"));
+    if (at >= 0) {
+        qsizetype end = text.indexOf(QLatin1String(", preview"), at);
+        if (end < 0) {
+            end = text.indexOf(QLatin1Char('\n'), at);
+            if (end < 0)
+                end = text.size();
+        }
+        const QString line = text.mid(at, end - at).trimmed();
+        if (!line.isEmpty()) {
+            setScanStatus(line);
+            static const QRegularExpression counter(QStringLiteral("(\\d+) of (\\d+)"));
+            const QRegularExpressionMatch m = counter.match(line);
+            if (m.hasMatch())
+                setProgressValue(m.captured(1).toInt(), m.captured(2).toInt());
+        }
+        return;
+    }
+    if (m_workMovie && text.indexOf(QLatin1String("invalid title")) > 0)
+        m_workMovie->setStatus(0);
+}
+
+void EncodeBrowserController::processFinished(AMShellWrapper* runner, int status) {
+    Q_UNUSED(status); // the report decides, not the exit status
+    if (!m_shellWrapper || runner != m_shellWrapper.get() || !m_workMovie)
+        return;
+    std::shared_ptr<MDI_Media> item = m_workMovie;
+    if (item->status() == 2) // stopped by the user
+        return;
+
+    if (item->status() == 0) {
+        item->setWarnings(QString::fromLatin1(MDI_Utility::kNoValidTitle));
+        statusUpdate();
+    } else if (item->status() == 1) {
+        item->setStatus(0);
+        item->setWarnings(QString::fromLatin1(kDrmWarning));
+        statusUpdate();
+    } else {
+        item->setStatus(4);
+        decodeScanString(m_scanStr, *item);
+    }
+    m_scanStr.clear();
+
+    const bool skipTagging = setting(SettingsKey::SkipTagging);
+    if (item->isValid() && !skipTagging) {
+        applyProcessingSwitches(*item);
+        item->setStatus(5);
+        statusUpdate();
+        setScanTitle(item->name());
+        setScanStatus(QStringLiteral("Searching..."));
+        searchDatabase(*item);
+    } else if (!item->isValid()) {
+        setScanning(false);
+        if (m_browserDelegate)
+            m_browserDelegate->scanFailed(item);
+        if (std::shared_ptr<MDI_Media> next = firstWaitingItem()) {
+            setScanTitle(m_workMovie->name());
+            setScanStatus(QStringLiteral("Scanning..."));
+            scanNextLater(next);
+        } else {
+            hideProgress();
+            scanStateChange();
+        }
+    } else {
+        applyProcessingSwitches(*item);
+        queryComplete(item->getMetadata());
+    }
+}
+
+void EncodeBrowserController::processLaunchException(const QString& failure) {
+    Q_UNUSED(failure);
+}
+
+void EncodeBrowserController::decodeScanString(const QString& text, MDI_Media& item) {
+    const bool decoded = MDI_Utility::decodeScanString(text, item);
+    if (m_browserDelegate) {
+        if (item.sourceType() == 3 && !setting(SettingsKey::HideBlurayInstructions))
+            m_browserDelegate->showBlurayInstructions();
+        else if (item.sourceType() == 2 && !setting(SettingsKey::HideDVDInstructions) &&
+                 !hasDvdLibrary())
+            m_browserDelegate->showDvdInstructions();
+    }
+    if (decoded) {
+        if (auto* movie = dynamic_cast<MDI_Movie*>(&item))
+            movie->autoFindMainTitle();
+        else
+            item.determineMainTitle();
+    } else {
+        statusUpdate();
+    }
+}
+
+bool EncodeBrowserController::hasDvdLibrary() {
+    static const QStringList folders = {"/usr/lib",
+                                        "/usr/lib/x86_64-linux-gnu",
+                                        "/usr/lib/aarch64-linux-gnu",
+                                        "/lib",
+                                        "/lib/x86_64-linux-gnu",
+                                        "/lib/aarch64-linux-gnu",
+                                        "/usr/local/lib",
+                                        "/usr/lib64",
+                                        "/lib64"};
+    for (const QString& folder : folders) {
+        if (QFileInfo::exists(folder + QStringLiteral("/libdvdcss.so.2")))
+            return true;
+    }
+    return false;
+}
+
+void EncodeBrowserController::applyProcessingSwitches(MDI_Media& item) {
+    // Exclusive-or on purpose: with the setting on, a combed (telecined)
+    // title is encoded without the filter, and the other way round.
+    item.setDecomb(item.decomb() != setting(SettingsKey::Decomb));
+    item.setDenoise(setting(SettingsKey::Denoise));
+    item.setDetelecine(item.detelecine() != setting(SettingsKey::Detelecine));
+    item.setDeblock(setting(SettingsKey::Deblock));
+    item.setPassthruVideo(setting(SettingsKey::PassthruVideo));
+}
+
+EncodeBrowserController::Icon EncodeBrowserController::statusIcon(qint32 status) {
+    if (status == 2)
+        return Icon::Added;
+    if (status >= 3 && status <= 7)
+        return Icon::Scanning;
+    if (status >= 9 && status <= 17)
+        return Icon::Working;
+    if (status == 0 || status == 18)
+        return Icon::Error;
+    if (status == 19)
+        return Icon::Done;
+    return Icon::None;
+}
+
+void EncodeBrowserController::statusUpdate() {
+    for (qsizetype i = 0; i < m_images.size() && i < m_movieList->size(); ++i)
+        m_images[i].icon = statusIcon(m_movieList->at(i)->status());
+    reloadData();
+}
+
+// --- search and match --------------------------------------------------------------
+
+MDB_TheMovieDb& EncodeBrowserController::movieDB(const MDI_Media& item) {
+    std::unique_ptr<MDB_TheMovieDb>& client = m_movieDBs[&item];
+    if (!client)
+        client = std::make_unique<MDB_TheMovieDb>();
+    return *client;
+}
+
+void EncodeBrowserController::searchDatabase(MDI_Media& item) {
+    movieDB(item).search(item.name(), item.languageRegion(), this);
+}
+
+void EncodeBrowserController::queryDatabase(MDI_Media& item) {
+    // Filled in place by the query thread; nothing here touches the record
+    // until queryComplete.
+    movieDB(item).query(item.getMetadata(), item.languageRegion(), this);
+}
+
+void EncodeBrowserController::searchComplete(std::vector<std::unique_ptr<MDB_Metadata>> results) {
+    std::shared_ptr<MDI_Media> item = m_workMovie;
+    if (!item)
+        return;
+    if (!results.empty()) {
+        item->setStatus(6);
+        QList<std::shared_ptr<MDB_Metadata>> hits;
+        for (std::unique_ptr<MDB_Metadata>& hit : results)
+            hits.append(std::shared_ptr<MDB_Metadata>(std::move(hit)));
+        item->setSearchList(hits);
+        // The database's first hit is the match; there is no scoring of our own.
+        std::shared_ptr<MDB_Metadata> hit = item->assignSearchResults(0);
+        item->setStatus(7);
+        statusUpdate();
+        if (hit)
+            item->copyMetadata(*hit);
+        setScanTitle(item->name());
+        setScanStatus(QStringLiteral("Querying..."));
+        queryDatabase(*item);
+        return;
+    }
+
+    if (!m_searchPanel)
+        m_searchPanel = std::make_unique<SearchPanelController>();
+    m_searchPanel->setSearchName(item->name());
+    m_searchPanel->setSkipSearch(false);
+    if (m_browserDelegate)
+        m_browserDelegate->runSearchPanel(*m_searchPanel);
+    else
+        m_searchPanel->skipBtn();
+    if (m_workMovie != item) // the item went away while the question was open
+        return;
+
+    const QString newName = m_searchPanel->newName().trimmed();
+    if (!m_searchPanel->skipSearch() && !newName.isEmpty()) {
+        item->replaceNameInOutPath(newName);
+        item->setName(newName);
+        const int row = rowOf(item.get());
+        if (row >= 0) {
+            m_images[row].title = newName;
+            emit itemUpdated(row);
+        }
+        setScanTitle(item->name());
+        setScanStatus(QStringLiteral("Searching..."));
+        searchDatabase(*item);
+        return;
+    }
+
+    item->setStatus(6);
+    item->setStatus(7);
+    queryComplete(item->getMetadata());
+    // The session advances a second time here, after queryComplete's own
+    // advance; the deferred start makes the repeat harmless.
+    advance();
+}
+
+void EncodeBrowserController::queryComplete(MDB_Metadata* metadata) {
+    std::shared_ptr<MDI_Media> item = m_workMovie;
+    if (!item || !metadata)
+        return;
+    UserDefaults& defaults = UserDefaults::standard();
+
+    item->copyMetadata(*metadata);
+    item->setRating(item->languageRegion());
+    const QString genres = metadata->getTag(tag(TagName::Genre));
+    // Nothing maps an empty genre list, and asking for the database's genre
+    // names would reach the network even when tagging is skipped.
+    item->setTag(genres.isEmpty() ? QStringLiteral("Unknown") : Utility::assignGenre(genres),
+                 tag(TagName::Genre));
+    item->setTag(MDB_Utility::assignSortName(metadata->getTag(tag(TagName::SortName))),
+                 tag(TagName::SortName));
+    item->assignIfHD();
+    item->setSearchForeign(setting(SettingsKey::BurnForeign));
+
+    const MDB_Metadata* record = item->getMetadata();
+    if (!record->artworkFullsizeURLs().isEmpty())
+        item->setArtworkFromIndex(0);
+    else
+        item->setArtworkFromBundle(QStringLiteral("MovieTicket"), QStringLiteral("png"));
+
+    const QList<QUrl> backdrops = record->backdropFullsizeURLs();
+    if (!backdrops.isEmpty()) {
+        // A different backdrop each time a movie is matched.
+        if (defaults.boolForKey(QString::fromLatin1(SettingsKey::BackdropArt)))
+            item->setBackdropFromURL(backdrops.at(int(::random() % backdrops.size())));
+        else
+            item->setBackdropFromBundle(QStringLiteral("NoArtworkBackground"),
+                                        QStringLiteral("png"));
+    }
+
+    const int row = rowOf(item.get());
+    if (row >= 0) {
+        m_images[row].title = record->getTag(tag(TagName::Name));
+        const QList<QUrl>& thumbnails = item->getThumbnails();
+        m_images[row].image = thumbnails.isEmpty() ? resourceImage(QStringLiteral("MovieTicket"))
+                                                   : thumbnails.first().toLocalFile();
+        emit itemUpdated(row);
+    }
+
+    item->setStatus(8);
+    statusUpdate();
+    setScanning(false);
+    if (m_browserDelegate)
+        m_browserDelegate->itemReady(item);
+    advance();
+}
+
+void EncodeBrowserController::metadataSearchUpdate(qint64 row) {
+    metadataSearchUpdate(firstSelectedItem(), row);
+}
+
+void EncodeBrowserController::metadataSearchUpdate(const std::shared_ptr<MDI_Media>& item,
+                                                   qint64 row) {
+    if (!item || row < 0)
+        return;
+    std::shared_ptr<MDB_Metadata> hit = item->assignSearchResults(quint64(row));
+    if (!hit)
+        return;
+    item->setStatus(7);
+    item->replaceMetadata(*hit);
+    statusUpdate();
+    setScanTitle(item->name());
+    setScanStatus(QStringLiteral("Querying..."));
+    if (m_viewVisible) {
+        setScanProgress(true);
+        setVidImageVisible(true);
+    }
+    // One work item at a time: a pick made while another item is scanned or
+    // looked up waits at status 7.
+    if (!m_isScanning || m_workMovie == item) {
+        m_workMovie = item;
+        setScanning(true);
+        queryDatabase(*item);
+    }
+}
+
+void EncodeBrowserController::metadataViewUpdate(const QString& imagePath) {
+    if (m_selection.isEmpty() || m_selection.first() >= m_images.size())
+        return;
+    m_images[m_selection.first()].image = imagePath;
+    emit itemUpdated(m_selection.first());
+    reloadData();
+}
+
+void EncodeBrowserController::metadataNameUpdate(const QString& name) {
+    if (m_selection.isEmpty() || m_selection.first() >= m_images.size())
+        return;
+    m_images[m_selection.first()].title = name;
+    emit itemUpdated(m_selection.first());
+    reloadData();
+}
+
+void EncodeBrowserController::advance() {
+    if (std::shared_ptr<MDI_Media> next = firstWaitingItem()) {
+        setScanTitle(next->name());
+        setScanStatus(QStringLiteral("Scanning..."));
+        scanNextLater(next);
+        return;
+    }
+    m_workMovie.reset();
+    hideProgress();
+    statusUpdate();
+    scanStateChange();
+}
+
+void EncodeBrowserController::scanNextLater(const std::shared_ptr<MDI_Media>& item) {
+    std::weak_ptr<MDI_Media> weak = item;
+    QMetaObject::invokeMethod(
+        this,
+        [this, weak] {
+            std::shared_ptr<MDI_Media> next = weak.lock();
+            // Another start may have come first (the skip path advances twice).
+            if (next && !m_isScanning && next->status() == 2 && rowOf(next.get()) >= 0)
+                startScanning(next);
+        },
+        Qt::QueuedConnection);
+}
+
+// --- selection ---------------------------------------------------------------------
+
+void EncodeBrowserController::setSelection(const QList<int>& rows) {
+    m_selection.clear();
+    for (int row : rows) {
+        if (row >= 0 && row < m_movieList->size() && !m_selection.contains(row))
+            m_selection.append(row);
+    }
+    QVariantMap userInfo;
+    if (std::shared_ptr<MDI_Media> item = firstSelectedItem()) {
+        const MDB_Metadata* record = item->getMetadata();
+        const QList<QUrl> backdrops = record->backdropFullsizeURLs();
+        if (!backdrops.isEmpty()) {
+            if (setting(SettingsKey::BackdropArt))
+                item->setBackdropFromURL(backdrops.at(int(::random() % backdrops.size())));
+            else
+                item->setBackdropFromBundle(QStringLiteral("NoArtworkBackground"),
+                                            QStringLiteral("png"));
+        }
+        userInfo.insert(QStringLiteral("movie"), QVariant::fromValue(item));
+        userInfo.insert(QStringLiteral("tab"), 0);
+        userInfo.insert(QStringLiteral("count"), int(m_selection.size()));
+    }
+    NotificationCenter::defaultCenter().post(
+        QString::fromLatin1(NotificationName::SelectionChanged), userInfo);
+}
+
+std::shared_ptr<MDI_Media> EncodeBrowserController::firstSelectedItem() const {
+    if (m_selection.isEmpty() || m_selection.first() >= m_movieList->size())
+        return nullptr;
+    return m_movieList->at(m_selection.first());
+}
+
+// --- display state -------------------------------------------------------------------
+
+void EncodeBrowserController::setScanTitle(const QString& title, bool visible) {
+    if (title == m_scanTitle && visible == m_scanTitleVisible)
+        return;
+    m_scanTitle = title;
+    m_scanTitleVisible = visible;
+    emit scanTitleChanged();
+}
+
+void EncodeBrowserController::setScanStatus(const QString& status, bool visible) {
+    if (status == m_scanStatus && visible == m_scanStatusVisible)
+        return;
+    m_scanStatus = status;
+    m_scanStatusVisible = visible;
+    emit scanStatusChanged();
+}
+
+void EncodeBrowserController::setScanProgress(bool animating) {
+    if (animating == m_scanProgress)
+        return;
+    m_scanProgress = animating;
+    emit scanProgressChanged();
+}
+
+void EncodeBrowserController::setProgressValue(int value, int maximum) {
+    if (value == m_scanProgressValue && maximum == m_scanProgressMaximum)
+        return;
+    m_scanProgressValue = value;
+    m_scanProgressMaximum = maximum;
+    emit scanProgressChanged();
+}
+
+void EncodeBrowserController::setVidImageVisible(bool visible) {
+    if (visible == m_vidImageVisible)
+        return;
+    m_vidImageVisible = visible;
+    emit vidImageVisibleChanged();
+}
+
+void EncodeBrowserController::setScanning(bool scanning) {
+    if (scanning == m_isScanning)
+        return;
+    m_isScanning = scanning;
+    emit isScanningChanged();
+}
+
+void EncodeBrowserController::hideProgress() {
+    setScanTitle(m_scanTitle, false);
+    setScanStatus(m_scanStatus, false);
+    setScanProgress(false);
+    setVidImageVisible(false);
+}
+
+void EncodeBrowserController::scanStateChange() {
+    if (m_browserDelegate)
+        m_browserDelegate->scanStateChange();
+}
+
+void EncodeBrowserController::reloadData() {
+    emit reloaded();
+}
+
+int EncodeBrowserController::rowOf(const MDI_Media* item) const {
+    for (qsizetype i = 0; i < m_movieList->size(); ++i) {
+        if (m_movieList->at(i).get() == item)
+            return int(i);
+    }
+    return -1;
+}
+
+std::shared_ptr<MDI_Media> EncodeBrowserController::firstWaitingItem() const {
+    for (const std::shared_ptr<MDI_Media>& item : *m_movieList) {
+        if (item->status() == 2)
+            return item;
+    }
+    return nullptr;
+}

@@ -1,0 +1,137 @@
+// `tarnwick-cli scan` as a user runs it: real sources, the real encoder
+// tool, the loopback movie database.
+
+#include "ScanTestSupport.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct CliResult {
+    int status = -1;
+    QString out;
+    QString err;
+};
+
+CliResult runCli(const QStringList& args, const QByteArray& input = {}) {
+    QProcess p;
+    p.start(QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"),
+            QStringList{QStringLiteral("scan")} + args);
+    p.write(input);
+    p.closeWriteChannel();
+    CliResult r;
+    if (!p.waitForFinished(120000)) {
+        p.kill();
+        p.waitForFinished();
+        ADD_FAILURE() << "tarnwick-cli scan did not finish";
+        return r;
+    }
+    r.status = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = QString::fromUtf8(p.readAllStandardOutput());
+    r.err = QString::fromUtf8(p.readAllStandardError());
+    return r;
+}
+
+class ScanCliTest : public ::testing::Test {
+protected:
+    void SetUp() override { scantest::server(); }
+};
+
+} // namespace
+
+TEST_F(ScanCliTest, PrintsTracksMatchAndCommandLineAndFailsForAJunkSource) {
+    const CliResult r = runCli({scantest::sample("Harbour Lights.mp4"),
+                                scantest::sample("junk.mkv"), QStringLiteral("--yes")});
+    EXPECT_EQ(r.status, 1) << r.err.toStdString();
+    const QString& out = r.out;
+    EXPECT_TRUE(out.startsWith("Harbour Lights\n")) << out.toStdString();
+    EXPECT_TRUE(out.contains("(video file)"));
+    EXPECT_TRUE(out.contains("status:     ready (8)"));
+    EXPECT_TRUE(out.contains("main title: 1 (00:00:04, 640x360, h264)")) << out.toStdString();
+    EXPECT_TRUE(out.contains("audio:      [x] 1 "));
+    EXPECT_TRUE(out.contains("match:      Harbour Lights (1962)"));
+    EXPECT_TRUE(out.contains("genre:      Comedy"));
+    EXPECT_TRUE(out.contains("TMDb ID:    100004"));
+    EXPECT_TRUE(out.contains("IMDb ID:    7712004"));
+    EXPECT_TRUE(out.contains("poster:     " + scantest::server().baseURL()));
+    EXPECT_TRUE(out.contains("Tarnwick_Pro_Encoder --input"));
+    EXPECT_TRUE(out.contains("--title 1"));
+    EXPECT_TRUE(out.contains("'Harbour Lights.m4v'") || out.contains("Harbour\\ Lights.m4v"));
+    EXPECT_TRUE(out.contains("\nJunk\n"));
+    EXPECT_TRUE(out.contains("status:     failed: No valid title was found!."));
+    // Progress and the failure on stderr, as plain lines without a terminal.
+    EXPECT_TRUE(r.err.contains("Harbour Lights: Scanning...")) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains("Harbour Lights: Querying..."));
+    EXPECT_FALSE(r.err.contains("\033["));
+}
+
+TEST_F(ScanCliTest, JsonWithSkipTaggingMakesNoRequestAndKeepsTheStoredSetting) {
+    scantest::server().clearRequests();
+    const CliResult r = runCli({scantest::sample("The Lighthouse Keeper (2019).mkv"),
+                                QStringLiteral("--skip-tagging"), QStringLiteral("--json"),
+                                QStringLiteral("--title"), QStringLiteral("1")});
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
+    EXPECT_EQ(scantest::server().requestCount(), 0);
+
+    QJsonParseError error;
+    const QJsonDocument doc = QJsonDocument::fromJson(r.out.toUtf8(), &error);
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
+    ASSERT_EQ(doc.array().size(), 1);
+    const QJsonObject item = doc.array().at(0).toObject();
+    EXPECT_EQ(item.value("status").toInt(), 8);
+    EXPECT_EQ(item.value("name").toString(), "The Lighthouse Keeper");
+    EXPECT_FALSE(item.contains("match"));
+    const QJsonObject title = item.value("mainTitle").toObject();
+    EXPECT_EQ(title.value("size").toString(), "1280x720");
+    const QJsonArray audio = title.value("audio").toArray();
+    ASSERT_EQ(audio.size(), 2);
+    EXPECT_EQ(audio.at(0).toObject().value("track").toInt(), 2); // English first for en-US
+    EXPECT_TRUE(audio.at(0).toObject().value("include").toBool());
+    const QJsonArray command = item.value("command").toArray();
+    ASSERT_FALSE(command.isEmpty());
+    EXPECT_TRUE(command.at(0).toString().endsWith("/Tarnwick_Pro_Encoder"));
+    EXPECT_TRUE(command.contains(QJsonValue("--input")));
+
+    // The option held for that run only.
+    const CliResult settings = [] {
+        QProcess p;
+        p.start(
+            QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"),
+            {QStringLiteral("settings"), QStringLiteral("get"), QStringLiteral("Skip Tagging")});
+        p.waitForFinished(30000);
+        return CliResult{p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()), {}};
+    }();
+    EXPECT_EQ(settings.out.trimmed(), "NO");
+}
+
+TEST_F(ScanCliTest, ASourceWithoutHitsIsSkippedOrSearchedUnderATypedName) {
+    const QString unknown =
+        scantest::sampleAs("Harbour Lights.mp4", QStringLiteral("Quayside Tugboat Story.mp4"));
+    // Without a terminal the question is not asked: Skip.
+    CliResult r = runCli({unknown}, "Harbour Lights\n");
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains("No match for \"Quayside Tugboat Story\"; skipped."));
+    EXPECT_TRUE(r.out.contains("match:      none"));
+
+    r = runCli({unknown, QStringLiteral("--yes")});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(r.out.startsWith("Quayside Tugboat Story\n"));
+}
+
+TEST_F(ScanCliTest, BadArgumentsAreReported) {
+    CliResult r = runCli({});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(r.err.contains("no source given"));
+    r = runCli({QStringLiteral("/no/such/movie.mkv")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.err.contains("/no/such/movie.mkv: no such file or folder"));
+    r = runCli({scantest::sample("junk.mkv"), QStringLiteral("--title"), QStringLiteral("x")});
+    EXPECT_EQ(r.status, 2);
+    r = runCli({scantest::sample("junk.mkv"), QStringLiteral("--bogus")});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(r.err.contains("unknown option --bogus"));
+}
