@@ -260,6 +260,60 @@ TEST_F(EncoderJob, FrameReportAtTheVeryStartOfAChunkIsNotRead) {
     EXPECT_TRUE(movie->warnings().startsWith(QStringLiteral("It appears that only 0%")));
 }
 
+TEST_F(EncoderJob, ForeignSearchShowsScanningUntilTheScanPartIsDone) {
+    useScriptedEncoder(reportingFrames(75, 75));
+    auto movie = scannedMovie(QStringLiteral("Movie.m4v"));
+    movie->setSearchForeign(true);
+    QStringList times;
+    QObject::connect(&m_encoder, &JobDisplay::timeFieldChanged,
+                     [&](const QString& text) { times << text; });
+    ASSERT_TRUE(m_encoder.startMovieEncoding(movie));
+    EXPECT_TRUE(m_encoder.isScanning());
+    EXPECT_EQ(m_encoder.timeField(), QStringLiteral("(Scanning...)"));
+    ASSERT_TRUE(waitForRunEnd());
+    // The scan part reaches 100 % first; the estimate follows.
+    const qsizetype scanning = times.indexOf(QStringLiteral("(Scanning...)"));
+    ASSERT_GE(scanning, 0);
+    EXPECT_GT(times.indexOf(QStringLiteral("(Estimating...)"), scanning), scanning);
+}
+
+// An information panel that records what it was asked to redraw.
+struct Panel : InformationPanel {
+    const MDI_Media* shown = nullptr;
+    QList<MDI_Media*> refreshed;
+    const MDI_Media* shownMovie() const override { return shown; }
+    void refreshView(MDI_Media* movie) override { refreshed << movie; }
+};
+
+TEST_F(EncoderJob, InformationPanelShowingTheMovieIsRefreshedLater) {
+    useScriptedEncoder(reportingFrames(75, 75));
+    auto movie = scannedMovie(QStringLiteral("Movie.m4v"));
+    QImage poster(4, 6, QImage::Format_RGB32);
+    poster.fill(Qt::red);
+    movie->getMetadata()->setArtwork(poster);
+    Panel panel;
+    panel.shown = movie.get();
+    m_encoder.setInformationController(&panel);
+
+    ASSERT_TRUE(m_encoder.startMovieEncoding(movie));
+    EXPECT_EQ(m_encoder.thumbnail(), poster);
+    // Not while the pass is being set up: on a later turn of the event loop.
+    EXPECT_TRUE(panel.refreshed.isEmpty());
+    m_encoder.stopEncoding();
+    ASSERT_TRUE(waitForRunEnd());
+    EXPECT_EQ(panel.refreshed, (QList<MDI_Media*>{movie.get(), movie.get()}));
+
+    // A panel showing another movie is left alone.
+    m_recorder = Recorder();
+    Panel other;
+    m_encoder.setInformationController(&other);
+    movie->setStatus(8);
+    ASSERT_TRUE(m_encoder.startMovieEncoding(movie));
+    ASSERT_TRUE(waitForRunEnd());
+    EXPECT_TRUE(other.refreshed.isEmpty());
+    m_encoder.setInformationController(nullptr);
+}
+
 // --- HD and SD ---------------------------------------------------------------
 
 TEST_F(EncoderJob, HDAndSDMovieMakesTwoFilesWithTheirOwnPresets) {
