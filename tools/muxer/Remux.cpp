@@ -407,8 +407,8 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
     }
     result->reserved = reserve;
 
-    rc = avio_open2(&oc->pb, ("file:" + request.outputPath).c_str(),
-                    AVIO_FLAG_WRITE | AVIO_FLAG_DIRECT, nullptr, nullptr);
+    rc = avio_open2(&oc->pb, ("file:" + request.outputPath).c_str(), AVIO_FLAG_WRITE, nullptr,
+                    nullptr);
     if (rc < 0) {
         *error = "cannot write " + request.outputPath + ": " + avError(rc);
         return false;
