@@ -15,6 +15,7 @@
 #include "core/Resources.h"
 
 #include <QElapsedTimer>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -388,4 +389,100 @@ TEST_F(ScanSessionTest, SelectionIsPostedWithItemTabAndCount) {
     EXPECT_EQ(posts[0].value("tab").toInt(), 0);
     EXPECT_EQ(posts[0].value("count").toInt(), 2);
     EXPECT_TRUE(posts[1].isEmpty());
+}
+
+TEST_F(ScanSessionTest, FilterSettingsAreExclusiveOrWithTheScansCombing) {
+    UserDefaults::standard().setBool(true, tag(SettingsKey::SkipTagging));
+    UserDefaults::standard().setBool(true, tag(SettingsKey::Decomb));
+    UserDefaults::standard().setBool(false, tag(SettingsKey::Detelecine));
+    UserDefaults::standard().setBool(true, tag(SettingsKey::Denoise));
+    UserDefaults::standard().setBool(true, tag(SettingsKey::PassthruVideo));
+    browser->loadFiles({sample("Interlaced.mkv")});
+    ASSERT_TRUE(waitSettled());
+
+    const auto& interlaced = *item(0);
+    ASSERT_EQ(interlaced.status(), 8);
+    ASSERT_TRUE(interlaced.getMainTitle()->combing());
+    // A combed title with "Decomb" on is encoded without the decomb filter;
+    // with "Detelecine" off it gets the detelecine filter.
+    EXPECT_FALSE(interlaced.decomb());
+    EXPECT_TRUE(interlaced.detelecine());
+    EXPECT_TRUE(interlaced.denoise());
+    EXPECT_FALSE(interlaced.deblock());
+    EXPECT_TRUE(interlaced.passthruVideo());
+}
+
+TEST_F(ScanSessionTest, ARefusedSourceFailsWithTheRefusalMessage) {
+    // Nothing in the session refuses a source by itself; whatever marks the
+    // item while it is scanned decides the message at the end.
+    browser->loadFiles({sample("Harbour Lights.mp4"), sample("junk.mkv")});
+    ASSERT_EQ(item(0)->status(), 3);
+    item(0)->setStatus(1);
+    ASSERT_TRUE(waitSettled());
+    EXPECT_EQ(item(0)->status(), 0);
+    EXPECT_EQ(item(0)->warnings(), QString::fromLatin1(EncodeBrowserController::kDrmWarning));
+    EXPECT_TRUE(item(0)->titles().empty());
+    EXPECT_EQ(delegate.failed, (QStringList{"Harbour Lights", "Junk"}));
+}
+
+TEST_F(ScanSessionTest, AMissingEncoderToolLeavesTheItemWaitingAndSaysSo) {
+    struct Alerting : ScriptedDelegate {
+        void showAlert(const QString& message) override { alerts << message; }
+        QStringList alerts;
+    } alerting;
+    browser->setBrowserDelegate(&alerting);
+    QTemporaryDir empty;
+    const QByteArray saved = qgetenv("TARNWICK_LIBEXEC");
+    qputenv("TARNWICK_LIBEXEC", empty.path().toUtf8());
+    browser->loadFiles({sample("Harbour Lights.mp4")});
+    qputenv("TARNWICK_LIBEXEC", saved);
+
+    EXPECT_EQ(item(0)->status(), 2);
+    EXPECT_FALSE(browser->isScanning());
+    EXPECT_FALSE(browser->scanProgress());
+    ASSERT_EQ(alerting.alerts.size(), 1);
+    EXPECT_TRUE(alerting.alerts.first().contains("Tarnwick_Pro_Encoder"));
+    EXPECT_GE(alerting.stateChanges, 1);
+
+    // With the tool back, the waiting item is scanned on the next request.
+    UserDefaults::standard().setBool(true, tag(SettingsKey::SkipTagging));
+    browser->initiateScan();
+    ASSERT_TRUE(waitSettled());
+    EXPECT_EQ(item(0)->status(), 8);
+}
+
+TEST_F(ScanSessionTest, DiscInstructionsFollowTheSourceTypeAndTheHideSettings) {
+    auto report = [](const char* name) {
+        QFile f(testsupport::dataPath(QStringLiteral("scan-reports/") + name));
+        EXPECT_TRUE(f.open(QIODevice::ReadOnly));
+        return QString::fromLatin1(f.readAll());
+    };
+    MDI_Movie dvd, bluray, file;
+    browser->decodeScanString(report("dvd.txt"), dvd);
+    browser->decodeScanString(report("bluray.txt"), bluray);
+    browser->decodeScanString(report("file-mkv.txt"), file);
+    EXPECT_EQ(dvd.sourceType(), 2);
+    EXPECT_EQ(bluray.sourceType(), 3);
+    EXPECT_EQ(file.sourceType(), 1);
+    // Without the DVD library the DVD instructions are shown.
+    EXPECT_EQ(delegate.dvd, EncodeBrowserController::hasDvdLibrary() ? 0 : 1);
+    EXPECT_EQ(delegate.bluray, 1);
+    // The longest title is the main title.
+    EXPECT_EQ(dvd.mainTitle(), 0);
+    EXPECT_EQ(dvd.getMainTitle()->duration(), "00:00:05");
+    EXPECT_EQ(bluray.getMainTitle()->duration(), "02:01:33");
+
+    UserDefaults::standard().setBool(true, tag(SettingsKey::HideDVDInstructions));
+    UserDefaults::standard().setBool(true, tag(SettingsKey::HideBlurayInstructions));
+    MDI_Movie dvd2, bluray2;
+    browser->decodeScanString(report("dvd.txt"), dvd2);
+    browser->decodeScanString(report("bluray.txt"), bluray2);
+    EXPECT_EQ(delegate.dvd, EncodeBrowserController::hasDvdLibrary() ? 0 : 1);
+    EXPECT_EQ(delegate.bluray, 1);
+
+    // A report without titles fails the item with the no-valid-title message.
+    MDI_Movie missing;
+    browser->decodeScanString(report("no-title.txt"), missing);
+    EXPECT_EQ(missing.status(), 0);
+    EXPECT_EQ(missing.warnings(), QString::fromLatin1(MDI_Utility::kNoValidTitle));
 }

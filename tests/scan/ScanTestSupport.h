@@ -5,13 +5,13 @@
 // client caches the first configuration it sees, so the address must not
 // change between tests).
 
-#include "tools/tmdbserver/LoopbackMovieDb.h"
 #include "TestSupport.h"
 #include "core/SettingsKeys.h"
 #include "core/Startup.h"
 #include "core/UserDefaults.h"
 #include "lookup/MDB_TheMovieDb.h"
 #include "metadata/Utility.h"
+#include "tools/tmdbserver/LoopbackMovieDb.h"
 
 #include <QDir>
 #include <QFile>
@@ -50,6 +50,7 @@ inline bool ffmpeg(const QStringList& args) {
 //   "The Lighthouse Keeper (2019).mkv"  1280x720 h264, 4 s; audio German then
 //                                       English; subtitles German then English
 //   "Harbour Lights.mp4"                640x360 h264, 4 s; English audio
+//   "Interlaced.mkv"                    720x480 MPEG-2 with woven fields (combing)
 //   "junk.mkv"                          random bytes
 // Each is made under a temporary name and renamed into place, so parallel
 // test processes never see half a file.
@@ -133,6 +134,12 @@ inline QString sample(const QString& name) {
                                 "2",
                                 "-metadata:s:a:0",
                                 "language=eng",
+                                made}))
+            return {};
+    } else if (name == QLatin1String("Interlaced.mkv")) {
+        if (!ffmpeg(QStringList{"-f", "lavfi", "-i", "testsrc2=size=720x480:rate=60", "-t", "4",
+                                "-vf", "tinterlace=mode=interleave_top,setfield=tff", "-r", "30",
+                                "-c:v", "mpeg2video", "-b:v", "6M", "-flags", "+ilme+ildct", "-an",
                                 made}))
             return {};
     } else if (name == QLatin1String("junk.mkv")) {
