@@ -169,11 +169,6 @@ TEST(EncoderProgress, OtherOutputIsIgnored) {
     EXPECT_DOUBLE_EQ(encoder.progressIndicator(), 12.0);
 }
 
-TEST(EncoderProgress, ToolNames) {
-    EXPECT_EQ(EncoderController::encoderName(), QStringLiteral("Tarnwick_Pro_Encoder"));
-    EXPECT_EQ(MuxerController::muxerName(), QStringLiteral("Tarnwick_Pro_Muxer"));
-}
-
 // --- the judgement, with exact frame reports ----------------------------------
 
 struct Verdict {

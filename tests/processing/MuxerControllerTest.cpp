@@ -219,9 +219,4 @@ TEST_F(MuxerJob, StopWhilePausedEndsTheTool) {
     EXPECT_EQ(m_recorder.muxCompletes + m_recorder.muxErrors, 0);
 }
 
-TEST_F(MuxerJob, NoMovieIsRefused) {
-    EXPECT_FALSE(m_muxer.muxMovie(nullptr));
-    EXPECT_TRUE(QFileInfo::exists(m_out));
-}
-
 } // namespace
