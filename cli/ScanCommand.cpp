@@ -27,6 +27,7 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
+#include <signal.h>
 #include <string>
 
 #include <unistd.h>
@@ -102,74 +103,6 @@ QStringList commandLine(MDI_Media& item) {
                            item.outPath());
 }
 
-// Terminal questions and messages for the browser.
-class CliDelegate : public EncodeBrowserDelegate {
-public:
-    CliDelegate(bool assumeYes, bool interactive)
-        : m_assumeYes(assumeYes), m_interactive(interactive) {}
-
-    void runSearchPanel(SearchPanelController& panel) override {
-        if (m_assumeYes || !m_interactive) {
-            cli::err() << "No match for \"" << panel.startName() << "\"; skipped." << Qt::endl;
-            panel.skipBtn();
-            return;
-        }
-        cli::err() << "No match for \"" << panel.startName()
-                   << "\" in the movie database. Name to search for (empty to skip): " << Qt::flush;
-        std::string line;
-        if (!std::getline(std::cin, line)) {
-            cli::err() << Qt::endl;
-            panel.skipBtn();
-            return;
-        }
-        const QString name = QString::fromStdString(line).trimmed();
-        if (name.isEmpty()) {
-            panel.skipBtn();
-        } else {
-            panel.setNewName(name);
-            panel.searchBtn();
-        }
-    }
-
-    bool setPreferences() override {
-        if (!m_toldDestination) {
-            m_toldDestination = true;
-            cli::err() << "Note: no destination folder is set (tarnwick-cli settings); output "
-                          "names are relative to the folder the encode runs in."
-                       << Qt::endl;
-        }
-        return false;
-    }
-
-    void showBlurayInstructions() override {
-        cli::err() << "Blu-ray source: Tarnwick reads unprotected Blu-ray folders only; decrypt "
-                      "the disc to a folder first (\"Hide Bluray Instructions\" hides this)."
-                   << Qt::endl;
-    }
-
-    void showDvdInstructions() override {
-        cli::err() << "DVD source: protected DVDs need libdvdcss (Debian package libdvdcss2) "
-                      "(\"Hide DVD Instructions\" hides this)."
-                   << Qt::endl;
-    }
-
-    void scanFailed(const std::shared_ptr<MDI_Media>& item) override {
-        cli::err() << item->name() << ": " << item->warnings() << Qt::endl;
-    }
-
-    void showAlert(const QString& message) override {
-        cli::err() << "tarnwick-cli: " << message << Qt::endl;
-        alerted = true;
-    }
-
-    bool alerted = false;
-
-private:
-    bool m_assumeYes;
-    bool m_interactive;
-    bool m_toldDestination = false;
-};
-
 // Progress lines on stderr: rewritten in place on a terminal, one line per
 // change otherwise.
 class Progress {
@@ -190,8 +123,10 @@ public:
         }
     }
     void finish() {
-        if (m_open)
+        if (m_open) {
             cli::err() << "\r\033[K" << Qt::flush;
+            m_last.clear();
+        }
         m_open = false;
     }
 
@@ -199,6 +134,82 @@ private:
     bool m_terminal;
     bool m_open = false;
     QString m_last;
+};
+
+// Terminal questions and messages for the browser.
+class CliDelegate : public EncodeBrowserDelegate {
+public:
+    CliDelegate(bool assumeYes, bool interactive, Progress& progress)
+        : m_assumeYes(assumeYes), m_interactive(interactive), m_progress(progress) {}
+
+    void runSearchPanel(SearchPanelController& panel) override {
+        m_progress.finish();
+        if (m_assumeYes || !m_interactive) {
+            cli::err() << "No match for \"" << panel.startName() << "\"; skipped." << Qt::endl;
+            panel.skipBtn();
+            return;
+        }
+        cli::err() << "No match for \"" << panel.startName()
+                   << "\" in the movie database. Name to search for (empty to skip): " << Qt::flush;
+        std::string line;
+        if (!std::getline(std::cin, line) || g_interrupted) {
+            std::cin.clear();
+            cli::err() << Qt::endl;
+            panel.skipBtn();
+            return;
+        }
+        const QString name = QString::fromStdString(line).trimmed();
+        if (name.isEmpty()) {
+            panel.skipBtn();
+        } else {
+            panel.setNewName(name);
+            panel.searchBtn();
+        }
+    }
+
+    bool setPreferences() override {
+        m_progress.finish();
+        if (!m_toldDestination) {
+            m_toldDestination = true;
+            cli::err() << "Note: no destination folder is set (tarnwick-cli settings); output "
+                          "names are relative to the folder the encode runs in."
+                       << Qt::endl;
+        }
+        return false;
+    }
+
+    void showBlurayInstructions() override {
+        m_progress.finish();
+        cli::err() << "Blu-ray source: Tarnwick reads unprotected Blu-ray folders only; decrypt "
+                      "the disc to a folder first (\"Hide Bluray Instructions\" hides this)."
+                   << Qt::endl;
+    }
+
+    void showDvdInstructions() override {
+        m_progress.finish();
+        cli::err() << "DVD source: protected DVDs need libdvdcss (Debian package libdvdcss2) "
+                      "(\"Hide DVD Instructions\" hides this)."
+                   << Qt::endl;
+    }
+
+    void scanFailed(const std::shared_ptr<MDI_Media>& item) override {
+        m_progress.finish();
+        cli::err() << item->name() << ": " << item->warnings() << Qt::endl;
+    }
+
+    void showAlert(const QString& message) override {
+        m_progress.finish();
+        cli::err() << "tarnwick-cli: " << message << Qt::endl;
+        alerted = true;
+    }
+
+    bool alerted = false;
+
+private:
+    bool m_assumeYes;
+    bool m_interactive;
+    bool m_toldDestination = false;
+    Progress& m_progress;
 };
 
 QJsonObject itemJson(MDI_Media& item) {
@@ -371,19 +382,23 @@ int runScan(const QStringList& args) {
     }
 
     const bool stderrTerminal = isatty(STDERR_FILENO);
-    CliDelegate delegate(assumeYes, isatty(STDIN_FILENO) && stderrTerminal);
+    Progress progress(stderrTerminal);
+    CliDelegate delegate(assumeYes, isatty(STDIN_FILENO) && stderrTerminal, progress);
     auto list = std::make_shared<MediaItemList>();
     EncodeBrowserController browser(list);
     browser.setViewVisible(false);
     browser.setBrowserDelegate(&delegate);
 
-    Progress progress(stderrTerminal);
     QObject::connect(&browser, &EncodeBrowserController::scanStatusChanged, [&] {
         if (browser.scanStatusVisible())
             progress.show(browser.scanTitle(), browser.scanStatus());
     });
 
-    auto* previous = std::signal(SIGINT, onInterrupt);
+    // No SA_RESTART: Ctrl-C also ends a pending answer to the no-hits question.
+    struct sigaction interrupt = {}, previous = {};
+    interrupt.sa_handler = onInterrupt;
+    sigemptyset(&interrupt.sa_mask);
+    sigaction(SIGINT, &interrupt, &previous);
     QList<qint64> titles;
     if (title)
         titles = QList<qint64>(sources.size(), *title);
@@ -415,7 +430,7 @@ int runScan(const QStringList& args) {
     });
     poll.start(50);
     loop.exec();
-    std::signal(SIGINT, previous);
+    sigaction(SIGINT, &previous, nullptr);
     progress.finish();
 
     if (interrupted)
