@@ -93,6 +93,17 @@ public:
     qint64 numberOfPosters() const;
     const QList<QUrl>& getThumbnails() const { return m_localThumbnails; }
 
+    // Writes the record's tags into the file at `outPath` and labels the
+    // file's audio and subtitle tracks after the main title's included tracks
+    // (status 11 while writing, 12 when done, 0 with a warning when the file
+    // cannot be opened).
+    void writeMetadataToFile(bool isTV);
+    // Reads a file's tags into the record: the file at `inPath`, else at
+    // `outPath`. Cover art is copied into the scratch folder and selected.
+    void readMetadataFromFile(bool isTV);
+    static const char* const kWriteFailed;
+    static const char* const kReadFailed;
+
     // Search results (records of the hits) and the chosen one.
     void setSearchList(QList<std::shared_ptr<MDB_Metadata>> list);
     const QList<std::shared_ptr<MDB_Metadata>>& searchList() const { return m_searchList; }
