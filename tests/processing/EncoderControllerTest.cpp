@@ -182,6 +182,10 @@ struct Verdict {
     bool outputKept;
 };
 
+void PrintTo(const Verdict& v, std::ostream* os) {
+    *os << v.name;
+}
+
 class EncoderVerdict : public EncoderJob, public ::testing::WithParamInterface<Verdict> {};
 
 TEST_P(EncoderVerdict, JudgesFramesAndExitStatus) {
