@@ -460,6 +460,10 @@ TEST_P(PassThrough, SourceVideoJoinsConvertedTracksWithMoovInFront) {
     const double vStart = vs.value("start_time").toString().toDouble();
     const double aStart = as.value("start_time").toString().toDouble();
     EXPECT_LE(std::fabs(vStart - aStart), kFrameSeconds) << vStart << " vs " << aStart;
+    // The source's first picture takes the stand-by video's place exactly.
+    const double standbyStart =
+        streamOfType(probeStreams(m_source), "video").value("start_time").toString().toDouble();
+    EXPECT_NEAR(vStart, standbyStart, 0.001);
     EXPECT_NEAR(vs.value("duration").toString().toDouble(), 6.0, 0.1);
 
     // The video is the source's, packet for packet; Annex B from MPEG-TS

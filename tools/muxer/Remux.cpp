@@ -249,6 +249,32 @@ bool findExtradata(Input& in, AVStream* video, std::string* error) {
     return false;
 }
 
+// The first presentation time of the video: the smallest among its first
+// packets (with B-frames the first packet is not the first picture). The
+// stream's own start time is not used: Matroska files often report 0 there.
+int64_t firstPicture(Input& in, const AVStream* video) {
+    const size_t want = size_t(std::clamp(video->codecpar->video_delay, 0, 16)) + 16;
+    size_t seen = 0;
+    auto consider = [&](const AVPacket* p, int64_t* best) {
+        if (p->stream_index != video->index)
+            return;
+        ++seen;
+        if (p->pts != AV_NOPTS_VALUE && (*best == AV_NOPTS_VALUE || p->pts < *best))
+            *best = p->pts;
+    };
+    int64_t best = AV_NOPTS_VALUE;
+    for (const auto& p : in.preroll)
+        consider(p.get(), &best);
+    while (seen < want && in.preroll.size() < size_t(kMaxPreroll)) {
+        PacketPtr pkt(av_packet_alloc());
+        if (av_read_frame(in.ctx, pkt.get()) < 0)
+            break;
+        consider(pkt.get(), &best);
+        in.preroll.push_back(std::move(pkt));
+    }
+    return best != AV_NOPTS_VALUE ? best : startOf(video, in.ctx);
+}
+
 int readPacket(Input& in, AVPacket* pkt) {
     if (!in.preroll.empty()) {
         av_packet_move_ref(pkt, in.preroll.front().get());
@@ -335,7 +361,7 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
     // The stand-by video and the source video mark the same instant: the
     // source's video moves onto the stand-by video's start, the stand-by
     // file's own time line (audio, subtitles, chapters) stays as it is.
-    const int64_t videoStart = startOf(video, videoCtx.get());
+    const int64_t videoStart = firstPicture(inputs[0], video);
     const int64_t standbyStart = standby ? av_rescale_q(startOf(standby, sourceCtx.get()),
                                                         standby->time_base, video->time_base)
                                          : 0;
