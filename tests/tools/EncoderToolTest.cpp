@@ -14,6 +14,11 @@
 #include <QTemporaryDir>
 #include <QThread>
 
+#include "media/AudioTrack.h"
+#include "media/MDI_Movie.h"
+#include "media/MDI_Utility.h"
+#include "media/Title.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -876,6 +881,105 @@ TEST(EncoderToolEncode, StopContinueAndTerminateActOnTheEncode) {
     ::kill(pid_t(pid), SIGTERM);
     ASSERT_TRUE(p.waitForFinished(20000));
     EXPECT_TRUE(p.exitStatus() == QProcess::CrashExit || p.exitCode() != 0);
+}
+
+// The core's parser reads what the tool writes: the same report the scan
+// session would hand over, checked against ffprobe.
+struct Parsed {
+    std::unique_ptr<MDI_Movie> movie = std::make_unique<MDI_Movie>();
+    bool ok = false;
+};
+
+Parsed parseScanOf(const QString& path, const QStringList& titleArgs) {
+    const ToolRun r = runTool(QStringList{"-i", path} + titleArgs + QStringList{"--use-opencl"});
+    EXPECT_TRUE(r.finished);
+    Parsed parsed;
+    parsed.ok = MDI_Utility::decodeScanString(QString::fromLatin1(r.err), *parsed.movie);
+    return parsed;
+}
+
+
+TEST(EncoderReportParsing, FileSourcesBecomeTitlesWithTheirTracks) {
+    for (const QString& name :
+         {QStringLiteral("movie.mkv"), QStringLiteral("movie.mp4"), QStringLiteral("movie.ts")}) {
+        SCOPED_TRACE(name.toStdString());
+        const QString path = sample(name);
+        ASSERT_FALSE(path.isEmpty());
+        const Parsed parsed = parseScanOf(path, {"-t", "1", "--scan"});
+        ASSERT_TRUE(parsed.ok) << parsed.movie->warnings().toStdString();
+        EXPECT_EQ(parsed.movie->sourceType(), 1);
+        ASSERT_EQ(parsed.movie->titles().size(), 1u);
+        const Title& title = *parsed.movie->titles().front();
+        EXPECT_TRUE(title.isStreaming());
+        EXPECT_EQ(title.stream().trimmed(), path);
+
+        const QJsonObject probed = probe(path);
+        const QList<QJsonObject> video = probeStreams(probed, "video");
+        const QList<QJsonObject> audio = probeStreams(probed, "audio");
+        const QList<QJsonObject> subtitles = probeStreams(probed, "subtitle");
+        ASSERT_EQ(video.size(), 1);
+        EXPECT_EQ(title.size(), QStringLiteral("%1x%2")
+                                    .arg(video[0].value("width").toInt())
+                                    .arg(video[0].value("height").toInt()));
+        EXPECT_NEAR(title.getDuration(),
+                    probed.value("format").toObject().value("duration").toString().toDouble(), 1.0);
+        const QString codec = video[0].value("codec_name").toString();
+        EXPECT_EQ(title.codec(), codec == "mpeg2video" ? QStringLiteral("mpeg2") : codec);
+        EXPECT_NEAR(title.FPS().trimmed().toDouble(),
+                    ratio(video[0].value("r_frame_rate").toString()), 0.01);
+
+        ASSERT_EQ(title.numberAudioTracks(), audio.size());
+        QStringList wantLanguages, gotLanguages, wantChannels, gotChannels;
+        for (const QJsonObject& a : audio) {
+            QString lang = a.value("tags").toObject().value("language").toString();
+            wantLanguages << (lang == "fre" ? QStringLiteral("fra") : lang);
+            const int ch = a.value("channels").toInt();
+            wantChannels << (ch == 6 ? QStringLiteral("5.1 ch")
+                                     : QStringLiteral("%1.0 ch").arg(ch));
+        }
+        for (const auto& t : title.audioTracks()) {
+            gotLanguages << t->isoName();
+            gotChannels << t->channels();
+        }
+        // The parser puts native tracks first; compare as sets of pairs.
+        wantLanguages.sort();
+        gotLanguages.sort();
+        wantChannels.sort();
+        gotChannels.sort();
+        EXPECT_EQ(gotLanguages, wantLanguages);
+        EXPECT_EQ(gotChannels, wantChannels);
+        EXPECT_EQ(title.numberSubtitleTracks(), subtitles.size());
+    }
+}
+
+TEST(EncoderReportParsing, DvdFolderIsADiscWithItsTitle) {
+    const QString dvd = sample("DVD");
+    if (dvd.isEmpty())
+        GTEST_SKIP() << "dvdauthor could not make the DVD sample";
+    const Parsed parsed = parseScanOf(dvd, {"-t", "1", "--scan"});
+    ASSERT_TRUE(parsed.ok) << parsed.movie->warnings().toStdString();
+    EXPECT_EQ(parsed.movie->sourceType(), 2);
+    ASSERT_GE(parsed.movie->titles().size(), 1u);
+    const Title& title = *parsed.movie->titles().front();
+    EXPECT_FALSE(title.isStreaming());
+    EXPECT_EQ(title.codec(), "mpeg2");
+    EXPECT_EQ(title.size(), "720x480");
+    EXPECT_NEAR(title.getDuration(), 5, 1);
+    ASSERT_EQ(title.numberAudioTracks(), 1);
+    EXPECT_EQ(title.audioTracks().front()->codec(), "AC3");
+}
+
+TEST(EncoderReportParsing, JunkAndMissingSourcesEndInTheNoTitleVerdict) {
+    const QString junk = sample("junk.bin");
+    ASSERT_FALSE(junk.isEmpty());
+    for (const QString& path : {junk, QStringLiteral("/nonexistent/movie.mkv")}) {
+        SCOPED_TRACE(path.toStdString());
+        const Parsed parsed = parseScanOf(path, {"-t", "1", "--scan"});
+        EXPECT_FALSE(parsed.ok);
+        EXPECT_EQ(parsed.movie->status(), 0);
+        EXPECT_EQ(parsed.movie->warnings(), QString::fromLatin1(MDI_Utility::kNoValidTitle));
+        EXPECT_TRUE(parsed.movie->titles().empty());
+    }
 }
 
 } // namespace
