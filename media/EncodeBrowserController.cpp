@@ -93,12 +93,17 @@ int EncodeBrowserController::loadFiles(const QStringList& files, const QList<qin
 
 void EncodeBrowserController::updateDatasource() {
     UserDefaults& defaults = UserDefaults::standard();
+    const QString bookmarkKey = QString::fromLatin1(SettingsKey::DestinationPathBookmark);
+    bool asked = false;
     for (const EncodeBrowserCell& cell : std::as_const(m_importedImages)) {
         auto movie = std::make_shared<MDI_Movie>();
-        const QString bookmarkKey = QString::fromLatin1(SettingsKey::DestinationPathBookmark);
         QString folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
-        if (folder.isEmpty() && m_browserDelegate && m_browserDelegate->setPreferences())
-            folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
+        // Asked once per batch: a user who declines is not asked for every file.
+        if (folder.isEmpty() && !asked && m_browserDelegate) {
+            asked = true;
+            if (m_browserDelegate->setPreferences())
+                folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
+        }
         movie->setName(cell.title);
         const QString fileName = cell.title + QStringLiteral(".m4v");
         movie->setOutPath(folder.isEmpty() ? fileName : QDir(folder).filePath(fileName));

@@ -4,6 +4,8 @@
 
 #include "ScanTestSupport.h"
 
+#include "core/Bookmark.h"
+
 #include "core/Notifications.h"
 #include "lookup/SearchPanelController.h"
 #include "media/EncodeBrowserController.h"
@@ -11,7 +13,6 @@
 #include "media/MDI_Utility.h"
 #include "metadata/TagNames.h"
 
-#include "core/Bookmark.h"
 #include "core/Resources.h"
 
 #include <QElapsedTimer>
@@ -50,11 +51,22 @@ public:
     void itemReady(const std::shared_ptr<MDI_Media>& item) override { ready << item->name(); }
     void showBlurayInstructions() override { ++bluray; }
     void showDvdInstructions() override { ++dvd; }
+    bool setPreferences() override {
+        ++preferenceAsks;
+        if (chosenFolder.isEmpty())
+            return false;
+        UserDefaults::standard().setObject(
+            Bookmark::create(chosenFolder),
+            QString::fromLatin1(SettingsKey::DestinationPathBookmark));
+        return true;
+    }
 
     QStringList answers; // "" = Skip, else the new name to search for
     QStringList askedFor;
     QStringList failed;
     QStringList ready;
+    QString chosenFolder; // what the user picks when asked for a destination
+    int preferenceAsks = 0;
     int stateChanges = 0;
     int bluray = 0;
     int dvd = 0;
@@ -485,4 +497,24 @@ TEST_F(ScanSessionTest, DiscInstructionsFollowTheSourceTypeAndTheHideSettings) {
     browser->decodeScanString(report("no-title.txt"), missing);
     EXPECT_EQ(missing.status(), 0);
     EXPECT_EQ(missing.warnings(), QString::fromLatin1(MDI_Utility::kNoValidTitle));
+}
+
+TEST_F(ScanSessionTest, AnUnresolvedDestinationIsAskedForOncePerBatch) {
+    // Declined: the output names stay bare.
+    browser->loadFiles({sample("Harbour Lights.mp4"), sample("junk.mkv")});
+    browser->stopScanning();
+    EXPECT_EQ(delegate.preferenceAsks, 1);
+    EXPECT_EQ(item(0)->outPath(), "Harbour Lights.m4v");
+    EXPECT_EQ(item(1)->outPath(), "Junk.m4v");
+
+    // Chosen: the items of the batch go to the chosen folder.
+    delegate.chosenFolder = QDir::homePath();
+    browser->loadFiles({sample("Harbour Lights.mp4")});
+    EXPECT_EQ(delegate.preferenceAsks, 2);
+    EXPECT_EQ(item(2)->outPath(), QDir::homePath() + "/Harbour Lights.m4v");
+    // Stored, so the next batch needs no question.
+    browser->loadFiles({sample("junk.mkv")});
+    EXPECT_EQ(delegate.preferenceAsks, 2);
+    EXPECT_EQ(item(3)->outPath(), QDir::homePath() + "/Junk.m4v");
+    browser->stopScanning();
 }
