@@ -97,6 +97,8 @@ bool EncoderController::encodeMovie(std::shared_ptr<MDI_Media> movie) {
     const QString tool = Resources::auxiliaryExecutable(encoderName());
     m_curMovie = movie;
     movie->setStatus(9);
+    // Each movie of a run decides for itself whether it starts with a scan.
+    m_isScanning = movie->searchForeign();
     QString path = movie->outPath();
 
     QString preset;
