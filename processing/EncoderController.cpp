@@ -8,7 +8,6 @@
 #include "media/TextScanner.h"
 #include "metadata/MDB_Metadata.h"
 #include "metadata/TagNames.h"
-#include "mp4/mp4.h"
 #include "presets/MDB_Devices.h"
 #include "processing/ITunesFolder.h"
 #include "processing/JobText.h"
@@ -35,30 +34,6 @@ const char kMuxingError[] =
 
 bool wantsSDPass(const MDI_Media& movie) {
     return movie.createHDSD() && !movie.createdSD();
-}
-
-// The media item tags its own file, track names included. Where the item
-// cannot do that yet, its record's tags are written here so that no movie
-// leaves the job untagged.
-template <typename Movie> void writeMetadataToFile(Movie& movie) {
-    if constexpr (requires { movie.writeMetadataToFile(false); }) {
-        movie.writeMetadataToFile(false);
-    } else {
-        const QByteArray file = QFile::encodeName(movie.outPath());
-        const MP4FileHandle handle = MP4Modify(file.constData());
-        if (handle == MP4_INVALID_FILE_HANDLE) {
-            movie.setStatus(0);
-            movie.setWarnings(QStringLiteral("Unable to write the tags to the movie file! The file "
-                                             "was either missing or unable to be opened."));
-            return;
-        }
-        movie.setStatus(11);
-        movie.assignExtraMetadata();
-        movie.getMetadata()->writeMetadataToFile(handle, false);
-        movie.extractExtraMetadata();
-        movie.setStatus(12);
-        MP4Close(handle, MP4_CLOSE_DO_NOT_COMPUTE_BITRATE);
-    }
 }
 
 } // namespace
@@ -293,7 +268,7 @@ void EncoderController::stdError(const QString& text) {
 
 void EncoderController::tagOutput(MDI_Media& movie) {
     movie.setStatus(11);
-    writeMetadataToFile(movie);
+    movie.writeMetadataToFile(false);
     movie.setStatus(12);
 }
 
