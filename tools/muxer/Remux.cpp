@@ -1,6 +1,7 @@
 #include "Remux.h"
 
 #include "Progress.h"
+#include "Sink.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -69,7 +70,7 @@ using InputPtr = std::unique_ptr<AVFormatContext, InputCloser>;
 
 struct OutputCloser {
     void operator()(AVFormatContext* c) const {
-        if (c->pb)
+        if (c->pb && !(c->flags & AVFMT_FLAG_CUSTOM_IO))
             avio_closep(&c->pb);
         avformat_free_context(c);
     }
@@ -112,6 +113,20 @@ struct OutStream {
     int64_t lastDts = AV_NOPTS_VALUE; // output time base
     std::deque<PacketPtr> queue;
     uint64_t samples = 0, keyframes = 0, chunks = 0, bytes = 0;
+    int verbatimHint = -1;  // block header length last found in the source
+    int verbatimMisses = 0; // packets not found verbatim in a row
+};
+
+// Packets not found as they are in the source (Annex B, laced or
+// compressed blocks) after this many tries are written from memory.
+constexpr int kMaxVerbatimMisses = 32;
+
+struct FdCloser {
+    int fd = -1;
+    ~FdCloser() {
+        if (fd >= 0)
+            ::close(fd);
+    }
 };
 
 struct Input {
@@ -433,12 +448,12 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
     }
     result->reserved = reserve;
 
-    rc = avio_open2(&oc->pb, ("file:" + request.outputPath).c_str(), AVIO_FLAG_WRITE, nullptr,
-                    nullptr);
-    if (rc < 0) {
-        *error = "cannot write " + request.outputPath + ": " + avError(rc);
+    FdCloser videoFd{::open(request.videoPath.c_str(), O_RDONLY | O_CLOEXEC)};
+    Sink sink;
+    if (!sink.open(request.outputPath, videoFd.fd, error))
         return false;
-    }
+    oc->pb = sink.io();
+    oc->flags |= AVFMT_FLAG_CUSTOM_IO;
     AVDictionary* options = nullptr;
     if (reserve > 0)
         av_dict_set_int(&options, "moov_size", int64_t(reserve), 0);
@@ -481,7 +496,18 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
                 if (p->flags & AV_PKT_FLAG_KEY)
                     ++s.keyframes;
                 queuedBytes -= size_t(p->size);
+                if (s.input == 0 && s.verbatimMisses < kMaxVerbatimMisses) {
+                    const int64_t at = verbatimOffset(videoFd.fd, p->pos, p->data, size_t(p->size),
+                                                      &s.verbatimHint);
+                    if (at >= 0) {
+                        s.verbatimMisses = 0;
+                        sink.expect(p->data, size_t(p->size), at);
+                    } else if (p->size >= 64) {
+                        ++s.verbatimMisses;
+                    }
+                }
                 const int w = av_write_frame(oc.get(), p);
+                sink.expect(nullptr, 0, -1);
                 s.queue.pop_front();
                 if (w < 0) {
                     *error = "cannot write the output file: " + avError(w);
@@ -539,7 +565,6 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
                 pkt->pts = pkt->dts;
             s.lastDts = pkt->dts;
             pkt->stream_index = k;
-            pkt->pos = -1;
             const double t = double(pkt->dts) * av_q2d(s.out->time_base);
             in->last = std::max(in->last, t);
             if (first) {
@@ -593,16 +618,9 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
             *error += " (" + why + ")";
         return false;
     }
-    avio_flush(oc->pb);
-    if (oc->pb->error < 0) {
-        *error = "cannot write the output file: " + avError(oc->pb->error);
+    oc->pb = nullptr;
+    if (!sink.close(error))
         return false;
-    }
-    rc = avio_closep(&oc->pb);
-    if (rc < 0) {
-        *error = "cannot write the output file: " + avError(rc);
-        return false;
-    }
     if (reserve > 0 && !result->reserveFits) {
         // The unused reservation is still a hole after ftyp: make it a free box.
         const int fd = ::open(request.outputPath.c_str(), O_RDWR | O_CLOEXEC);

@@ -1,0 +1,177 @@
+#include "Sink.h"
+
+extern "C" {
+#include <libavformat/avio.h>
+#include <libavutil/error.h>
+#include <libavutil/mem.h>
+}
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace muxer {
+
+namespace {
+
+constexpr int kBufferSize = 1 << 20;
+// Block headers (element ID, size, track number, time code, flags) are short.
+constexpr int kMaxHeader = 48;
+constexpr size_t kProbe = 16;
+
+bool same(int fd, int64_t offset, const uint8_t* data) {
+    uint8_t buf[kProbe];
+    return ::pread(fd, buf, kProbe, off_t(offset)) == ssize_t(kProbe) &&
+           std::memcmp(buf, data, kProbe) == 0;
+}
+
+} // namespace
+
+int64_t verbatimOffset(int fd, int64_t blockPos, const uint8_t* data, size_t size, int* hint) {
+    if (fd < 0 || blockPos < 0 || size < 4 * kProbe)
+        return -1;
+    auto matches = [&](int delta) {
+        const int64_t at = blockPos + delta;
+        return same(fd, at, data) && same(fd, at + int64_t(size / 2), data + size / 2) &&
+               same(fd, at + int64_t(size - kProbe), data + size - kProbe);
+    };
+    if (*hint >= 0 && matches(*hint))
+        return blockPos + *hint;
+    for (int delta = 0; delta <= kMaxHeader; ++delta) {
+        if (delta != *hint && matches(delta)) {
+            *hint = delta;
+            return blockPos + delta;
+        }
+    }
+    return -1;
+}
+
+Sink::~Sink() {
+    if (m_io) {
+        av_freep(&m_io->buffer);
+        avio_context_free(&m_io);
+    }
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+bool Sink::open(const std::string& path, int sourceFd, std::string* error) {
+    // No O_TRUNC: the file is new and empty, and truncating it would have
+    // ext4 flush all of it on close (its guard for files rewritten in place).
+    m_fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (m_fd < 0) {
+        *error = "cannot write " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    m_source = sourceFd;
+    auto* buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
+    m_io = buffer ? avio_alloc_context(buffer, kBufferSize, 1, this, nullptr, writeCallback,
+                                       seekCallback)
+                  : nullptr;
+    if (!m_io) {
+        av_free(buffer);
+        *error = "out of memory";
+        return false;
+    }
+    // Large writes skip the buffer, so packet data arrives here as the packet's own memory.
+    m_io->direct = 1;
+    return true;
+}
+
+void Sink::expect(const uint8_t* data, size_t size, int64_t sourceOffset) {
+    m_expectData = data;
+    m_expectSize = size;
+    m_expectOffset = sourceOffset;
+}
+
+bool Sink::writeAt(const uint8_t* buf, size_t size) {
+    while (size > 0) {
+        const ssize_t n = ::pwrite(m_fd, buf, size, off_t(m_pos));
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            m_errno = errno;
+            return false;
+        }
+        buf += n;
+        size -= size_t(n);
+        m_pos += n;
+    }
+    return true;
+}
+
+bool Sink::copyAt(int64_t from, size_t size) {
+    loff_t in = from;
+    while (size > 0) {
+        loff_t out = m_pos;
+        const ssize_t n = ::copy_file_range(m_source, &in, m_fd, &out, size, 0);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR)
+                continue;
+            return false; // the caller writes what is left from memory
+        }
+        size -= size_t(n);
+        m_pos += n;
+        m_copied += uint64_t(n);
+    }
+    return true;
+}
+
+int Sink::writeCallback(void* opaque, uint8_t* buf, int size) {
+    auto* self = static_cast<Sink*>(opaque);
+    if (size <= 0)
+        return 0;
+    bool ok;
+    if (buf == self->m_expectData && size_t(size) == self->m_expectSize &&
+        self->m_expectOffset >= 0) {
+        const int64_t start = self->m_pos;
+        ok = self->copyAt(self->m_expectOffset, size_t(size));
+        if (!ok) {
+            const size_t done = size_t(self->m_pos - start);
+            ok = self->writeAt(buf + done, size_t(size) - done);
+        }
+    } else {
+        ok = self->writeAt(buf, size_t(size));
+    }
+    self->m_expectData = nullptr;
+    self->m_end = std::max(self->m_end, self->m_pos);
+    return ok ? size : AVERROR(self->m_errno ? self->m_errno : EIO);
+}
+
+int64_t Sink::seekCallback(void* opaque, int64_t offset, int whence) {
+    auto* self = static_cast<Sink*>(opaque);
+    switch (whence & ~AVSEEK_FORCE) {
+    case AVSEEK_SIZE:
+        return self->m_end;
+    case SEEK_SET:
+        self->m_pos = offset;
+        break;
+    case SEEK_CUR:
+        self->m_pos += offset;
+        break;
+    case SEEK_END:
+        self->m_pos = self->m_end + offset;
+        break;
+    default:
+        return AVERROR(EINVAL);
+    }
+    return self->m_pos;
+}
+
+bool Sink::close(std::string* error) {
+    avio_flush(m_io);
+    const int ioError = m_io->error;
+    av_freep(&m_io->buffer);
+    avio_context_free(&m_io);
+    const int rc = ::close(m_fd);
+    m_fd = -1;
+    if (ioError < 0 || m_errno != 0 || rc != 0) {
+        *error = std::string("cannot write the output file: ") +
+                 std::strerror(m_errno ? m_errno : (rc != 0 ? errno : EIO));
+        return false;
+    }
+    return true;
+}
+
+} // namespace muxer

@@ -1,0 +1,57 @@
+#pragma once
+
+// Where the muxer writes: a file descriptor behind a libavformat I/O context.
+// Packet data found verbatim in the source file is copied file to file by
+// the kernel instead of written from memory; on large files the page-cache
+// path of plain writes is what a pass-through spends its time on.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+struct AVIOContext;
+
+namespace muxer {
+
+class Sink {
+public:
+    Sink() = default;
+    ~Sink();
+    Sink(const Sink&) = delete;
+    Sink& operator=(const Sink&) = delete;
+
+    // sourceFd: the file packet data may be copied from (-1 for none).
+    bool open(const std::string& path, int sourceFd, std::string* error);
+    AVIOContext* io() const { return m_io; }
+
+    // The next write of exactly this buffer may be taken from the source at that offset.
+    void expect(const uint8_t* data, size_t size, int64_t sourceOffset);
+    // Flushes and closes; false with a message when anything failed to reach the file.
+    bool close(std::string* error);
+
+    uint64_t copiedBytes() const { return m_copied; }
+
+private:
+    static int writeCallback(void* opaque, uint8_t* buf, int size);
+    static int64_t seekCallback(void* opaque, int64_t offset, int whence);
+    bool writeAt(const uint8_t* buf, size_t size);
+    bool copyAt(int64_t from, size_t size);
+
+    int m_fd = -1;
+    int m_source = -1;
+    AVIOContext* m_io = nullptr;
+    int64_t m_pos = 0;
+    int64_t m_end = 0;
+    int m_errno = 0;
+    const uint8_t* m_expectData = nullptr;
+    size_t m_expectSize = 0;
+    int64_t m_expectOffset = -1;
+    uint64_t m_copied = 0;
+};
+
+// Where the packet's bytes lie verbatim in the file of `fd`, or -1. The
+// demuxer's position points at the container's block, a few header bytes
+// before the data; `hint` carries the last distance found between calls.
+int64_t verbatimOffset(int fd, int64_t blockPos, const uint8_t* data, size_t size, int* hint);
+
+} // namespace muxer
