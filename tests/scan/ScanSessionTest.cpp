@@ -184,8 +184,6 @@ TEST_F(ScanSessionTest, ThreeSourcesAreScannedInTurnAndTwoAreMatched) {
     EXPECT_EQ(maxScanning, 1);
     EXPECT_TRUE(statusTexts.contains("Searching..."));
     EXPECT_TRUE(statusTexts.contains("Querying..."));
-    EXPECT_TRUE(statusTexts.contains("Scanning title 1 of 1"))
-        << statusTexts.join('|').toStdString();
     EXPECT_FALSE(browser->scanStatusVisible());
     EXPECT_FALSE(browser->scanProgress());
     EXPECT_FALSE(browser->vidImageVisible());
@@ -517,4 +515,27 @@ TEST_F(ScanSessionTest, AnUnresolvedDestinationIsAskedForOncePerBatch) {
     EXPECT_EQ(delegate.preferenceAsks, 2);
     EXPECT_EQ(item(3)->outPath(), QDir::homePath() + "/Junk.m4v");
     browser->stopScanning();
+}
+
+TEST_F(ScanSessionTest, ToolProgressIsShownAndAnInvalidTitleFailsTheItem) {
+    browser->loadFiles({sample("Harbour Lights.mp4")});
+    ASSERT_EQ(item(0)->status(), 3);
+    // Chunks as the tool writes them on standard error (a fast scan may
+    // finish before it reports any progress, so they are given here).
+    browser->stdError(QStringLiteral("[10:00:01] Scanning title 3 of 12, preview 2, 20.00 %\n"));
+    EXPECT_EQ(browser->scanStatus(), "Scanning title 3 of 12");
+    EXPECT_EQ(browser->scanProgressValue(), 3);
+    EXPECT_EQ(browser->scanProgressMaximum(), 12);
+    // "invalid title" counts only with text before it.
+    browser->stdError(QStringLiteral("invalid title"));
+    EXPECT_EQ(item(0)->status(), 3);
+    browser->stdError(QStringLiteral("[10:00:02] libhb: invalid title 7\n"));
+    EXPECT_EQ(item(0)->status(), 0);
+
+    ASSERT_TRUE(waitSettled());
+    EXPECT_EQ(item(0)->status(), 0);
+    EXPECT_EQ(item(0)->warnings(), QString::fromLatin1(MDI_Utility::kNoValidTitle));
+    EXPECT_TRUE(item(0)->titles().empty());
+    EXPECT_EQ(delegate.failed, QStringList{"Harbour Lights"});
+    EXPECT_FALSE(browser->scanStatusVisible());
 }
