@@ -5,7 +5,10 @@
 // their include flags, the match and the encoder command line the item would
 // run. A source without hits is asked about on the terminal (a new name to
 // search for, or empty to skip); with --yes, or without a terminal, it is
-// skipped as the panel's Skip button does. Progress goes to stderr.
+// skipped as the panel's Skip button does. --title N scans title N of every
+// source (0, the default, scans all titles and picks the longest);
+// --skip-tagging holds for this run only. Progress goes to stderr. The exit
+// status is 0 when every source ended ready, 1 otherwise.
 #include "cli/Commands.h"
 
 #include "core/Resources.h"
