@@ -539,3 +539,20 @@ TEST_F(ScanSessionTest, ToolProgressIsShownAndAnInvalidTitleFailsTheItem) {
     EXPECT_EQ(delegate.failed, QStringList{"Harbour Lights"});
     EXPECT_FALSE(browser->scanStatusVisible());
 }
+
+TEST_F(ScanSessionTest, ASuspendedScanWaitsUntilResumed) {
+    UserDefaults::standard().setBool(true, tag(SettingsKey::SkipTagging));
+    browser->loadFiles({sample("Harbour Lights.mp4")});
+    ASSERT_EQ(item(0)->status(), 3);
+    browser->suspendProcess();
+    QElapsedTimer clock;
+    clock.start();
+    waitUntil([&] { return clock.elapsed() > 2500; }, 5000);
+    // A scan of this sample takes well under a second when it runs.
+    EXPECT_EQ(item(0)->status(), 3);
+    EXPECT_TRUE(browser->isScanning());
+
+    browser->resumeProcess();
+    ASSERT_TRUE(waitSettled());
+    EXPECT_EQ(item(0)->status(), 8);
+}
