@@ -8,6 +8,10 @@ class MDB_MovieMetadata : public MDB_Metadata {
 public:
     MDB_MovieMetadata();
     explicit MDB_MovieMetadata(const KeyedArchive& coder);
+    // Reads the tags of an open file, then sets the initial tags again: what
+    // the file had under those names is reset on purpose, and the path is not
+    // kept.
+    MDB_MovieMetadata(const QString& sourcePath, MP4FileHandle handle);
     ~MDB_MovieMetadata() override;
 
     MDB_MovieMetadata(MDB_MovieMetadata&&) = default;

@@ -7,6 +7,7 @@
 #include "metadata/MDB_Artwork.h"
 #include "metadata/MDB_Basicdata.h"
 #include "metadata/MDB_Metadata.h"
+#include "metadata/MDB_MovieMetadata.h"
 #include "metadata/TagNames.h"
 #include "mp4/Mp4TestMedia.h"
 #include "mp4/mp4.h"
@@ -595,6 +596,30 @@ TEST_F(MetadataIO, BasicDataFallsBackToTheFileName) {
     junk.close();
     EXPECT_FALSE(MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(junk.fileName())));
     EXPECT_TRUE(MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(junk.fileName())).isNull());
+}
+
+TEST_F(MetadataIO, MovieRecordFromAFileResetsItsInitialTagsAfterTheRead) {
+    MDB_Metadata original;
+    original.setTag(QStringLiteral("Read Back"), TagName::Name);
+    original.setTag(QStringLiteral("A studio"), TagName::Studio);
+    original.setTag(QStringLiteral("Someone"), TagName::Cast);
+    original.setTag(QStringLiteral("1999"), TagName::ReleaseDate);
+    original.setMediaType(QStringLiteral("Movie"));
+    write(original);
+
+    MP4FileHandle h = MP4Read(path().constData());
+    ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
+    const MDB_MovieMetadata movie(m_path, h);
+    MP4Close(h);
+
+    // Tags outside the initial set keep what the file had...
+    EXPECT_EQ(movie.getTag(TagName::Studio), "A studio");
+    EXPECT_EQ(movie.mediaKind(), 9);
+    // ...while the initial set is emptied again after the read.
+    EXPECT_EQ(movie.getTag(TagName::Name), "");
+    EXPECT_EQ(movie.getTag(TagName::Cast), "");
+    EXPECT_EQ(movie.getTag(TagName::ReleaseDate), "");
+    EXPECT_TRUE(movie.sourcePath().isEmpty());
 }
 
 } // namespace
