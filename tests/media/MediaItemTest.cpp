@@ -1,7 +1,6 @@
 #include "core/SettingsKeys.h"
 #include "core/UserDefaults.h"
 #include "media/MDI_Movie.h"
-#include "media/MDI_Utility.h"
 #include "metadata/TagNames.h"
 #include "presets/MDB_Devices.h"
 
@@ -414,30 +413,6 @@ TEST_F(MediaItemTest, SubtitlePartDependsOnInclusionBurnAndForeignSearch) {
     title->setSubtitleBurnState(1, true);
     EXPECT_EQ(movie.getSubtitleCmdArgs(kDevice),
               (QStringList{"--subtitle", "1", "--subtitle-burn", "1"}));
-}
-
-TEST_F(MediaItemTest, ScannedItemBuildsItsCommandLineFromTheReport) {
-    QFile file(testsupport::dataPath(QStringLiteral("scan-reports/worked-example.txt")));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    MDI_Movie movie;
-    ASSERT_TRUE(MDI_Utility::decodeScanString(QString::fromLatin1(file.readAll()), movie));
-    movie.autoFindMainTitle();
-    movie.setInPath(QStringLiteral("/discs/MOVIE"));
-    const QStringList line =
-        movie.getCmdArgs(kDevice, false, kTool, QStringLiteral("/out/Movie.m4v"));
-    ASSERT_GE(line.size(), 7);
-    EXPECT_EQ(line.mid(0, 7), (QStringList{kTool, "--input", "/discs/MOVIE", "--output",
-                                           "/out/Movie.m4v", "--title", "1"}));
-    const qsizetype audio = line.indexOf(QStringLiteral("--audio"));
-    ASSERT_GE(audio, 0);
-    EXPECT_EQ(line.at(audio + 1), QStringLiteral("1,2"));
-    const qsizetype subtitle = line.indexOf(QStringLiteral("--subtitle"));
-    ASSERT_GE(subtitle, 0);
-    EXPECT_EQ(line.at(subtitle + 1), QStringLiteral("1,2"));
-    // 720x480 is below the preset's picture: the bit rate is scaled down.
-    const qsizetype vb = line.indexOf(QStringLiteral("--vb"));
-    ASSERT_GE(vb, 0);
-    EXPECT_LT(line.at(vb + 1).toInt(), 2000);
 }
 
 class ContentIDTest : public MediaItemTest, public ::testing::WithParamInterface<int> {};
