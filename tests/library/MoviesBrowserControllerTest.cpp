@@ -130,15 +130,12 @@ TEST_F(MoviesBrowser, NoBookmarkOrNoMoviesFolderShowsNoCells) {
     EXPECT_EQ(browser.count(), 0);
     ASSERT_TRUE(browser.movieMap().has_value());
     EXPECT_TRUE(browser.movieMap()->isEmpty());
-}
 
-TEST_F(MoviesBrowser, MissingFolderListsNothing) {
-    EXPECT_TRUE(MoviesBrowserController::scanMoviesURL(m_dir.filePath("gone")).isEmpty());
-    MoviesBrowserController browser;
-    browser.setMoviesFolder(m_dir.filePath("gone"));
-    ASSERT_TRUE(load(browser));
-    EXPECT_EQ(browser.count(), 0);
-    EXPECT_TRUE(browser.skippedFiles().isEmpty());
+    MoviesBrowserController gone;
+    gone.setMoviesFolder(m_dir.filePath("gone"));
+    ASSERT_TRUE(load(gone));
+    EXPECT_EQ(gone.count(), 0);
+    EXPECT_TRUE(gone.skippedFiles().isEmpty());
 }
 
 TEST_F(MoviesBrowser, FilesWithOneContentIdBecomeOneCellShowingTheHdVersion) {
@@ -311,27 +308,6 @@ TEST_F(MoviesBrowser, LoadingRunsBesideTheEventLoop) {
     EXPECT_EQ(browser.scanStatus(), QString());
 }
 
-TEST_F(MoviesBrowser, TheListIsReadOncePerRun) {
-    movie("heat.m4v", MovieTags().setName("Heat").setContentID(1));
-    MoviesBrowserController browser;
-    browser.setMoviesFolder(m_movies);
-    SignalCount loaded(&browser, &MoviesBrowserController::movieListLoaded);
-    browser.setHidden(false);
-    browser.setHidden(true);
-    browser.setHidden(false);
-    ASSERT_TRUE(testsupport::waitUntil([&] { return loaded.count() > 0; }, 60000));
-    EXPECT_EQ(browser.count(), 1);
-
-    movie("alien.m4v", MovieTags().setName("Alien").setContentID(2));
-    browser.setHidden(true);
-    browser.setHidden(false);
-    browser.loadMovieList();
-    QCoreApplication::processEvents();
-    EXPECT_FALSE(browser.isLoading());
-    EXPECT_EQ(loaded.count(), 1);
-    EXPECT_EQ(browser.count(), 1);
-}
-
 TEST_F(MoviesBrowser, DestroyingTheBrowserDuringALoadStopsIt) {
     const QString first = movie("m000.m4v", MovieTags().setName("Movie"));
     for (int i = 1; i < 60; ++i)
@@ -340,9 +316,8 @@ TEST_F(MoviesBrowser, DestroyingTheBrowserDuringALoadStopsIt) {
     browser->setMoviesFolder(m_movies);
     browser->loadMovieList();
     browser.reset();
-    // Nothing the dead browser queued may run now.
+    // Nothing the dead browser queued may run now (a crash or a hang fails).
     QCoreApplication::processEvents();
-    SUCCEED();
 }
 
 TEST_F(MoviesBrowser, SelectionBuildsTheMovieFromItsFileTags) {
@@ -392,19 +367,31 @@ TEST_F(MoviesBrowser, SelectionBuildsTheMovieFromItsFileTags) {
     EXPECT_FALSE(browser.curMovie());
 }
 
-TEST_F(MoviesBrowser, ShowingTheBrowserRereadsTheSelectedMovie) {
+TEST_F(MoviesBrowser, ShowingAgainKeepsTheListAndRereadsTheSelectedMovie) {
     const QString heat = movie("heat.m4v", MovieTags().setName("Heat").setContentID(1));
     MoviesBrowserController browser;
     browser.setMoviesFolder(m_movies);
-    ASSERT_TRUE(load(browser));
+    SignalCount loaded(&browser, &MoviesBrowserController::movieListLoaded);
+    browser.setHidden(false);
+    browser.setHidden(true);
+    browser.setHidden(false);
+    ASSERT_TRUE(testsupport::waitUntil([&] { return loaded.count() > 0; }, 60000));
+    EXPECT_EQ(browser.count(), 1);
     browser.setSelection({0});
     ASSERT_TRUE(browser.curMovie());
     EXPECT_EQ(browser.curMovie()->name(), "Heat");
 
-    // Edited elsewhere while the browser was away.
+    // While the browser is away a movie is added and the selected one edited:
+    // the list is not read again, the selected movie is.
     browser.setHidden(true);
+    movie("alien.m4v", MovieTags().setName("Alien").setContentID(2));
     ASSERT_TRUE(librarytest::writeTags(heat, MovieTags().setName("Heat (Director's Cut)")));
     browser.setHidden(false);
+    browser.loadMovieList();
+    QCoreApplication::processEvents();
+    EXPECT_FALSE(browser.isLoading());
+    EXPECT_EQ(loaded.count(), 1);
+    EXPECT_EQ(browser.count(), 1);
     ASSERT_TRUE(browser.curMovie());
     EXPECT_EQ(browser.curMovie()->name(), "Heat (Director's Cut)");
 }
