@@ -178,7 +178,8 @@ bool MDB_Devices::createUserFile(const QVariantMap& dictionary) {
         return true;
     if (dictionary.isEmpty())
         return false;
-    if (!QFileInfo(folder).isDir() && !QDir().mkdir(folder)) {
+    // Many Linux homes have no Documents folder yet: make the whole path.
+    if (!QFileInfo(folder).isDir() && !QDir().mkpath(folder)) {
         qWarning("Tarnwick: cannot create the preset folder %s", qPrintable(folder));
         return false;
     }

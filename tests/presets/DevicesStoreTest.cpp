@@ -86,6 +86,18 @@ TEST_F(DevicesStoreTest, CreateUserFileWritesOnceAndReadsComeFromIt) {
     EXPECT_EQ(MDB_Devices::defaultDeviceNames(), shipped.value("Devices").toStringList());
 }
 
+TEST_F(DevicesStoreTest, UserFileIsCreatedEvenWithoutADocumentsFolder) {
+    const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+    const QString keep = documents + QStringLiteral(".kept");
+    ASSERT_TRUE(QDir().rename(documents, keep));
+    const bool made = MDB_Devices::createUserFile(shipped);
+    const bool exists = QFileInfo::exists(MDB_Devices::userFilePath());
+    QDir(documents).removeRecursively();
+    ASSERT_TRUE(QDir().rename(keep, documents));
+    EXPECT_TRUE(made);
+    EXPECT_TRUE(exists);
+}
+
 TEST_F(DevicesStoreTest, WithoutAUserFileEditsChangeNothing) {
     EXPECT_FALSE(MDB_Devices::writeToUserFile(shipped));
     EXPECT_FALSE(MDB_Devices::addDevice("Copy", "HD 1080p"));
