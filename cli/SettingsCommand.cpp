@@ -10,131 +10,126 @@
 
 namespace {
 
-QString show(const QVariant &v) {
-  switch (v.typeId()) {
-  case QMetaType::Bool:
-    return v.toBool() ? QStringLiteral("YES") : QStringLiteral("NO");
-  case QMetaType::QByteArray: {
-    // Bookmarks are folder paths.
-    const QByteArray b = v.toByteArray();
-    return QString::fromUtf8(b);
-  }
-  case QMetaType::QVariantList:
-  case QMetaType::QStringList:
-  case QMetaType::QVariantMap:
-    return QString::fromUtf8(
-        QJsonDocument::fromVariant(v).toJson(QJsonDocument::Compact));
-  default:
-    return v.toString();
-  }
+QString show(const QVariant& v) {
+    switch (v.typeId()) {
+    case QMetaType::Bool:
+        return v.toBool() ? QStringLiteral("YES") : QStringLiteral("NO");
+    case QMetaType::QByteArray: {
+        // Bookmarks are folder paths.
+        const QByteArray b = v.toByteArray();
+        return QString::fromUtf8(b);
+    }
+    case QMetaType::QVariantList:
+    case QMetaType::QStringList:
+    case QMetaType::QVariantMap:
+        return QString::fromUtf8(QJsonDocument::fromVariant(v).toJson(QJsonDocument::Compact));
+    default:
+        return v.toString();
+    }
 }
 
 // Parses VALUE as the type of the key's registered default.
-bool parse(const QVariant &like, const QString &text, QVariant *out,
-           QString *why) {
-  switch (like.typeId()) {
-  case QMetaType::Bool: {
-    const QString t = text.trimmed().toLower();
-    if (t == "yes" || t == "true" || t == "1")
-      *out = true;
-    else if (t == "no" || t == "false" || t == "0")
-      *out = false;
-    else {
-      *why = QStringLiteral("expected YES/NO, true/false or 1/0");
-      return false;
+bool parse(const QVariant& like, const QString& text, QVariant* out, QString* why) {
+    switch (like.typeId()) {
+    case QMetaType::Bool: {
+        const QString t = text.trimmed().toLower();
+        if (t == "yes" || t == "true" || t == "1")
+            *out = true;
+        else if (t == "no" || t == "false" || t == "0")
+            *out = false;
+        else {
+            *why = QStringLiteral("expected YES/NO, true/false or 1/0");
+            return false;
+        }
+        return true;
     }
-    return true;
-  }
-  case QMetaType::Int:
-  case QMetaType::LongLong: {
-    bool ok = false;
-    const qint64 n = text.trimmed().toLongLong(&ok);
-    if (!ok) {
-      *why = QStringLiteral("expected an integer");
-      return false;
+    case QMetaType::Int:
+    case QMetaType::LongLong: {
+        bool ok = false;
+        const qint64 n = text.trimmed().toLongLong(&ok);
+        if (!ok) {
+            *why = QStringLiteral("expected an integer");
+            return false;
+        }
+        *out = n;
+        return true;
     }
-    *out = n;
-    return true;
-  }
-  case QMetaType::QByteArray: {
-    if (text.isEmpty()) {
-      *out = QByteArray();
-      return true;
+    case QMetaType::QByteArray: {
+        if (text.isEmpty()) {
+            *out = QByteArray();
+            return true;
+        }
+        const QByteArray bookmark = Bookmark::create(text);
+        if (bookmark.isEmpty()) {
+            *why = QStringLiteral("expected an existing folder");
+            return false;
+        }
+        *out = bookmark;
+        return true;
     }
-    const QByteArray bookmark = Bookmark::create(text);
-    if (bookmark.isEmpty()) {
-      *why = QStringLiteral("expected an existing folder");
-      return false;
+    case QMetaType::QVariantList:
+    case QMetaType::QVariantMap: {
+        QJsonParseError error;
+        const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8(), &error);
+        const bool wantArray = like.typeId() == QMetaType::QVariantList;
+        if (error.error != QJsonParseError::NoError ||
+            (wantArray ? !doc.isArray() : !doc.isObject())) {
+            *why = wantArray ? QStringLiteral("expected a JSON array")
+                             : QStringLiteral("expected a JSON object");
+            return false;
+        }
+        *out = doc.toVariant();
+        return true;
     }
-    *out = bookmark;
-    return true;
-  }
-  case QMetaType::QVariantList:
-  case QMetaType::QVariantMap: {
-    QJsonParseError error;
-    const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8(), &error);
-    const bool wantArray = like.typeId() == QMetaType::QVariantList;
-    if (error.error != QJsonParseError::NoError ||
-        (wantArray ? !doc.isArray() : !doc.isObject())) {
-      *why = wantArray ? QStringLiteral("expected a JSON array")
-                       : QStringLiteral("expected a JSON object");
-      return false;
+    default:
+        *out = text;
+        return true;
     }
-    *out = doc.toVariant();
-    return true;
-  }
-  default:
-    *out = text;
-    return true;
-  }
 }
 
-int settingsCommand(const QStringList &args) {
-  const QString cmd = QStringLiteral("settings");
-  if (args.isEmpty())
-    return cli::usageError(cmd, QStringLiteral("settings needs a subcommand"));
-  QString error;
-  if (!Startup::run(&error))
-    return cli::failure(error);
-  auto &d = UserDefaults::standard();
-  const QString sub = args.first();
-  if (sub == QLatin1String("list") && args.size() == 1) {
-    for (const QString &key : d.allKeys())
-      cli::out() << key << '\t' << show(d.objectForKey(key)) << Qt::endl;
-    return cli::kExitOk;
-  }
-  if (sub == QLatin1String("get") && args.size() == 2) {
-    const QVariant v = d.objectForKey(args[1]);
-    if (!v.isValid())
-      return cli::failure(QStringLiteral("unknown setting '%1'").arg(args[1]));
-    cli::out() << show(v) << Qt::endl;
-    return cli::kExitOk;
-  }
-  if (sub == QLatin1String("set") && args.size() == 3) {
-    const QVariant like = d.registeredDefaults().value(args[1]);
-    if (!like.isValid())
-      return cli::usageError(
-          cmd, QStringLiteral("unknown setting '%1'").arg(args[1]));
-    QVariant value;
-    QString why;
-    if (!parse(like, args[2], &value, &why))
-      return cli::usageError(
-          cmd, QStringLiteral("bad value for '%1': %2").arg(args[1], why));
-    d.setObject(value, args[1]);
-    if (!d.synchronize())
-      return cli::failure(QStringLiteral("cannot write %1").arg(d.storePath()));
-    return cli::kExitOk;
-  }
-  if (sub == QLatin1String("reset") && args.size() == 1) {
-    PreferencesPanelController().onReset();
-    return cli::kExitOk;
-  }
-  return cli::usageError(cmd, QStringLiteral("bad settings arguments"));
+int settingsCommand(const QStringList& args) {
+    const QString cmd = QStringLiteral("settings");
+    if (args.isEmpty())
+        return cli::usageError(cmd, QStringLiteral("settings needs a subcommand"));
+    QString error;
+    if (!Startup::run(&error))
+        return cli::failure(error);
+    auto& d = UserDefaults::standard();
+    const QString sub = args.first();
+    if (sub == QLatin1String("list") && args.size() == 1) {
+        for (const QString& key : d.allKeys())
+            cli::out() << key << '\t' << show(d.objectForKey(key)) << Qt::endl;
+        return cli::kExitOk;
+    }
+    if (sub == QLatin1String("get") && args.size() == 2) {
+        const QVariant v = d.objectForKey(args[1]);
+        if (!v.isValid())
+            return cli::failure(QStringLiteral("unknown setting '%1'").arg(args[1]));
+        cli::out() << show(v) << Qt::endl;
+        return cli::kExitOk;
+    }
+    if (sub == QLatin1String("set") && args.size() == 3) {
+        const QVariant like = d.registeredDefaults().value(args[1]);
+        if (!like.isValid())
+            return cli::usageError(cmd, QStringLiteral("unknown setting '%1'").arg(args[1]));
+        QVariant value;
+        QString why;
+        if (!parse(like, args[2], &value, &why))
+            return cli::usageError(cmd, QStringLiteral("bad value for '%1': %2").arg(args[1], why));
+        d.setObject(value, args[1]);
+        if (!d.synchronize())
+            return cli::failure(QStringLiteral("cannot write %1").arg(d.storePath()));
+        return cli::kExitOk;
+    }
+    if (sub == QLatin1String("reset") && args.size() == 1) {
+        PreferencesPanelController().onReset();
+        return cli::kExitOk;
+    }
+    return cli::usageError(cmd, QStringLiteral("bad settings arguments"));
 }
 
 const cli::CommandRegistration registration{
-    {QStringLiteral("settings"),
-     QStringLiteral("settings list | get KEY | set KEY VALUE | reset"),
+    {QStringLiteral("settings"), QStringLiteral("settings list | get KEY | set KEY VALUE | reset"),
      settingsCommand}};
 
 } // namespace

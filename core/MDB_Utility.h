@@ -13,7 +13,7 @@
 // Shared naming, language and file helpers; stateless apart from tables built
 // once per process.
 class MDB_Utility {
-  public:
+public:
     struct LanguageRegion {
         QString code;        // "en-US"
         QString displayName; // in the region's own language
@@ -57,7 +57,7 @@ class MDB_Utility {
 };
 
 class MDB_Common {
-  public:
+public:
     static QString urlEncode(const QString& string);
     // Always answers an invalid value: file names carry no parseable record.
     static QVariant parseMovieFileName(const QString& string);

@@ -7,7 +7,7 @@
 
 // A dictionary that iterates its keys in first-insertion order.
 template <typename Key, typename Value> class OrderedDictionary {
-  public:
+public:
     using Entry = std::pair<Key, Value>;
 
     // Inserts or overwrites; an overwritten key keeps its original position.
@@ -55,7 +55,7 @@ template <typename Key, typename Value> class OrderedDictionary {
     auto end() const { return m_entries.cend(); }
     bool operator==(const OrderedDictionary& o) const { return m_entries == o.m_entries; }
 
-  private:
+private:
     QList<Entry> m_entries;
     QHash<Key, qsizetype> m_index;
 };

@@ -211,7 +211,7 @@ TEST(IsoTables, NamesLeadBackToOneTwoLetterCode) {
 }
 
 class LanguageTablesTest : public ::testing::Test {
-  protected:
+protected:
     void TearDown() override { MDB_Utility::setPreferredLanguages({"en-US"}); }
 };
 
@@ -290,7 +290,7 @@ TEST_F(LanguageTablesTest, NewLanguageListRebuildsTables) {
 // ---- temporary folder ---------------------------------------------------------------
 
 class TempFolderTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         ASSERT_TRUE(m_temp.isValid());
         m_previous = UserDefaults::standard().objectForKey(SettingsKey::TempDirectory);
