@@ -898,7 +898,6 @@ Parsed parseScanOf(const QString& path, const QStringList& titleArgs) {
     return parsed;
 }
 
-
 TEST(EncoderReportParsing, FileSourcesBecomeTitlesWithTheirTracks) {
     for (const QString& name :
          {QStringLiteral("movie.mkv"), QStringLiteral("movie.mp4"), QStringLiteral("movie.ts")}) {
