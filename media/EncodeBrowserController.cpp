@@ -1,5 +1,8 @@
 #include "media/EncodeBrowserController.h"
 
+#include <algorithm>
+#include <functional>
+
 #include "core/Bookmark.h"
 #include "core/MDB_Utility.h"
 #include "core/Notifications.h"
@@ -579,6 +582,72 @@ void EncodeBrowserController::setSelection(const QList<int>& rows) {
     }
     NotificationCenter::defaultCenter().post(
         QString::fromLatin1(NotificationName::SelectionChanged), userInfo);
+}
+
+QList<int> EncodeBrowserController::getSelected() const {
+    QList<int> rows = m_selection;
+    std::sort(rows.begin(), rows.end());
+    return rows;
+}
+
+void EncodeBrowserController::selectAll() {
+    QList<int> rows;
+    for (int row = 0; row < m_movieList->size(); ++row)
+        rows.append(row);
+    setSelection(rows);
+}
+
+void EncodeBrowserController::clearAll() {
+    QList<int> rows;
+    for (int row = 0; row < m_movieList->size(); ++row)
+        rows.append(row);
+    clearIndexes(rows);
+}
+
+void EncodeBrowserController::clearIndexes(const QList<int>& rows) {
+    QList<int> doomed;
+    for (int row : rows) {
+        if (row >= 0 && row < m_movieList->size() && !doomed.contains(row))
+            doomed.append(row);
+    }
+    if (doomed.isEmpty())
+        return;
+    // From the back, so the rows still to go keep their positions.
+    std::sort(doomed.begin(), doomed.end(), std::greater<int>());
+    bool workRemoved = false;
+    for (int row : std::as_const(doomed)) {
+        const std::shared_ptr<MDI_Media> item = m_movieList->at(row);
+        if (item == m_workMovie && m_isScanning) {
+            workRemoved = true;
+            // The runner is dropped without a callback; a lookup in flight is
+            // cancelled with its client below.
+            m_shellWrapper.reset();
+            m_scanStr.clear();
+        }
+        m_movieDBs.erase(item.get());
+        m_movieList->removeAt(row);
+        if (row < m_images.size())
+            m_images.removeAt(row);
+    }
+    m_selection.clear();
+    if (workRemoved) {
+        m_workMovie.reset();
+        setScanning(false);
+    }
+    reloadData();
+    statusUpdate();
+    if (workRemoved) {
+        if (std::shared_ptr<MDI_Media> next = firstWaitingItem()) {
+            setScanTitle(next->name());
+            setScanStatus(QStringLiteral("Scanning..."));
+            scanNextLater(next);
+        } else {
+            hideProgress();
+            scanStateChange();
+        }
+    }
+    NotificationCenter::defaultCenter().post(
+        QString::fromLatin1(NotificationName::SelectionChanged), QVariantMap());
 }
 
 std::shared_ptr<MDI_Media> EncodeBrowserController::firstSelectedItem() const {

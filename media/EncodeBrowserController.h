@@ -147,6 +147,15 @@ public:
     // --- selection -------------------------------------------------------------
     void setSelection(const QList<int>& rows);
     const QList<int>& selection() const { return m_selection; }
+    // The selected rows in ascending order.
+    QList<int> getSelected() const;
+    void selectAll();
+    // Removes the items of `rows` (any order, duplicates and rows out of range
+    // ignored). An item being scanned or looked up is stopped first and the
+    // session goes on with the next waiting item.
+    void clearIndexes(const QList<int>& rows);
+    void clearSelected() { clearIndexes(getSelected()); }
+    void clearAll();
     std::shared_ptr<MDI_Media> firstSelectedItem() const;
 
     // Whether the browser's view is on screen (the spinner runs only then).

@@ -556,3 +556,33 @@ TEST_F(ScanSessionTest, ASuspendedScanWaitsUntilResumed) {
     ASSERT_TRUE(waitSettled());
     EXPECT_EQ(item(0)->status(), 8);
 }
+
+TEST_F(ScanSessionTest, RemovingTheItemBeingScannedGoesOnWithTheNextOne) {
+    UserDefaults::standard().setBool(true, tag(SettingsKey::SkipTagging));
+    browser->loadFiles(
+        {sample("Harbour Lights.mp4"), sample("Harbour Lights.mp4"), sample("Harbour Lights.mp4")});
+    ASSERT_EQ(browser->count(), 3);
+    const std::shared_ptr<MDI_Media> second = item(1);
+    const std::shared_ptr<MDI_Media> third = item(2);
+    ASSERT_EQ(item(0)->status(), 3);
+
+    // Out of order and with a row that does not exist: only rows 0 and 2 go.
+    browser->setSelection({2, 0});
+    EXPECT_EQ(browser->getSelected(), (QList<int>{0, 2}));
+    browser->clearIndexes({2, 7, 0, 2});
+    ASSERT_EQ(browser->count(), 1);
+    EXPECT_EQ(item(0), second);
+    EXPECT_EQ(browser->images().size(), 1);
+    EXPECT_TRUE(browser->selection().isEmpty());
+    EXPECT_EQ(third.use_count(), 1) << "a removed item is still held somewhere";
+
+    ASSERT_TRUE(waitSettled());
+    EXPECT_EQ(second->status(), 8);
+
+    browser->selectAll();
+    EXPECT_EQ(browser->getSelected(), (QList<int>{0}));
+    browser->clearAll();
+    EXPECT_EQ(browser->count(), 0);
+    EXPECT_TRUE(browser->images().isEmpty());
+    EXPECT_FALSE(browser->isScanning());
+}
