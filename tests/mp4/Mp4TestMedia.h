@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Processes.h"
+
 #include <cstdint>
 #include <string>
 
@@ -28,32 +30,9 @@ inline QString mediaDir() {
     return dir;
 }
 
-inline bool haveTool(const char* name) {
-    return !QStandardPaths::findExecutable(QString::fromLatin1(name)).isEmpty();
-}
-
-struct RunResult {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-inline RunResult run(const QString& program, const QStringList& args, int timeoutMs = 120000) {
-    QProcess p;
-    p.start(program, args);
-    RunResult r;
-    if (!p.waitForStarted(10000))
-        return r;
-    if (!p.waitForFinished(timeoutMs)) {
-        p.kill();
-        p.waitForFinished();
-        return r;
-    }
-    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    r.out = p.readAllStandardOutput();
-    r.err = p.readAllStandardError();
-    return r;
-}
+using testsupport::haveTool;
+using testsupport::run;
+using testsupport::RunResult;
 
 // Makes `name` in the media folder with ffmpeg unless it is there already;
 // written under a temporary name first so parallel test runs never see half a file.

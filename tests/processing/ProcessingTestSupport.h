@@ -7,6 +7,8 @@
 #include "core/UserDefaults.h"
 #include "processing/JobDelegates.h"
 
+#include "Processes.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -23,28 +25,9 @@
 
 namespace jobtest {
 
-struct Run {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-inline Run run(const QString& program, const QStringList& args, int timeoutMs = 120000) {
-    QProcess p;
-    p.start(program, args);
-    Run r;
-    if (!p.waitForStarted(10000))
-        return r;
-    if (!p.waitForFinished(timeoutMs)) {
-        p.kill();
-        p.waitForFinished(5000);
-        return r;
-    }
-    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    r.out = p.readAllStandardOutput();
-    r.err = p.readAllStandardError();
-    return r;
-}
+using Run = testsupport::RunResult;
+using testsupport::ffmpeg;
+using testsupport::run;
 
 inline QString sampleDir() {
     const QString dir = QStringLiteral(TARNWICK_BINARY_DIR "/test-samples/processing");
@@ -52,26 +35,8 @@ inline QString sampleDir() {
     return dir;
 }
 
-// Made once per build tree; parallel test runs each make their own copy and
-// rename it into place.
 inline QString cached(const QString& name, const std::function<bool(const QString&)>& make) {
-    const QString path = sampleDir() + QLatin1Char('/') + name;
-    if (QFileInfo(path).size() > 0)
-        return path;
-    QTemporaryDir scratch(sampleDir() + QStringLiteral("/making-XXXXXX"));
-    const QString partial = scratch.filePath(name);
-    if (!make(partial) || QFileInfo(partial).size() == 0)
-        return {};
-    QFile::remove(path);
-    QFile::rename(partial, path);
-    return path;
-}
-
-inline bool ffmpeg(const QStringList& args) {
-    const Run r = run(QStringLiteral("ffmpeg"), QStringList{"-v", "error", "-y"} + args);
-    if (r.exitCode != 0)
-        ADD_FAILURE() << "ffmpeg " << args.join(' ').toStdString() << ": " << r.err.toStdString();
-    return r.exitCode == 0;
+    return testsupport::cachedFile(sampleDir() + QLatin1Char('/') + name, make);
 }
 
 // 3 s of 320x240 H.264 at 25 fps (exactly 75 frames) with AAC audio of the

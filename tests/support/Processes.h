@@ -1,0 +1,80 @@
+#pragma once
+
+// Running the real tools from tests: the built programs, ffmpeg to make
+// sample media, and the independent readers that check our files.
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QString>
+#include <QStringList>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace testsupport {
+
+struct RunResult {
+    int exitCode = -1; // -1 also for a crash, a tool that never started or a timeout
+    QByteArray out;
+    QByteArray err;
+};
+
+inline RunResult run(const QString& program, const QStringList& args, int timeoutMs = 120000) {
+    QProcess p;
+    p.start(program, args);
+    RunResult r;
+    if (!p.waitForStarted(10000))
+        return r;
+    if (!p.waitForFinished(timeoutMs)) {
+        p.kill();
+        p.waitForFinished(5000);
+        return r;
+    }
+    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = p.readAllStandardOutput();
+    r.err = p.readAllStandardError();
+    return r;
+}
+
+inline bool haveTool(const char* name) {
+    return !QStandardPaths::findExecutable(QString::fromLatin1(name)).isEmpty();
+}
+
+// ffmpeg quietly, overwriting; a failure is a test failure with ffmpeg's words.
+inline bool ffmpeg(const QStringList& args) {
+    const RunResult r =
+        run(QStringLiteral("ffmpeg"), QStringList{"-v", "error", "-y", "-nostdin"} + args);
+    if (r.exitCode != 0)
+        ADD_FAILURE() << "ffmpeg " << args.join(u' ').toStdString() << ": " << r.err.toStdString();
+    return r.exitCode == 0;
+}
+
+// `path` made once per build tree by `make`, which writes the file it is
+// given. Made under a temporary name and renamed into place, so parallel test
+// processes never see half a file.
+inline QString cachedFile(const QString& path, const std::function<bool(const QString&)>& make) {
+    if (QFileInfo(path).size() > 0)
+        return path;
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    const QFileInfo target(path);
+    // The extension stays last: ffmpeg picks the format from it.
+    const QString partial = target.absolutePath() +
+                            QStringLiteral("/.making-%1-").arg(QCoreApplication::applicationPid()) +
+                            target.fileName();
+    QFile::remove(partial);
+    if (!make(partial) || QFileInfo(partial).size() == 0) {
+        QFile::remove(partial);
+        return {};
+    }
+    QFile::remove(path);
+    QFile::rename(partial, path);
+    return path;
+}
+
+} // namespace testsupport
