@@ -628,4 +628,265 @@ TEST_F(MuxerTool, BadArgumentsAreRefusedWithUsage) {
     }
 }
 
+// --- The video source indexed from its container ---------------------------
+
+// Matroska elements, enough to lay the same pictures out in other ways.
+constexpr quint32 kSegment = 0x18538067, kSeekHead = 0x114D9B74, kCues = 0x1C53BB6B,
+                  kTracks = 0x1654AE6B, kTrackEntry = 0xAE, kTrackNumber = 0xD7,
+                  kCluster = 0x1F43B675, kSimpleBlock = 0xA3, kBlockGroup = 0xA0, kBlock = 0xA1,
+                  kBlockDuration = 0x9B, kReferenceBlock = 0xFB, kVoid = 0xEC;
+
+struct Element {
+    quint32 id = 0;
+    qint64 start = 0, data = 0, size = 0;
+    qint64 end() const { return data + size; }
+};
+
+bool readElement(const QByteArray& b, qint64 pos, Element* e) {
+    auto byte = [&](qint64 i) { return i < b.size() ? quint8(b[int(i)]) : 0; };
+    const quint8 first = byte(pos);
+    if (first == 0)
+        return false;
+    const int idLength = __builtin_clz(quint32(first)) - 23;
+    e->start = pos;
+    e->id = 0;
+    for (int i = 0; i < idLength; ++i)
+        e->id = (e->id << 8) | byte(pos + i);
+    pos += idLength;
+    const quint8 lead = byte(pos);
+    if (lead == 0)
+        return false;
+    const int n = __builtin_clz(quint32(lead)) - 23;
+    quint64 size = lead & (0xFFu >> n);
+    for (int i = 1; i < n; ++i)
+        size = (size << 8) | byte(pos + i);
+    e->data = pos + n;
+    e->size = qint64(size);
+    return e->end() <= b.size();
+}
+
+QByteArray idBytes(quint32 id) {
+    QByteArray out;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        if (!out.isEmpty() || (id >> shift) & 0xFF)
+            out += char((id >> shift) & 0xFF);
+    return out;
+}
+
+// Sizes always in eight bytes, a valid if unusual choice.
+QByteArray sized(quint32 id, const QByteArray& content) {
+    QByteArray out = idBytes(id) + char(0x01);
+    for (int shift = 48; shift >= 0; shift -= 8)
+        out += char((quint64(content.size()) >> shift) & 0xFF);
+    return out + content;
+}
+
+QByteArray unknownSized(quint32 id, const QByteArray& content) {
+    return idBytes(id) + QByteArray("\x01\xff\xff\xff\xff\xff\xff\xff", 8) + content;
+}
+
+QByteArray uintElement(quint32 id, quint64 v) {
+    QByteArray content;
+    do {
+        content.prepend(char(v & 0xFF));
+        v >>= 8;
+    } while (v);
+    return sized(id, content);
+}
+
+enum class Layout {
+    BlockGroups,    // video in BlockGroups with ReferenceBlock/BlockDuration, Void between,
+                    // segment and clusters of unknown size
+    Laced,          // video blocks with (single-frame) Xiph lacing
+    HeaderStripped, // video track compressed by header stripping of each frame's first byte
+};
+
+// The same pictures (track 1) as `mkv`, laid out as `layout` says; seek
+// head and cues are left out since every position moves.
+QByteArray relayout(const QByteArray& mkv, Layout layout) {
+    Element head, segment;
+    if (!readElement(mkv, 0, &head) || !readElement(mkv, head.end(), &segment) ||
+        segment.id != kSegment)
+        return {};
+    QByteArray body;
+    int picture = 0;
+    for (qint64 pos = segment.data; pos < segment.end();) {
+        Element e;
+        if (!readElement(mkv, pos, &e))
+            return {};
+        pos = e.end();
+        const QByteArray content = mkv.mid(int(e.data), int(e.size));
+        if (e.id == kSeekHead || e.id == kCues)
+            continue;
+        if (e.id == kTracks && layout == Layout::HeaderStripped) {
+            QByteArray tracks;
+            for (qint64 t = e.data; t < e.end();) {
+                Element entry;
+                if (!readElement(mkv, t, &entry))
+                    return {};
+                t = entry.end();
+                QByteArray c = mkv.mid(int(entry.data), int(entry.size));
+                if (entry.id == kTrackEntry && quint8(c[0]) == kTrackNumber &&
+                    quint8(c[1]) == 0x81 && quint8(c[2]) == 1) {
+                    const QByteArray compression =
+                        sized(0x5034, uintElement(0x4254, 3) + sized(0x4255, QByteArray(1, '\0')));
+                    c += sized(0x6D80,
+                               sized(0x6240, uintElement(0x5031, 0) + uintElement(0x5032, 1) +
+                                                 uintElement(0x5033, 0) + compression));
+                }
+                tracks += sized(entry.id, c);
+            }
+            body += sized(kTracks, tracks);
+            continue;
+        }
+        if (e.id != kCluster) {
+            body += mkv.mid(int(e.start), int(e.end() - e.start));
+            continue;
+        }
+        QByteArray cluster;
+        for (qint64 c = e.data; c < e.end();) {
+            Element child;
+            if (!readElement(mkv, c, &child))
+                return {};
+            c = child.end();
+            const QByteArray raw = mkv.mid(int(child.start), int(child.end() - child.start));
+            if (child.id != kSimpleBlock || quint8(mkv[int(child.data)]) != 0x81) {
+                cluster += raw;
+                continue;
+            }
+            QByteArray header = mkv.mid(int(child.data), 4);
+            QByteArray frame = mkv.mid(int(child.data) + 4, int(child.size) - 4);
+            const bool key = quint8(header[3]) & 0x80;
+            ++picture;
+            switch (layout) {
+            case Layout::BlockGroups: {
+                header[3] = char(quint8(header[3]) & 0x7F);
+                QByteArray group = sized(kBlock, header + frame);
+                if (!key)
+                    group += sized(kReferenceBlock, QByteArray(1, char(0xFF)));
+                if (picture % 2)
+                    group += uintElement(kBlockDuration, 42);
+                if (picture % 3 == 0)
+                    cluster += sized(kVoid, QByteArray(3, '\0'));
+                cluster += sized(kBlockGroup, group);
+                break;
+            }
+            case Layout::Laced:
+                header[3] = char(quint8(header[3]) | 0x02);
+                cluster += sized(kSimpleBlock, header + QByteArray(1, '\0') + frame);
+                break;
+            case Layout::HeaderStripped:
+                if (frame.isEmpty() || frame[0] != '\0')
+                    return {};
+                cluster += sized(kSimpleBlock, header + frame.mid(1));
+                break;
+            }
+        }
+        body += layout == Layout::BlockGroups ? unknownSized(kCluster, cluster)
+                                              : sized(kCluster, cluster);
+    }
+    const QByteArray front = mkv.left(int(head.end()));
+    return front +
+           (layout == Layout::BlockGroups ? unknownSized(kSegment, body) : sized(kSegment, body));
+}
+
+QString relaidSource(const char* name, Layout layout) {
+    const QString mkv = sourceMkv();
+    return cached(QString::fromLatin1(name), [&](const QString& out) {
+        const QByteArray bytes = relayout(readAll(mkv), layout);
+        QFile f(out);
+        return !bytes.isEmpty() && f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
+    });
+}
+
+QProcessEnvironment indexMode(const char* mode) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("TARNWICK_MUXER_INDEX"), QString::fromLatin1(mode));
+    return env;
+}
+
+// Video packets' times and flags as a reader sees them.
+QStringList videoPacketTimes(const QString& path) {
+    const Outcome r =
+        run(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "V", "-show_entries",
+                                        "packet=pts,dts,duration,flags", "-of", "csv", path});
+    return QString::fromLatin1(r.out).split('\n', Qt::SkipEmptyParts);
+}
+
+class IndexedSource : public MuxerTool, public ::testing::WithParamInterface<const char*> {
+protected:
+    QString video() {
+        const std::string kind = GetParam();
+        if (kind == "mkv")
+            return sourceMkv();
+        if (kind == "blockgroups.mkv")
+            return relaidSource("blockgroups.mkv", Layout::BlockGroups);
+        const char* format = kind == "m4v" ? "ipod" : kind == "mov" ? "mov" : "mp4";
+        return sourceAs(QString::fromStdString(kind), format);
+    }
+};
+
+// The pictures are found from the container and copied unread; the result
+// must be the very file the demuxing path makes, and the source's video.
+TEST_P(IndexedSource, GivesTheSameFileAsDemuxing) {
+    const QString v = video();
+    ASSERT_FALSE(v.isEmpty());
+    const Outcome indexed = mux(v, true, indexMode("required"));
+    ASSERT_EQ(indexed.exitCode, 0) << indexed.err.toStdString();
+    expectProgressLines(indexed.err, {QStringLiteral("Muxing")});
+    const QString fromIndex = m_dir.filePath(QStringLiteral("Indexed.m4v"));
+    ASSERT_TRUE(QFile::rename(m_dest, fromIndex));
+    const Outcome demuxed = mux(v, true, indexMode("off"));
+    ASSERT_EQ(demuxed.exitCode, 0) << demuxed.err.toStdString();
+    EXPECT_TRUE(readAll(fromIndex) == readAll(m_dest)) << "the files differ";
+
+    EXPECT_TRUE(moovBeforeMdat(fromIndex));
+    EXPECT_TRUE(
+        sameStream(checksums(fromIndex, "0:V", false), checksums(sourceMkv(), "0:V", false)));
+    // B-frames: pictures shown later than decoded, their order kept.
+    const QStringList times = videoPacketTimes(fromIndex);
+    ASSERT_EQ(times.size(), 144);
+    int reordered = 0, keys = 0;
+    for (const QString& line : times) {
+        const QStringList f = line.split(',');
+        ASSERT_EQ(f.size(), 5) << line.toStdString();
+        reordered += f[1].toLongLong() > f[2].toLongLong();
+        keys += f[4].startsWith('K');
+    }
+    EXPECT_GT(reordered, 20);
+    EXPECT_EQ(keys, 3); // a keyframe every 48 pictures
+}
+
+INSTANTIATE_TEST_SUITE_P(Containers, IndexedSource,
+                         ::testing::Values("mkv", "blockgroups.mkv", "mp4", "m4v", "mov"));
+
+// Blocks the index cannot take as they are go through the demuxer, and the
+// video still arrives bit for bit.
+TEST_F(MuxerTool, LacedOrStrippedBlocksAndTransportStreamsAreDemuxed) {
+    const std::vector<std::pair<const char*, QString>> sources = {
+        {"laced", relaidSource("laced.mkv", Layout::Laced)},
+        {"header stripping", relaidSource("stripped.mkv", Layout::HeaderStripped)},
+        {"MPEG-TS", sourceAs(QStringLiteral("ts"), "mpegts")},
+    };
+    const QStringList expected = checksums(sourceMkv(), "0:V", false);
+    for (const auto& [what, v] : sources) {
+        SCOPED_TRACE(what);
+        ASSERT_FALSE(v.isEmpty());
+        const Outcome refused = mux(v, true, indexMode("required"));
+        EXPECT_NE(refused.exitCode, 0);
+        EXPECT_TRUE(refused.err.contains("cannot be indexed")) << refused.err.toStdString();
+        EXPECT_FALSE(QFile::exists(m_dest));
+
+        const Outcome r = mux(v);
+        ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+        expectProgressLines(r.err, {QStringLiteral("Muxing")});
+        const bool annexB = std::string(what) == "MPEG-TS";
+        EXPECT_TRUE(sameStream(checksums(m_dest, "0:V", annexB), checksums(v, "0:V", annexB)));
+        if (!annexB) {
+            EXPECT_TRUE(sameStream(checksums(m_dest, "0:V", false), expected));
+        }
+        ASSERT_TRUE(QFile::remove(m_dest));
+    }
+}
+
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "Progress.h"
 #include "Sink.h"
+#include "VideoIndex.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -16,6 +17,7 @@ extern "C" {
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <unistd.h>
@@ -131,13 +133,21 @@ struct FdCloser {
 
 struct Input {
     AVFormatContext* ctx = nullptr;
+    // Video source pictures found without demuxing them: packets are made
+    // from this index, their data a placeholder the sink never writes.
+    const VideoIndex* index = nullptr;
+    size_t next = 0;
+    int streamIndex = -1;
+    int64_t frameDuration = 0;
+    AVBufferRef* placeholder = nullptr;
     std::vector<int> map; // input stream index -> output stream, -1 unused
     std::deque<PacketPtr> preroll;
     bool eof = false;
     double last = -1e300; // seconds of the latest packet read
 };
 
-bool openInput(const std::string& path, const char* role, InputPtr* ctx, std::string* error) {
+bool openInput(const std::string& path, const char* role, InputPtr* ctx, std::string* error,
+               const std::function<void(AVFormatContext*)>& beforeProbe = {}) {
     AVFormatContext* c = nullptr;
     // "file:" keeps a colon in a file name from being read as a protocol.
     int rc = avformat_open_input(&c, ("file:" + path).c_str(), nullptr, nullptr);
@@ -146,6 +156,8 @@ bool openInput(const std::string& path, const char* role, InputPtr* ctx, std::st
         return false;
     }
     ctx->reset(c);
+    if (beforeProbe)
+        beforeProbe(c);
     rc = avformat_find_stream_info(c, nullptr);
     if (rc < 0) {
         *error = std::string("cannot read the ") + role + " " + path + ": " + avError(rc);
@@ -269,6 +281,12 @@ bool findExtradata(Input& in, AVStream* video, std::string* error) {
 // stream's own start time is not used: Matroska files often report 0 there.
 int64_t firstPicture(Input& in, const AVStream* video) {
     const size_t want = size_t(std::clamp(video->codecpar->video_delay, 0, 16)) + 16;
+    if (in.index) {
+        int64_t best = INT64_MAX;
+        for (size_t i = 0; i < want && i < in.index->samples.size(); ++i)
+            best = std::min(best, in.index->samples[i].pts);
+        return best;
+    }
     size_t seen = 0;
     auto consider = [&](const AVPacket* p, int64_t* best) {
         if (p->stream_index != video->index)
@@ -290,7 +308,123 @@ int64_t firstPicture(Input& in, const AVStream* video) {
     return best != AV_NOPTS_VALUE ? best : startOf(video, in.ctx);
 }
 
+// The video source's pictures indexed from its container when they can be
+// copied as they are (length-prefixed H.264/HEVC in Matroska or MP4).
+bool indexVideo(const std::string& path, int fd, const AVFormatContext* ctx, const AVStream* video,
+                VideoIndex* index, std::string* why) {
+    const AVCodecParameters* p = video->codecpar;
+    if ((p->codec_id != AV_CODEC_ID_H264 && p->codec_id != AV_CODEC_ID_HEVC) ||
+        p->extradata_size < 7 || p->extradata[0] != 1) {
+        *why = "the video is not length-prefixed H.264 or HEVC";
+        return false;
+    }
+    const std::string format = ctx->iformat->name;
+    bool ok = false;
+    if (fd < 0)
+        *why = std::strerror(errno);
+    else if (format.find("matroska") != std::string::npos)
+        ok = indexMatroska(fd, std::vector<uint8_t>(p->extradata, p->extradata + p->extradata_size),
+                           index, why);
+    else if (format.find("mov") != std::string::npos || format.find("mp4") != std::string::npos)
+        ok = indexIsoMedia(path, uint32_t(video->id), index, why);
+    else
+        *why = "the container is read by the demuxer only";
+    if (!ok)
+        return false;
+    AVRational tb{0, 1};
+    av_reduce(&tb.num, &tb.den, index->timeBaseNum, index->timeBaseDen, INT_MAX);
+    if (av_cmp_q(tb, video->time_base) != 0) {
+        *why = "the track's time base is not the demuxer's";
+        return false;
+    }
+    return true;
+}
+
+// A picture's length when the container gives none: one frame at the
+// stream's frame rate, rounded down, as the demuxer fills it in.
+int64_t frameDuration(const AVStream* st) {
+    int64_t num = 0, den = 0;
+    if (st->r_frame_rate.num > 0 && st->r_frame_rate.den > 0) {
+        num = st->r_frame_rate.den;
+        den = st->r_frame_rate.num;
+    } else if (int64_t(st->time_base.num) * 1000 > st->time_base.den) {
+        num = st->time_base.num;
+        den = st->time_base.den;
+    }
+    if (num <= 0 || den <= 0 || st->time_base.num <= 0)
+        return 0;
+    return av_rescale_rnd(1, num * st->time_base.den, den * st->time_base.num, AV_ROUND_DOWN);
+}
+
+// MP4 decode times as the demuxer has them (its edit list handling moves
+// the time line), checked sample for sample against its own index; packet
+// lengths as it gives them: the distance to the next picture, none at all
+// with composition offsets.
+bool alignWithDemuxer(VideoIndex* index, AVStream* video, std::string* why) {
+    auto& samples = index->samples;
+    if (avformat_index_get_entries_count(video) != int64_t(samples.size())) {
+        *why = "the demuxer shows another number of pictures";
+        return false;
+    }
+    int64_t shift = 0;
+    for (size_t i = 0; i < samples.size(); ++i) {
+        const AVIndexEntry* e = avformat_index_get_entry(video, int(i));
+        IndexedSample& s = samples[i];
+        if (e && i == 0)
+            shift = e->timestamp - s.dts;
+        if (!e || e->pos != s.offset || uint32_t(e->size) != s.size ||
+            (e->flags & AVINDEX_DISCARD_FRAME) || bool(e->flags & AVINDEX_KEYFRAME) != s.key ||
+            e->timestamp - s.dts != shift) {
+            *why = "the demuxer's index differs at picture " + std::to_string(i);
+            return false;
+        }
+        s.dts += shift;
+        s.pts += shift;
+    }
+    for (size_t i = 0; i < samples.size(); ++i) {
+        IndexedSample& s = samples[i];
+        const int64_t next = i + 1 < samples.size() ? samples[i + 1].dts : video->duration;
+        s.duration = !index->hasCompositionOffsets && next != AV_NOPTS_VALUE && next >= s.dts
+                         ? next - s.dts
+                         : 0;
+    }
+    return true;
+}
+
+// How far decode order runs ahead of presentation order: the fewest
+// pictures a decoder holds back, so decode times never pass presentation.
+int reorderDepth(const VideoIndex& index) {
+    std::vector<int64_t> sorted;
+    sorted.reserve(index.samples.size());
+    for (const IndexedSample& s : index.samples)
+        sorted.push_back(s.pts);
+    std::sort(sorted.begin(), sorted.end());
+    int64_t depth = 0;
+    for (size_t i = 0; i < index.samples.size(); ++i) {
+        const auto rank = std::lower_bound(sorted.begin(), sorted.end(), index.samples[i].pts);
+        depth = std::max<int64_t>(depth, int64_t(i) - (rank - sorted.begin()));
+    }
+    return int(std::min<int64_t>(depth, 16));
+}
+
 int readPacket(Input& in, AVPacket* pkt) {
+    if (in.index) {
+        if (in.next >= in.index->samples.size())
+            return AVERROR_EOF;
+        const IndexedSample& s = in.index->samples[in.next++];
+        pkt->buf = av_buffer_ref(in.placeholder);
+        if (!pkt->buf)
+            return AVERROR(ENOMEM);
+        pkt->data = pkt->buf->data;
+        pkt->size = int(s.size);
+        pkt->pts = s.pts;
+        pkt->dts = in.index->hasDecodeTimes ? s.dts : AV_NOPTS_VALUE;
+        pkt->duration = s.duration > 0 ? s.duration : in.frameDuration;
+        pkt->flags = s.key ? AV_PKT_FLAG_KEY : 0;
+        pkt->pos = s.offset;
+        pkt->stream_index = in.streamIndex;
+        return 0;
+    }
     if (!in.preroll.empty()) {
         av_packet_move_ref(pkt, in.preroll.front().get());
         in.preroll.pop_front();
@@ -317,8 +451,26 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
            std::string* error) {
     av_log_set_callback(logCallback);
 
+    FdCloser videoFd{::open(request.videoPath.c_str(), O_RDONLY | O_CLOEXEC)};
+    VideoIndex index;
+    int indexedStream = -1;
+    std::string indexProblem = "it is demuxed as asked";
+    // The index is made from what the container's header says; then the
+    // probe needs no more than the first picture for what it adds (pixel
+    // format, aspect ratio), instead of decoding several large ones.
+    auto indexFirst = [&](AVFormatContext* c) {
+        const AVStream* v = request.index == IndexMode::Off ? nullptr : pickVideo(c);
+        if (!v || !indexVideo(request.videoPath, videoFd.fd, c, v, &index, &indexProblem))
+            return;
+        indexedStream = v->index;
+        const IndexedSample& first = index.samples.front();
+        // Matroska's header has the frame rate; MP4's is measured by the probe.
+        if (first.key && !index.hasDecodeTimes)
+            c->probesize = std::max<int64_t>(first.offset + first.size, 1 << 16);
+    };
+
     InputPtr videoCtx, sourceCtx;
-    if (!openInput(request.videoPath, "video source", &videoCtx, error) ||
+    if (!openInput(request.videoPath, "video source", &videoCtx, error, indexFirst) ||
         !openInput(request.sourcePath, "converted file", &sourceCtx, error))
         return false;
 
@@ -357,7 +509,35 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
         if (videoCtx->streams[i] != video)
             videoCtx->streams[i]->discard = AVDISCARD_ALL;
 
-    if (!findExtradata(inputs[0], video, error))
+    std::unique_ptr<AVBufferRef, void (*)(AVBufferRef*)> placeholder(
+        nullptr, [](AVBufferRef* b) { av_buffer_unref(&b); });
+    if (request.index != IndexMode::Off) {
+        if (indexedStream == video->index && index.hasDecodeTimes &&
+            !alignWithDemuxer(&index, video, &indexProblem))
+            indexedStream = -1;
+        if (indexedStream == video->index) {
+            // Zeros the muxer takes for the pictures' bytes; never written.
+            placeholder.reset(av_buffer_allocz(int(index.maxSize) + AV_INPUT_BUFFER_PADDING_SIZE));
+            if (!placeholder) {
+                *error = "out of memory";
+                return false;
+            }
+            inputs[0].index = &index;
+            inputs[0].placeholder = placeholder.get();
+            inputs[0].streamIndex = video->index;
+            inputs[0].frameDuration = frameDuration(video);
+            // Decode times guessed from presentation times need the whole
+            // reordering depth; the probe may have seen too few pictures.
+            video->codecpar->video_delay =
+                std::max(video->codecpar->video_delay, reorderDepth(index));
+        } else if (request.index == IndexMode::Required) {
+            *error =
+                "the video source " + request.videoPath + " cannot be indexed: " + indexProblem;
+            return false;
+        }
+    }
+
+    if (!inputs[0].index && !findExtradata(inputs[0], video, error))
         return false;
 
     std::vector<AVCodecID> codecs;
@@ -448,7 +628,6 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
     }
     result->reserved = reserve;
 
-    FdCloser videoFd{::open(request.videoPath.c_str(), O_RDONLY | O_CLOEXEC)};
     Sink sink;
     if (!sink.open(request.outputPath, videoFd.fd, error))
         return false;
@@ -496,7 +675,9 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
                 if (p->flags & AV_PKT_FLAG_KEY)
                     ++s.keyframes;
                 queuedBytes -= size_t(p->size);
-                if (s.input == 0 && s.verbatimMisses < kMaxVerbatimMisses) {
+                if (s.input == 0 && inputs[0].index) {
+                    sink.expect(p->data, size_t(p->size), p->pos);
+                } else if (s.input == 0 && s.verbatimMisses < kMaxVerbatimMisses) {
                     const int64_t at = verbatimOffset(videoFd.fd, p->pos, p->data, size_t(p->size),
                                                       &s.verbatimHint);
                     if (at >= 0) {
@@ -597,8 +778,11 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
                 return false;
             chunkEnd += kChunkSeconds;
         }
-        if (videoSize > 0 && in == &inputs[0])
-            progress.update(100.0 * double(avio_tell(videoCtx->pb)) / double(videoSize));
+        if (videoSize > 0 && in == &inputs[0]) {
+            const int64_t at =
+                in->index ? in->index->samples[in->next - 1].offset : avio_tell(videoCtx->pb);
+            progress.update(100.0 * double(at) / double(videoSize));
+        }
     }
     if (!writeQueued(0, true))
         return false;

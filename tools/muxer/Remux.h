@@ -9,6 +9,14 @@
 
 namespace muxer {
 
+// Whether the video source's pictures are found from its container's index
+// (copied without being read) or demuxed.
+enum class IndexMode {
+    Auto,    // the index where the container allows, else demuxed
+    Off,     // always demuxed
+    Required // fail when the index cannot be used
+};
+
 struct RemuxRequest {
     std::string videoPath;  // V: whose video stream is passed through
     std::string sourcePath; // T: the encoder's output (audio, subtitles, chapters)
@@ -17,6 +25,7 @@ struct RemuxRequest {
     bool moovInFront = false;
     uint64_t extraMoovBytes = 0; // what the metadata copy will add to moov afterwards
     int64_t forcedReserve = -1;  // moov space to reserve, overriding the estimate
+    IndexMode index = IndexMode::Auto;
 };
 
 struct RemuxResult {

@@ -16,6 +16,8 @@ namespace muxer {
 namespace {
 
 constexpr int kBufferSize = 1 << 20;
+constexpr size_t kPendingSize = 1u << 20;
+constexpr size_t kMaxCopyRun = 1u << 30;
 // Block headers (element ID, size, track number, time code, flags) are short.
 constexpr int kMaxHeader = 48;
 constexpr size_t kProbe = 16;
@@ -85,9 +87,9 @@ void Sink::expect(const uint8_t* data, size_t size, int64_t sourceOffset) {
     m_expectOffset = sourceOffset;
 }
 
-bool Sink::writeAt(const uint8_t* buf, size_t size) {
+bool Sink::pwriteAll(const uint8_t* buf, size_t size, int64_t at) {
     while (size > 0) {
-        const ssize_t n = ::pwrite(m_fd, buf, size, off_t(m_pos));
+        const ssize_t n = ::pwrite(m_fd, buf, size, off_t(at));
         if (n < 0) {
             if (errno == EINTR)
                 continue;
@@ -96,26 +98,101 @@ bool Sink::writeAt(const uint8_t* buf, size_t size) {
         }
         buf += n;
         size -= size_t(n);
-        m_pos += n;
+        at += n;
     }
     return true;
 }
 
+bool Sink::writeAt(const uint8_t* buf, size_t size) {
+    if (!flushCopy())
+        return false;
+    // Box headers and audio packets come a few hundred bytes at a time:
+    // gathered into one write.
+    if (!m_pending.empty() && m_pendingAt + int64_t(m_pending.size()) != m_pos && !flushPending())
+        return false;
+    if (m_pending.size() + size <= kPendingSize) {
+        if (m_pending.empty())
+            m_pendingAt = m_pos;
+        m_pending.insert(m_pending.end(), buf, buf + size);
+        m_pos += int64_t(size);
+        return true;
+    }
+    if (!flushPending() || !pwriteAll(buf, size, m_pos))
+        return false;
+    m_pos += int64_t(size);
+    return true;
+}
+
 bool Sink::copyAt(int64_t from, size_t size) {
-    loff_t in = from;
-    while (size > 0) {
-        loff_t out = m_pos;
+    if (!m_pending.empty() && !flushPending())
+        return false;
+    // Pictures that follow each other in both files (MP4 chunks) go in one call.
+    if (m_copyLength > 0 && m_copyFrom + int64_t(m_copyLength) == from &&
+        m_copyTo + int64_t(m_copyLength) == m_pos && m_copyLength + size <= kMaxCopyRun) {
+        m_copyLength += size;
+        m_pos += int64_t(size);
+        return true;
+    }
+    if (!flushCopy())
+        return false;
+    m_copyFrom = from;
+    m_copyTo = m_pos;
+    m_copyLength = size;
+    m_pos += int64_t(size);
+    return true;
+}
+
+bool Sink::flushCopy() {
+    if (m_copyLength == 0)
+        return true;
+    loff_t in = m_copyFrom, out = m_copyTo;
+    size_t size = m_copyLength;
+    m_copyLength = 0;
+    while (size > 0 && m_copyWorks) {
         const ssize_t n = ::copy_file_range(m_source, &in, m_fd, &out, size, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
         if (n <= 0) {
-            if (n < 0 && errno == EINTR)
-                continue;
-            return false; // the caller writes what is left from memory
+            // Not between these files (other file systems on old kernels):
+            // through memory from here on.
+            if (n < 0 && errno != EXDEV && errno != EOPNOTSUPP && errno != ENOSYS &&
+                errno != EINVAL) {
+                m_errno = errno;
+                return false;
+            }
+            m_copyWorks = false;
+            break;
         }
         size -= size_t(n);
-        m_pos += n;
         m_copied += uint64_t(n);
     }
+    std::vector<uint8_t> bounce;
+    while (size > 0) {
+        bounce.resize(std::min<size_t>(size, kBufferSize));
+        const ssize_t n = ::pread(m_source, bounce.data(), bounce.size(), off_t(in));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            m_errno = n < 0 ? errno : EIO; // the source shrank under us
+            return false;
+        }
+        if (!pwriteAll(bounce.data(), size_t(n), out))
+            return false;
+        in += n;
+        out += n;
+        size -= size_t(n);
+    }
     return true;
+}
+
+bool Sink::flushPending() {
+    if (!flushCopy())
+        return false;
+    if (m_pending.empty())
+        return true;
+    const bool ok = pwriteAll(m_pending.data(), m_pending.size(), m_pendingAt);
+    m_pending.clear();
+    return ok;
 }
 
 int Sink::writeCallback(void* opaque, uint8_t* buf, int size) {
@@ -125,12 +202,7 @@ int Sink::writeCallback(void* opaque, uint8_t* buf, int size) {
     bool ok;
     if (buf == self->m_expectData && size_t(size) == self->m_expectSize &&
         self->m_expectOffset >= 0) {
-        const int64_t start = self->m_pos;
         ok = self->copyAt(self->m_expectOffset, size_t(size));
-        if (!ok) {
-            const size_t done = size_t(self->m_pos - start);
-            ok = self->writeAt(buf + done, size_t(size) - done);
-        }
     } else {
         ok = self->writeAt(buf, size_t(size));
     }
@@ -145,12 +217,18 @@ int64_t Sink::seekCallback(void* opaque, int64_t offset, int whence) {
     case AVSEEK_SIZE:
         return self->m_end;
     case SEEK_SET:
+        if (!self->flushPending())
+            return AVERROR(self->m_errno);
         self->m_pos = offset;
         break;
     case SEEK_CUR:
+        if (!self->flushPending())
+            return AVERROR(self->m_errno);
         self->m_pos += offset;
         break;
     case SEEK_END:
+        if (!self->flushPending())
+            return AVERROR(self->m_errno);
         self->m_pos = self->m_end + offset;
         break;
     default:
@@ -161,6 +239,7 @@ int64_t Sink::seekCallback(void* opaque, int64_t offset, int whence) {
 
 bool Sink::close(std::string* error) {
     avio_flush(m_io);
+    flushPending(); // a failure is in m_errno
     const int ioError = m_io->error;
     av_freep(&m_io->buffer);
     avio_context_free(&m_io);

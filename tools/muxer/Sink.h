@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct AVIOContext;
 
@@ -24,7 +25,8 @@ public:
     bool open(const std::string& path, int sourceFd, std::string* error);
     AVIOContext* io() const { return m_io; }
 
-    // The next write of exactly this buffer may be taken from the source at that offset.
+    // The next write of exactly this buffer is taken from the source at that
+    // offset (the buffer's own bytes are never written then).
     void expect(const uint8_t* data, size_t size, int64_t sourceOffset);
     // Flushes and closes; false with a message when anything failed to reach the file.
     bool close(std::string* error);
@@ -36,6 +38,9 @@ private:
     static int64_t seekCallback(void* opaque, int64_t offset, int whence);
     bool writeAt(const uint8_t* buf, size_t size);
     bool copyAt(int64_t from, size_t size);
+    bool flushPending(); // the gathered writes and the copy not yet made
+    bool flushCopy();
+    bool pwriteAll(const uint8_t* buf, size_t size, int64_t at);
 
     int m_fd = -1;
     int m_source = -1;
@@ -47,6 +52,11 @@ private:
     size_t m_expectSize = 0;
     int64_t m_expectOffset = -1;
     uint64_t m_copied = 0;
+    bool m_copyWorks = true;
+    std::vector<uint8_t> m_pending; // small writes not yet passed on
+    int64_t m_pendingAt = 0;
+    int64_t m_copyFrom = 0, m_copyTo = 0; // the copy not yet made
+    size_t m_copyLength = 0;
 };
 
 // Where the packet's bytes lie verbatim in the file of `fd`, or -1. The

@@ -13,7 +13,9 @@
 // beside it and renamed at the end.
 //
 // TARNWICK_MUXER_MOOV_RESERVE=<bytes> overrides the reserved room (for
-// checking the rewrite path).
+// checking the rewrite path). TARNWICK_MUXER_INDEX=off demuxes the video
+// source even where its container's index would do; =required fails when
+// that index cannot be used (for checking either path).
 #include "MetadataCopy.h"
 #include "Progress.h"
 #include "Remux.h"
@@ -182,6 +184,12 @@ int main(int argc, char** argv) {
     request.extraMoovBytes = muxer::metadataSize(*converted);
     if (const char* forced = std::getenv("TARNWICK_MUXER_MOOV_RESERVE"))
         request.forcedReserve = std::atoll(forced);
+    if (const char* index = std::getenv("TARNWICK_MUXER_INDEX")) {
+        if (std::strcmp(index, "off") == 0)
+            request.index = muxer::IndexMode::Off;
+        else if (std::strcmp(index, "required") == 0)
+            request.index = muxer::IndexMode::Required;
+    }
 
     muxer::Progress muxing("Muxing");
     muxing.report(0);
