@@ -9,13 +9,14 @@
 // source (0, the default, scans all titles and picks the longest);
 // --skip-tagging holds for this run only. Progress goes to stderr. The exit
 // status is 0 when every source ended ready, 1 otherwise.
+#include "cli/BrowserPrompts.h"
 #include "cli/Commands.h"
+#include "cli/Terminal.h"
 
 #include "core/Resources.h"
 #include "core/SettingsKeys.h"
 #include "core/Startup.h"
 #include "core/UserDefaults.h"
-#include "lookup/SearchPanelController.h"
 #include "media/EncodeBrowserController.h"
 #include "metadata/TagNames.h"
 
@@ -26,24 +27,9 @@
 #include <QJsonObject>
 #include <QTimer>
 
-#include <atomic>
-#include <csignal>
-#include <cstdio>
-#include <iostream>
-#include <signal.h>
-#include <string>
-
-#include <unistd.h>
-
 namespace {
 
 const QString kCommand = QStringLiteral("scan");
-
-std::atomic<bool> g_interrupted{false};
-
-void onInterrupt(int) {
-    g_interrupted = true;
-}
 
 QString tagText(const MDI_Media& item, const char* name) {
     return item.getTag(QString::fromLatin1(name));
@@ -105,115 +91,6 @@ QStringList commandLine(MDI_Media& item) {
                            Resources::auxiliaryExecutable(QStringLiteral("Tarnwick_Pro_Encoder")),
                            item.outPath());
 }
-
-// Progress lines on stderr: rewritten in place on a terminal, one line per
-// change otherwise.
-class Progress {
-public:
-    explicit Progress(bool terminal) : m_terminal(terminal) {}
-    ~Progress() { finish(); }
-
-    void show(const QString& title, const QString& status) {
-        const QString line = title.isEmpty() ? status : title + QStringLiteral(": ") + status;
-        if (line == m_last || status.isEmpty())
-            return;
-        m_last = line;
-        if (m_terminal) {
-            cli::err() << "\r\033[K" << line << Qt::flush;
-            m_open = true;
-        } else {
-            cli::err() << line << Qt::endl;
-        }
-    }
-    void finish() {
-        if (m_open) {
-            cli::err() << "\r\033[K" << Qt::flush;
-            m_last.clear();
-        }
-        m_open = false;
-    }
-
-private:
-    bool m_terminal;
-    bool m_open = false;
-    QString m_last;
-};
-
-// Terminal questions and messages for the browser.
-class CliDelegate : public EncodeBrowserDelegate {
-public:
-    CliDelegate(bool assumeYes, bool interactive, Progress& progress)
-        : m_assumeYes(assumeYes), m_interactive(interactive), m_progress(progress) {}
-
-    void runSearchPanel(SearchPanelController& panel) override {
-        m_progress.finish();
-        if (m_assumeYes || !m_interactive) {
-            cli::err() << "No match for \"" << panel.startName() << "\"; skipped." << Qt::endl;
-            panel.skipBtn();
-            return;
-        }
-        cli::err() << "No match for \"" << panel.startName()
-                   << "\" in the movie database. Name to search for (empty to skip): " << Qt::flush;
-        std::string line;
-        if (!std::getline(std::cin, line) || g_interrupted) {
-            std::cin.clear();
-            cli::err() << Qt::endl;
-            panel.skipBtn();
-            return;
-        }
-        const QString name = QString::fromStdString(line).trimmed();
-        if (name.isEmpty()) {
-            panel.skipBtn();
-        } else {
-            panel.setNewName(name);
-            panel.searchBtn();
-        }
-    }
-
-    bool setPreferences() override {
-        m_progress.finish();
-        if (!m_toldDestination) {
-            m_toldDestination = true;
-            cli::err() << "Note: no destination folder is set (tarnwick-cli settings); output "
-                          "names are relative to the folder the encode runs in."
-                       << Qt::endl;
-        }
-        return false;
-    }
-
-    void showBlurayInstructions() override {
-        m_progress.finish();
-        cli::err() << "Blu-ray source: Tarnwick reads unprotected Blu-ray folders only; decrypt "
-                      "the disc to a folder first (\"Hide Bluray Instructions\" hides this)."
-                   << Qt::endl;
-    }
-
-    void showDvdInstructions() override {
-        m_progress.finish();
-        cli::err() << "DVD source: protected DVDs need libdvdcss (Debian package libdvdcss2) "
-                      "(\"Hide DVD Instructions\" hides this)."
-                   << Qt::endl;
-    }
-
-    void scanFailed(const std::shared_ptr<MDI_Media>& item) override {
-        m_progress.finish();
-        cli::err() << item->name() << ": " << item->warnings() << Qt::endl;
-    }
-
-    void showAlert(const QString& message) override {
-        m_progress.finish();
-        cli::err() << "tarnwick-cli: " << message << Qt::endl;
-        alerted = true;
-    }
-
-    bool alerted = false;
-
-private:
-    bool m_assumeYes;
-    bool m_interactive;
-    bool m_toldDestination = false;
-    Progress& m_progress;
-};
 
 QJsonObject itemJson(MDI_Media& item) {
     QJsonObject o;
@@ -363,45 +240,26 @@ int runScan(const QStringList& args) {
 
     // --skip-tagging holds for this run only: the stored setting comes back
     // before the settings are written at exit.
-    UserDefaults& defaults = UserDefaults::standard();
-    const QString skipKey = QString::fromLatin1(SettingsKey::SkipTagging);
-    struct RestoreSetting {
-        QString key;
-        bool had;
-        QVariant value;
-        bool active = false;
-        ~RestoreSetting() {
-            if (!active)
-                return;
-            if (had)
-                UserDefaults::standard().setObject(value, key);
-            else
-                UserDefaults::standard().removeObject(key);
-        }
-    } restore{skipKey, defaults.hasUserValue(skipKey), defaults.objectForKey(skipKey)};
-    if (skipTagging) {
-        restore.active = true;
-        defaults.setBool(true, skipKey);
-    }
+    cli::RunSettings runSettings;
+    if (skipTagging)
+        runSettings.set(QString::fromLatin1(SettingsKey::SkipTagging), true);
 
-    const bool stderrTerminal = isatty(STDERR_FILENO);
-    Progress progress(stderrTerminal);
-    CliDelegate delegate(assumeYes, isatty(STDIN_FILENO) && stderrTerminal, progress);
+    cli::ProgressLine progress(cli::stderrIsTerminal());
+    cli::TerminalBrowserDelegate delegate(assumeYes, cli::interactive(), progress);
     auto list = std::make_shared<MediaItemList>();
     EncodeBrowserController browser(list);
     browser.setViewVisible(false);
     browser.setBrowserDelegate(&delegate);
 
     QObject::connect(&browser, &EncodeBrowserController::scanStatusChanged, [&] {
-        if (browser.scanStatusVisible())
-            progress.show(browser.scanTitle(), browser.scanStatus());
+        if (browser.scanStatusVisible() && !browser.scanStatus().isEmpty())
+            progress.show(browser.scanTitle().isEmpty()
+                              ? browser.scanStatus()
+                              : browser.scanTitle() + QStringLiteral(": ") + browser.scanStatus());
     });
 
-    // No SA_RESTART: Ctrl-C also ends a pending answer to the no-hits question.
-    struct sigaction interrupt = {}, previous = {};
-    interrupt.sa_handler = onInterrupt;
-    sigemptyset(&interrupt.sa_mask);
-    sigaction(SIGINT, &interrupt, &previous);
+    // Ctrl-C also ends a pending answer to the no-hits question.
+    cli::InterruptWatcher interrupts;
     QList<qint64> titles;
     if (title)
         titles = QList<qint64>(sources.size(), *title);
@@ -415,25 +273,17 @@ int runScan(const QStringList& args) {
     QTimer poll;
     bool interrupted = false;
     QObject::connect(&poll, &QTimer::timeout, [&] {
-        if (g_interrupted) {
+        if (interrupts.count() > 0) {
             interrupted = true;
             browser.stopScanning();
             loop.quit();
             return;
         }
-        if (browser.isScanning())
-            return;
-        for (const auto& item : *list) {
-            // A waiting item here means the chain could not go on.
-            if (item->status() != 0 && item->status() != 8 &&
-                !(item->status() == 2 && delegate.alerted))
-                return;
-        }
-        loop.quit();
+        if (cli::scanSessionSettled(browser, delegate.alerted()))
+            loop.quit();
     });
     poll.start(50);
     loop.exec();
-    sigaction(SIGINT, &previous, nullptr);
     progress.finish();
 
     if (interrupted)
