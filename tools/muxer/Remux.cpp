@@ -20,6 +20,7 @@ extern "C" {
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unistd.h>
 
 namespace muxer {
@@ -147,7 +148,7 @@ struct Input {
 };
 
 bool openInput(const std::string& path, const char* role, InputPtr* ctx, std::string* error,
-               const std::function<void(AVFormatContext*)>& beforeProbe = {}) {
+               const std::function<bool(AVFormatContext*)>& beforeProbe = {}) {
     AVFormatContext* c = nullptr;
     // "file:" keeps a colon in a file name from being read as a protocol.
     int rc = avformat_open_input(&c, ("file:" + path).c_str(), nullptr, nullptr);
@@ -156,8 +157,9 @@ bool openInput(const std::string& path, const char* role, InputPtr* ctx, std::st
         return false;
     }
     ctx->reset(c);
-    if (beforeProbe)
-        beforeProbe(c);
+    // The hook may leave the probe for later.
+    if (beforeProbe && !beforeProbe(c))
+        return true;
     rc = avformat_find_stream_info(c, nullptr);
     if (rc < 0) {
         *error = std::string("cannot read the ") + role + " " + path + ": " + avError(rc);
@@ -458,21 +460,46 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
     // The index is made from what the container's header says; then the
     // probe needs no more than the first picture for what it adds (pixel
     // format, aspect ratio), instead of decoding several large ones.
+    // When every picture's time and length come from the blocks, the probe
+    // runs beside the copy: what it adds only goes into the movie header,
+    // which is written last.
+    bool probeLater = false;
+    auto limitProbe = [&](AVFormatContext* c) {
+        const IndexedSample& first = index.samples.front();
+        if (first.key)
+            c->probesize = std::max<int64_t>(first.offset + first.size, 1 << 16);
+        return true;
+    };
     auto indexFirst = [&](AVFormatContext* c) {
         const AVStream* v = request.index == IndexMode::Off ? nullptr : pickVideo(c);
         if (!v || !indexVideo(request.videoPath, videoFd.fd, c, v, &index, &indexProblem))
-            return;
+            return true;
         indexedStream = v->index;
-        const IndexedSample& first = index.samples.front();
         // Matroska's header has the frame rate; MP4's is measured by the probe.
-        if (first.key && !index.hasDecodeTimes)
-            c->probesize = std::max<int64_t>(first.offset + first.size, 1 << 16);
+        if (index.hasDecodeTimes)
+            return true;
+        limitProbe(c);
+        probeLater = c->duration > 0 && v->avg_frame_rate.num > 0 &&
+                     std::all_of(index.samples.begin(), index.samples.end(),
+                                 [](const IndexedSample& s) { return s.duration > 0; });
+        return !probeLater;
     };
 
     InputPtr videoCtx, sourceCtx;
     if (!openInput(request.videoPath, "video source", &videoCtx, error, indexFirst) ||
         !openInput(request.sourcePath, "converted file", &sourceCtx, error))
         return false;
+
+    InputPtr probedCtx;
+    std::string probeError;
+    bool probeOk = true;
+    std::jthread probe;
+    if (probeLater) {
+        probe = std::jthread([&] {
+            probeOk =
+                openInput(request.videoPath, "video source", &probedCtx, &probeError, limitProbe);
+        });
+    }
 
     Input inputs[2];
     inputs[0].ctx = videoCtx.get();
@@ -490,6 +517,8 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
         return false;
     }
     AVStream* standby = pickVideo(sourceCtx.get());
+    if (probeLater && video->duration == AV_NOPTS_VALUE)
+        video->duration = av_rescale_q(videoCtx->duration, AV_TIME_BASE_Q, video->time_base);
 
     std::deque<OutStream> streams;
     streams.emplace_back();
@@ -786,6 +815,30 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
     }
     if (!writeQueued(0, true))
         return false;
+
+    if (probe.joinable()) {
+        probe.join();
+        if (!probeOk) {
+            *error = probeError;
+            return false;
+        }
+        const AVStream* probed = size_t(video->index) < probedCtx->nb_streams
+                                     ? probedCtx->streams[video->index]
+                                     : nullptr;
+        if (!probed || probed->codecpar->codec_id != video->codecpar->codec_id) {
+            *error = "the video source " + request.videoPath + " changed while it was read";
+            return false;
+        }
+        AVStream* out = streams.front().out;
+        const uint32_t tag = out->codecpar->codec_tag;
+        if (avcodec_parameters_copy(out->codecpar, probed->codecpar) < 0) {
+            *error = "out of memory";
+            return false;
+        }
+        out->codecpar->codec_tag = tag;
+        out->sample_aspect_ratio = probed->sample_aspect_ratio;
+        out->avg_frame_rate = probed->avg_frame_rate;
+    }
 
     // Too little room reserved (a wrong duration in the source): the muxer
     // would write moov over the media data, so it goes to the end instead.
