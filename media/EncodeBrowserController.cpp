@@ -76,16 +76,11 @@ int EncodeBrowserController::loadFiles(const QStringList& files, const QList<qin
     int added = 0;
     for (qsizetype i = 0; i < files.size(); ++i) {
         const QFileInfo info(files.at(i));
-        if (!info.exists() || isPackage(info))
+        if (!acceptsSource(info))
             continue;
         EncodeBrowserCell cell;
         cell.path = info.absoluteFilePath();
-        // completeBaseName keeps "Movie.2019" of "Movie.2019.mkv"; a disc folder
-        // has no extension to lose.
-        const QString base = info.isDir() ? info.fileName() : info.completeBaseName();
-        // Trimmed: a name cut before "(2019)" would otherwise end the output
-        // file's name with a blank.
-        cell.title = MDB_Utility::ExtractName(base).trimmed();
+        cell.title = displayName(info);
         cell.scanTitle = i < titles.size() ? titles.at(i) : 0;
         m_importedImages.append(cell);
         ++added;
@@ -94,32 +89,52 @@ int EncodeBrowserController::loadFiles(const QStringList& files, const QList<qin
     return added;
 }
 
-void EncodeBrowserController::updateDatasource() {
+bool EncodeBrowserController::acceptsSource(const QFileInfo& info) const {
+    return info.exists() && !isPackage(info);
+}
+
+QString EncodeBrowserController::displayName(const QFileInfo& info) const {
+    // completeBaseName keeps "Movie.2019" of "Movie.2019.mkv"; a disc folder
+    // has no extension to lose.
+    const QString base = info.isDir() ? info.fileName() : info.completeBaseName();
+    // Trimmed: a name cut before "(2019)" would otherwise end the output
+    // file's name with a blank.
+    return MDB_Utility::ExtractName(base).trimmed();
+}
+
+std::shared_ptr<MDI_Media> EncodeBrowserController::makeItem(const EncodeBrowserCell& cell,
+                                                             bool& askedForFolder) {
     UserDefaults& defaults = UserDefaults::standard();
     const QString bookmarkKey = QString::fromLatin1(SettingsKey::DestinationPathBookmark);
+    auto movie = std::make_shared<MDI_Movie>();
+    QString folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
+    // Asked once per batch: a user who declines is not asked for every file.
+    if (folder.isEmpty() && !askedForFolder && m_browserDelegate) {
+        askedForFolder = true;
+        if (m_browserDelegate->setPreferences())
+            folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
+    }
+    movie->setName(cell.title);
+    const QString fileName = cell.title + QStringLiteral(".m4v");
+    movie->setOutPath(folder.isEmpty() ? fileName : QDir(folder).filePath(fileName));
+    movie->setPrimaryDevice(defaults.stringForKey(QString::fromLatin1(SettingsKey::PrimaryDevice)));
+    movie->setSecondaryDevice(
+        defaults.stringForKey(QString::fromLatin1(SettingsKey::SecondaryDevice)));
+    movie->setInPath(cell.path);
+    movie->setScanTitle(cell.scanTitle);
+    movie->setMainTitle(0);
+    movie->setLanguageRegion(
+        defaults.stringForKey(QString::fromLatin1(SettingsKey::LanguageRegion)));
+    return movie;
+}
+
+void EncodeBrowserController::updateDatasource() {
     bool asked = false;
     for (const EncodeBrowserCell& cell : std::as_const(m_importedImages)) {
-        auto movie = std::make_shared<MDI_Movie>();
-        QString folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
-        // Asked once per batch: a user who declines is not asked for every file.
-        if (folder.isEmpty() && !asked && m_browserDelegate) {
-            asked = true;
-            if (m_browserDelegate->setPreferences())
-                folder = Bookmark::resolve(defaults.dataForKey(bookmarkKey));
-        }
-        movie->setName(cell.title);
-        const QString fileName = cell.title + QStringLiteral(".m4v");
-        movie->setOutPath(folder.isEmpty() ? fileName : QDir(folder).filePath(fileName));
-        movie->setPrimaryDevice(
-            defaults.stringForKey(QString::fromLatin1(SettingsKey::PrimaryDevice)));
-        movie->setSecondaryDevice(
-            defaults.stringForKey(QString::fromLatin1(SettingsKey::SecondaryDevice)));
-        movie->setInPath(cell.path);
-        movie->setScanTitle(cell.scanTitle);
-        movie->setMainTitle(0);
-        movie->setLanguageRegion(
-            defaults.stringForKey(QString::fromLatin1(SettingsKey::LanguageRegion)));
-        m_movieList->append(movie);
+        std::shared_ptr<MDI_Media> item = makeItem(cell, asked);
+        if (!item)
+            continue;
+        m_movieList->append(item);
         m_images.append(cell);
     }
     m_importedImages.clear();
@@ -286,8 +301,12 @@ void EncodeBrowserController::processFinished(AMShellWrapper* runner, int status
         }
     } else {
         applyProcessingSwitches(*item);
-        queryComplete(item->getMetadata());
+        skipLookup(item);
     }
+}
+
+void EncodeBrowserController::skipLookup(const std::shared_ptr<MDI_Media>& item) {
+    queryComplete(item->getMetadata());
 }
 
 void EncodeBrowserController::processLaunchException(const QString& failure) {
@@ -414,8 +433,7 @@ void EncodeBrowserController::searchComplete(std::vector<std::unique_ptr<MDB_Met
 
     const QString newName = m_searchPanel->newName().trimmed();
     if (!m_searchPanel->skipSearch() && !newName.isEmpty()) {
-        item->replaceNameInOutPath(newName);
-        item->setName(newName);
+        renameItem(*item, newName);
         const int row = rowOf(item.get());
         if (row >= 0) {
             m_images[row].title = newName;
@@ -435,55 +453,70 @@ void EncodeBrowserController::searchComplete(std::vector<std::unique_ptr<MDB_Met
     advance();
 }
 
+void EncodeBrowserController::renameItem(MDI_Media& item, const QString& name) {
+    item.replaceNameInOutPath(name);
+    item.setName(name);
+}
+
 void EncodeBrowserController::queryComplete(MDB_Metadata* metadata) {
     std::shared_ptr<MDI_Media> item = m_workMovie;
     if (!item || !metadata)
         return;
-    UserDefaults& defaults = UserDefaults::standard();
 
     item->copyMetadata(*metadata);
-    item->setRating(item->languageRegion());
-    const QString genres = metadata->getTag(tag(TagName::Genre));
-    // Nothing maps an empty genre list, and asking for the database's genre
-    // names would reach the network even when tagging is skipped.
-    item->setTag(genres.isEmpty() ? QStringLiteral("Unknown") : Utility::assignGenre(genres),
-                 tag(TagName::Genre));
-    item->setTag(MDB_Utility::assignSortName(metadata->getTag(tag(TagName::SortName))),
-                 tag(TagName::SortName));
-    item->assignIfHD();
-    item->setSearchForeign(setting(SettingsKey::BurnForeign));
-
-    const MDB_Metadata* record = item->getMetadata();
-    if (!record->artworkFullsizeURLs().isEmpty())
+    applyQueryRecord(*item, *metadata);
+    if (!item->getMetadata()->artworkFullsizeURLs().isEmpty())
         item->setArtworkFromIndex(0);
     else
         item->setArtworkFromBundle(QStringLiteral("MovieTicket"), QStringLiteral("png"));
-
-    const QList<QUrl> backdrops = record->backdropFullsizeURLs();
-    if (!backdrops.isEmpty()) {
-        // A different backdrop each time a movie is matched.
-        if (defaults.boolForKey(QString::fromLatin1(SettingsKey::BackdropArt)))
-            item->setBackdropFromURL(backdrops.at(int(::random() % backdrops.size())));
-        else
-            item->setBackdropFromBundle(QStringLiteral("NoArtworkBackground"),
-                                        QStringLiteral("png"));
-    }
-
-    const int row = rowOf(item.get());
-    if (row >= 0) {
-        m_images[row].title = record->getTag(tag(TagName::Name));
-        const QList<QUrl>& thumbnails = item->getThumbnails();
-        m_images[row].image = thumbnails.isEmpty() ? resourceImage(QStringLiteral("MovieTicket"))
-                                                   : thumbnails.first().toLocalFile();
-        emit itemUpdated(row);
-    }
-
+    applyBackdrop(*item);
+    updateCell(*item);
     item->setStatus(8);
+    finishWorkItem(item);
+}
+
+void EncodeBrowserController::applyQueryRecord(MDI_Media& item, const MDB_Metadata& record) {
+    item.setRating(item.languageRegion());
+    const QString genres = record.getTag(tag(TagName::Genre));
+    // Nothing maps an empty genre list, and asking for the database's genre
+    // names would reach the network even when tagging is skipped.
+    item.setTag(genres.isEmpty() ? QStringLiteral("Unknown") : Utility::assignGenre(genres),
+                tag(TagName::Genre));
+    item.setTag(MDB_Utility::assignSortName(record.getTag(tag(TagName::SortName))),
+                tag(TagName::SortName));
+    item.assignIfHD();
+    item.setSearchForeign(setting(SettingsKey::BurnForeign));
+}
+
+void EncodeBrowserController::applyBackdrop(MDI_Media& item) {
+    const QList<QUrl> backdrops = item.getMetadata()->backdropFullsizeURLs();
+    if (backdrops.isEmpty())
+        return;
+    // A different backdrop each time a movie is matched.
+    if (setting(SettingsKey::BackdropArt))
+        item.setBackdropFromURL(backdrops.at(int(::random() % backdrops.size())));
+    else
+        item.setBackdropFromBundle(QStringLiteral("NoArtworkBackground"), QStringLiteral("png"));
+}
+
+void EncodeBrowserController::updateCell(MDI_Media& item, const QString& title) {
+    const int row = rowOf(&item);
+    if (row < 0 || row >= m_images.size())
+        return;
+    m_images[row].title = title.isNull() ? item.getMetadata()->getTag(tag(TagName::Name)) : title;
+    const QList<QUrl>& thumbnails = item.getThumbnails();
+    m_images[row].image = thumbnails.isEmpty() ? resourceImage(QStringLiteral("MovieTicket"))
+                                               : thumbnails.first().toLocalFile();
+    emit itemUpdated(row);
+}
+
+void EncodeBrowserController::finishWorkItem(const std::shared_ptr<MDI_Media>& item,
+                                             bool showFinishedName) {
     statusUpdate();
     setScanning(false);
-    if (m_browserDelegate)
+    if (m_browserDelegate && item->status() == 8)
         m_browserDelegate->itemReady(item);
-    advance();
+    advance(showFinishedName);
 }
 
 void EncodeBrowserController::metadataSearchUpdate(qint64 row) {
@@ -531,9 +564,9 @@ void EncodeBrowserController::metadataNameUpdate(const QString& name) {
     reloadData();
 }
 
-void EncodeBrowserController::advance() {
+void EncodeBrowserController::advance(bool showFinishedName) {
     if (std::shared_ptr<MDI_Media> next = firstWaitingItem()) {
-        setScanTitle(next->name());
+        setScanTitle(showFinishedName && m_workMovie ? m_workMovie->name() : next->name());
         setScanStatus(QStringLiteral("Scanning..."));
         scanNextLater(next);
         return;
@@ -567,17 +600,9 @@ void EncodeBrowserController::setSelection(const QList<int>& rows) {
     }
     QVariantMap userInfo;
     if (std::shared_ptr<MDI_Media> item = firstSelectedItem()) {
-        const MDB_Metadata* record = item->getMetadata();
-        const QList<QUrl> backdrops = record->backdropFullsizeURLs();
-        if (!backdrops.isEmpty()) {
-            if (setting(SettingsKey::BackdropArt))
-                item->setBackdropFromURL(backdrops.at(int(::random() % backdrops.size())));
-            else
-                item->setBackdropFromBundle(QStringLiteral("NoArtworkBackground"),
-                                            QStringLiteral("png"));
-        }
+        applyBackdrop(*item);
         userInfo.insert(QStringLiteral("movie"), QVariant::fromValue(item));
-        userInfo.insert(QStringLiteral("tab"), 0);
+        userInfo.insert(QStringLiteral("tab"), selectionTab());
         userInfo.insert(QStringLiteral("count"), int(m_selection.size()));
     }
     NotificationCenter::defaultCenter().post(

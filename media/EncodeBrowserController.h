@@ -4,6 +4,7 @@
 #include "lookup/MDB_TheMovieDb.h"
 #include "media/MDI_Media.h"
 
+#include <QFileInfo>
 #include <QList>
 #include <QMetaType>
 #include <QObject>
@@ -92,6 +93,8 @@ public:
 
     void setBrowserDelegate(EncodeBrowserDelegate* delegate) { m_browserDelegate = delegate; }
     EncodeBrowserDelegate* browserDelegate() const { return m_browserDelegate; }
+    // The items live in this list (shared with the owner that passed it in).
+    std::shared_ptr<MediaItemList> itemList() const { return m_movieList; }
 
     // --- sources -------------------------------------------------------------
     // `loadFiles:titles:`: `titles` empty or parallel to `files`. Unreadable
@@ -184,7 +187,39 @@ signals:
     // One item's cell or information changed.
     void itemUpdated(int row);
 
-private:
+protected:
+    // --- the steps another browser does its own way --------------------------
+    // Whether a path given to loadFiles() becomes an item.
+    virtual bool acceptsSource(const QFileInfo& info) const;
+    // The name a new cell shows.
+    virtual QString displayName(const QFileInfo& info) const;
+    // The item for one imported cell; `askedForFolder` lets a batch ask the
+    // delegate one question at most.
+    virtual std::shared_ptr<MDI_Media> makeItem(const EncodeBrowserCell& cell,
+                                                bool& askedForFolder);
+    // A valid item after its scan with "Skip Tagging" on.
+    virtual void skipLookup(const std::shared_ptr<MDI_Media>& item);
+    // The name typed into the no-hits question, before the search again.
+    virtual void renameItem(MDI_Media& item, const QString& name);
+    // The information panel's tab named in the selection notification.
+    virtual int selectionTab() const { return 0; }
+
+    // --- pieces of the match for those steps ---------------------------------
+    // Rating, genre and sort name of the fetched record, HD flag, foreign
+    // subtitle search.
+    void applyQueryRecord(MDI_Media& item, const MDB_Metadata& record);
+    // A random backdrop of the record's, or the plain one, when it has any.
+    void applyBackdrop(MDI_Media& item);
+    // The cell shows the record's name (or `title` when given) and the first
+    // local thumbnail.
+    void updateCell(MDI_Media& item, const QString& title = QString());
+    // Ends the work on the current item (ready when its status is 8) and goes
+    // on with the next waiting one.
+    void finishWorkItem(const std::shared_ptr<MDI_Media>& item, bool showFinishedName = false);
+    void queryDatabase(MDI_Media& item);
+    bool viewVisible() const { return m_viewVisible; }
+    void setWorkMovie(const std::shared_ptr<MDI_Media>& item) { m_workMovie = item; }
+
     void setScanTitle(const QString& title, bool visible = true);
     void setScanStatus(const QString& status, bool visible = true);
     void setScanProgress(bool animating);
@@ -199,12 +234,14 @@ private:
     // The chain: the next waiting item is started from the event loop, so
     // the callback that ends the previous one returns first.
     void scanNextLater(const std::shared_ptr<MDI_Media>& item);
-    void advance();
+    // `showFinishedName`: the scan title keeps the finished item's name until
+    // the next scan starts.
+    void advance(bool showFinishedName = false);
     void applyProcessingSwitches(MDI_Media& item);
     MDB_TheMovieDb& movieDB(const MDI_Media& item);
     void searchDatabase(MDI_Media& item);
-    void queryDatabase(MDI_Media& item);
 
+private:
     EncodeBrowserDelegate* m_browserDelegate = nullptr;
     std::shared_ptr<MediaItemList> m_movieList;
     QList<EncodeBrowserCell> m_images;

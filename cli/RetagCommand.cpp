@@ -1,0 +1,316 @@
+// `tarnwick-cli retag FILE... [--search TITLE] [--yes] [--json]`: looks
+// existing movie files up in the movie database through the retag browser
+// (scan, search, match; the file's own tags win over the match, as in the
+// tag editor), shows per file what will be written, asks once for all files
+// and writes the tags back into the same files.
+//
+// Each file is searched under its file name without the extension.
+// --search TITLE searches TITLE instead; it takes exactly one file, since
+// one title for several files would give them all the same movie. A file
+// without hits is asked about on the terminal (a new name, or empty to keep
+// the file's own tags); with --yes, or without a terminal, it keeps its own
+// tags. Writing needs a "y" on the terminal or --yes; without a terminal and
+// without --yes nothing is written. Progress goes to stderr. Ctrl-C during
+// the lookup writes nothing; during the writing it stops before the next file
+// (each write is whole or not at all); the exit status is then 128 + the
+// signal. Otherwise it is 0 only when every file was written.
+#include "cli/BrowserPrompts.h"
+#include "cli/Commands.h"
+#include "cli/Terminal.h"
+
+#include "core/Resources.h"
+#include "core/Startup.h"
+#include "library/RetagBrowserController.h"
+#include "metadata/TagNames.h"
+
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimer>
+
+#include <optional>
+
+namespace {
+
+const QString kCommand = QStringLiteral("retag");
+
+QString tagText(const MDI_Media& item, const char* name) {
+    return item.getTag(QString::fromLatin1(name));
+}
+
+// "mpaa|PG-13|300|" -> "PG-13"
+QString ratingLabel(const QString& rating) {
+    const QStringList parts = rating.split(QLatin1Char('|'));
+    return parts.size() > 1 ? parts.at(1) : rating;
+}
+
+int peopleCount(const QString& people) {
+    return people.trimmed().isEmpty() ? 0 : int(MDB_Metadata::dictArrayFromString(people).size());
+}
+
+// Which cover the file will carry after the write.
+QString coverText(const MDI_Media& item) {
+    const MDB_Metadata* record = item.metaData();
+    if (!record || record->artwork().isNull())
+        return QStringLiteral("no");
+    if (!record->isArtworkEdited())
+        return QStringLiteral("yes (unchanged)");
+    const QUrl url = record->getArtworkURL();
+    if (url.scheme().startsWith(QLatin1String("http")))
+        return QStringLiteral("yes (movie database)");
+    if (url.isLocalFile() &&
+        url.toLocalFile() == Resources::path(QStringLiteral("MovieTicket.png")))
+        return QStringLiteral("placeholder (no poster found)");
+    return QStringLiteral("yes (the file's own)");
+}
+
+// Where the lookup of one item stands, 0 to 100.
+int lookupPercent(qint32 status) {
+    switch (status) {
+    case 2:
+        return 0;
+    case 3:
+        return 10;
+    case 4:
+        return 35;
+    case 5:
+        return 45;
+    case 6:
+        return 60;
+    case 7:
+        return 70;
+    default:
+        return 100;
+    }
+}
+
+QJsonObject tagsJson(const MDI_Media& item) {
+    return QJsonObject{{"name", tagText(item, TagName::Name)},
+                       {"releaseDate", tagText(item, TagName::ReleaseDate)},
+                       {"genre", tagText(item, TagName::Genre)},
+                       {"rating", ratingLabel(tagText(item, TagName::Rating))},
+                       {"director", tagText(item, TagName::Director)},
+                       {"castCount", peopleCount(tagText(item, TagName::Cast))},
+                       {"tmdbID", tagText(item, TagName::TMDbID)},
+                       {"cover", coverText(item)}};
+}
+
+QString orDash(const QString& text) {
+    return text.isEmpty() ? QStringLiteral("-") : text;
+}
+
+void printPlan(const MDI_Media& item) {
+    QTextStream& out = cli::out();
+    out << item.inPath() << Qt::endl;
+    if (item.status() != 8) {
+        out << "  failed:     " << item.warnings() << Qt::endl;
+        return;
+    }
+    out << "  name:       " << orDash(tagText(item, TagName::Name)) << Qt::endl;
+    out << "  released:   " << orDash(tagText(item, TagName::ReleaseDate)) << Qt::endl;
+    out << "  genre:      " << orDash(tagText(item, TagName::Genre)) << Qt::endl;
+    out << "  rating:     " << orDash(ratingLabel(tagText(item, TagName::Rating))) << Qt::endl;
+    out << "  director:   " << orDash(tagText(item, TagName::Director)) << Qt::endl;
+    out << "  cast:       " << peopleCount(tagText(item, TagName::Cast)) << " people" << Qt::endl;
+    out << "  cover:      " << coverText(item) << Qt::endl;
+    const QString id = tagText(item, TagName::TMDbID);
+    out << "  match:      "
+        << (id.isEmpty() ? QStringLiteral("none") : QStringLiteral("TMDb ") + id) << Qt::endl;
+}
+
+int runRetag(const QStringList& args) {
+    QStringList files;
+    std::optional<QString> search;
+    bool json = false;
+    bool assumeYes = false;
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        const QString& a = args.at(i);
+        if (a == QLatin1String("--search")) {
+            if (i + 1 >= args.size() || args.at(i + 1).trimmed().isEmpty())
+                return cli::usageError(kCommand, QStringLiteral("--search needs a title"));
+            search = args.at(++i).trimmed();
+        } else if (a == QLatin1String("--json")) {
+            json = true;
+        } else if (a == QLatin1String("--yes") || a == QLatin1String("-y")) {
+            assumeYes = true;
+        } else if (a.startsWith(QLatin1String("--"))) {
+            return cli::usageError(kCommand, QStringLiteral("unknown option %1").arg(a));
+        } else {
+            files << a;
+        }
+    }
+    if (files.isEmpty())
+        return cli::usageError(kCommand, QStringLiteral("no file given"));
+    if (search && files.size() > 1)
+        return cli::usageError(kCommand,
+                               QStringLiteral("--search takes one file; with several files each "
+                                              "is searched under its own name"));
+    for (const QString& file : files) {
+        const QFileInfo info(file);
+        if (!info.exists())
+            return cli::failure(QStringLiteral("%1: no such file").arg(file));
+        if (!info.isFile())
+            return cli::failure(QStringLiteral("%1: not a movie file (a folder)").arg(file));
+    }
+
+    QString error;
+    if (!Startup::run(&error))
+        return cli::failure(error);
+    const struct Cleanup {
+        ~Cleanup() { Startup::cleanupAtExit(); }
+    } cleanup;
+
+    cli::ProgressLine progress(cli::stderrIsTerminal());
+    const bool terminal = cli::interactive();
+    cli::TerminalBrowserDelegate delegate(assumeYes, terminal, progress);
+    auto list = std::make_shared<MediaItemList>();
+    RetagBrowserController browser(list);
+    browser.setViewVisible(false);
+    browser.setBrowserDelegate(&delegate);
+
+    auto lookupProgress = [&] {
+        if (!browser.scanStatusVisible() || browser.scanStatus().isEmpty())
+            return;
+        int sum = 0;
+        for (const auto& item : *list)
+            sum += lookupPercent(item->status());
+        const QString title = browser.scanTitle();
+        progress.showProgress(title.isEmpty() ? browser.scanStatus()
+                                              : title + QStringLiteral(": ") + browser.scanStatus(),
+                              list->isEmpty() ? 0.0 : double(sum) / double(list->size()));
+    };
+    QObject::connect(&browser, &EncodeBrowserController::scanStatusChanged, lookupProgress);
+
+    // Ctrl-C also ends a pending answer on the terminal.
+    cli::InterruptWatcher interrupts;
+    browser.loadFiles(files);
+    // The search follows the scan, so the title is in place in time.
+    if (search && !list->isEmpty())
+        list->first()->setName(*search);
+
+    QEventLoop loop;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        interrupts.poll();
+        if (interrupts.count() > 0) {
+            browser.stopScanning();
+            loop.quit();
+            return;
+        }
+        lookupProgress();
+        if (cli::scanSessionSettled(browser, delegate.alerted()))
+            loop.quit();
+    });
+    poll.start(50);
+    loop.exec();
+    poll.stop();
+    progress.finish();
+    if (interrupts.count() > 0) {
+        cli::err() << "tarnwick-cli: interrupted; no file was written" << Qt::endl;
+        return interrupts.exitStatus();
+    }
+
+    QList<std::shared_ptr<MDI_Media>> ready;
+    for (const auto& item : *list) {
+        if (item->status() == 8)
+            ready << item;
+    }
+    if (!json) {
+        bool first = true;
+        for (const auto& item : *list) {
+            if (!first)
+                cli::out() << Qt::endl;
+            first = false;
+            printPlan(*item);
+        }
+        cli::out().flush();
+    }
+
+    // Per file: "written", "failed" or "not written", and the message.
+    QList<QPair<QString, QString>> results(list->size(), {QStringLiteral("not written"), {}});
+    for (qsizetype i = 0; i < list->size(); ++i) {
+        if (list->at(i)->status() != 8)
+            results[i] = {QStringLiteral("failed"), list->at(i)->warnings()};
+    }
+
+    bool write = !ready.isEmpty();
+    QString reason;
+    if (write && !assumeYes) {
+        if (!terminal) {
+            write = false;
+            reason = QStringLiteral("Nothing written: no terminal to confirm on; run with --yes "
+                                    "to write the tags.");
+        } else if (!cli::askYesNo(QStringLiteral("Write tags to %1 file(s)?").arg(ready.size()))) {
+            write = false;
+            reason = cli::InterruptWatcher::pending()
+                         ? QStringLiteral("Interrupted; nothing written.")
+                         : QStringLiteral("Nothing written.");
+        }
+    }
+
+    int written = 0;
+    if (write) {
+        for (qsizetype i = 0; i < list->size(); ++i) {
+            const std::shared_ptr<MDI_Media>& item = list->at(i);
+            if (item->status() != 8)
+                continue;
+            // A write is whole or not at all; Ctrl-C stops before the next one.
+            interrupts.poll();
+            if (interrupts.count() > 0) {
+                reason = QStringLiteral("Interrupted; the remaining files were not written.");
+                break;
+            }
+            progress.showProgress(QStringLiteral("Writing %1 [%2 of %3]")
+                                      .arg(QFileInfo(item->outPath()).fileName())
+                                      .arg(written + 1)
+                                      .arg(ready.size()),
+                                  100.0 * written / double(ready.size()));
+            QString message;
+            if (browser.saveItem(item, &message)) {
+                results[i] = {QStringLiteral("written"), {}};
+                ++written;
+            } else {
+                results[i] = {QStringLiteral("failed"), message};
+            }
+        }
+        progress.finish();
+    }
+    if (!reason.isEmpty())
+        cli::err() << reason << Qt::endl;
+
+    if (json) {
+        QJsonArray array;
+        for (qsizetype i = 0; i < list->size(); ++i) {
+            const MDI_Media& item = *list->at(i);
+            QJsonObject o{{"file", item.inPath()}, {"state", results[i].first}};
+            if (!results[i].second.isEmpty())
+                o.insert("warning", results[i].second);
+            if (item.status() == 8 || item.status() == 12)
+                o.insert("tags", tagsJson(item));
+            array.append(o);
+        }
+        cli::out() << QJsonDocument(array).toJson(QJsonDocument::Indented);
+    } else {
+        cli::out() << Qt::endl << "Summary:" << Qt::endl;
+        for (qsizetype i = 0; i < list->size(); ++i) {
+            cli::out() << "  " << list->at(i)->inPath() << ": " << results[i].first;
+            if (!results[i].second.isEmpty())
+                cli::out() << " (" << results[i].second << ")";
+            cli::out() << Qt::endl;
+        }
+    }
+    cli::out().flush();
+    if (interrupts.count() > 0)
+        return interrupts.exitStatus();
+    return written == list->size() ? cli::kExitOk : cli::kExitFailure;
+}
+
+const cli::CommandRegistration registration({
+    kCommand,
+    QStringLiteral("retag FILE... [--search TITLE] [--yes] [--json]"),
+    runRetag,
+});
+
+} // namespace

@@ -1,0 +1,144 @@
+// `tarnwick-cli retag` as a user runs it: tagged movie files, the real
+// encoder tool, the loopback movie database, and ffprobe as the reader of
+// what was written.
+
+#include "RetagTestSupport.h"
+
+#include <QJsonArray>
+
+#include <gtest/gtest.h>
+
+using retagtest::tag;
+
+namespace {
+
+struct CliResult {
+    int status = -1;
+    QString out;
+    QString err;
+};
+
+// Standard input is a pipe here, never a terminal.
+CliResult runRetag(const QStringList& args, const QByteArray& input = {}) {
+    QProcess p;
+    p.start(QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"),
+            QStringList{QStringLiteral("retag")} + args);
+    p.write(input);
+    p.closeWriteChannel();
+    CliResult r;
+    if (!p.waitForFinished(120000)) {
+        p.kill();
+        p.waitForFinished();
+        ADD_FAILURE() << "tarnwick-cli retag did not finish";
+        return r;
+    }
+    r.status = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = QString::fromUtf8(p.readAllStandardOutput());
+    r.err = QString::fromUtf8(p.readAllStandardError());
+    return r;
+}
+
+class RetagCliTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        scantest::server();
+        ASSERT_TRUE(dir.isValid());
+    }
+    QTemporaryDir dir;
+};
+
+} // namespace
+
+TEST_F(RetagCliTest, WithYesTheMatchIsShownAndWrittenUnderTheFilesOwnName) {
+    const QString file = retagtest::taggedCopy(dir.path(), "Harbour Lights.m4v",
+                                               {{tag(TagName::Name), "Harbour Lights (Restored)"}});
+    const CliResult r = runRetag({file, QStringLiteral("--yes")});
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
+
+    EXPECT_TRUE(r.out.startsWith(file + "\n")) << r.out.toStdString();
+    EXPECT_TRUE(r.out.contains("name:       Harbour Lights (Restored)\n"));
+    EXPECT_TRUE(r.out.contains("released:   1962-03-09"));
+    EXPECT_TRUE(r.out.contains("genre:      Comedy"));
+    EXPECT_TRUE(r.out.contains("director:   Leonard Ashby"));
+    EXPECT_TRUE(r.out.contains("cover:      yes (movie database)"));
+    EXPECT_TRUE(r.out.contains("match:      TMDb 100004"));
+    EXPECT_TRUE(r.out.contains("Summary:\n  " + file + ": written\n")) << r.out.toStdString();
+    // Progress as plain lines without a terminal.
+    EXPECT_TRUE(r.err.contains("Harbour Lights: Scanning...")) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains("Harbour Lights: Querying..."));
+    EXPECT_TRUE(r.err.contains("Writing Harbour Lights.m4v [1 of 1]"));
+    EXPECT_FALSE(r.err.contains("\033["));
+
+    const QJsonObject tags = retagtest::probeTags(file);
+    EXPECT_EQ(tags.value("title").toString(), "Harbour Lights (Restored)");
+    EXPECT_EQ(tags.value("genre").toString(), "Comedy");
+    EXPECT_TRUE(tags.value("date").toString().startsWith("1962"));
+    EXPECT_TRUE(retagtest::probeHasCover(file));
+}
+
+TEST_F(RetagCliTest, WithoutATerminalAndWithoutYesNothingIsWritten) {
+    const QString file = retagtest::taggedCopy(dir.path(), "Harbour Lights.m4v",
+                                               {{tag(TagName::Name), "Harbour Lights"}});
+    const QByteArray before = retagtest::fileHash(file);
+    // A "y" on a pipe is no confirmation.
+    const CliResult r = runRetag({file}, "y\n");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.err.contains("Nothing written: no terminal to confirm on"))
+        << r.err.toStdString();
+    EXPECT_TRUE(r.out.contains("genre:      Comedy")) << r.out.toStdString();
+    EXPECT_TRUE(r.out.contains(file + ": not written"));
+    EXPECT_EQ(retagtest::fileHash(file), before);
+}
+
+TEST_F(RetagCliTest, SearchTitleJsonAndAFileThatIsNoMovie) {
+    const QString file = retagtest::taggedCopy(dir.path(), "Quayside.m4v", {});
+    const QString junk = dir.filePath("junk.m4v");
+    ASSERT_TRUE(QFile::copy(scantest::sample("junk.mkv"), junk));
+
+    // --search replaces the name taken from the file name.
+    CliResult r = runRetag({file, "--search", "Harbour Lights", "--yes", "--json"});
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
+    QJsonParseError error;
+    QJsonDocument doc = QJsonDocument::fromJson(r.out.toUtf8(), &error);
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
+    ASSERT_EQ(doc.array().size(), 1);
+    QJsonObject entry = doc.array().at(0).toObject();
+    EXPECT_EQ(entry.value("state").toString(), "written");
+    const QJsonObject tags = entry.value("tags").toObject();
+    EXPECT_EQ(tags.value("tmdbID").toString(), "100004");
+    EXPECT_EQ(tags.value("name").toString(), "Harbour Lights");
+    EXPECT_GT(tags.value("castCount").toInt(), 0);
+    EXPECT_EQ(retagtest::probeTags(file).value("title").toString(), "Harbour Lights");
+
+    // One file that is no movie: the other is still written, the run fails.
+    const QByteArray junkBefore = retagtest::fileHash(junk);
+    r = runRetag({file, junk, "--yes", "--json"});
+    EXPECT_EQ(r.status, 1);
+    doc = QJsonDocument::fromJson(r.out.toUtf8(), &error);
+    ASSERT_EQ(doc.array().size(), 2) << r.out.toStdString();
+    EXPECT_EQ(doc.array().at(0).toObject().value("state").toString(), "written");
+    entry = doc.array().at(1).toObject();
+    EXPECT_EQ(entry.value("state").toString(), "failed");
+    EXPECT_TRUE(entry.value("warning").toString().startsWith("No valid title was found!."));
+    EXPECT_EQ(retagtest::fileHash(junk), junkBefore);
+}
+
+TEST_F(RetagCliTest, BadArgumentsAreReported) {
+    CliResult r = runRetag({});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(r.err.contains("no file given"));
+    r = runRetag({dir.filePath("missing.m4v"), "--yes"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.err.contains(dir.filePath("missing.m4v") + ": no such file"));
+    r = runRetag({dir.path(), "--yes"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.err.contains("not a movie file"));
+    r = runRetag({"a.m4v", "b.m4v", "--search", "Heat"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(r.err.contains("--search takes one file"));
+    r = runRetag({"a.m4v", "--search"});
+    EXPECT_EQ(r.status, 2);
+    r = runRetag({"a.m4v", "--bogus"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(r.err.contains("unknown option --bogus"));
+}

@@ -1,0 +1,117 @@
+#pragma once
+
+// Movie files to retag: one short H.264/AAC MP4 made with ffmpeg and cached
+// in the build tree, copied per test under the name the test needs (the tests
+// write into their copies) and tagged there with the project's own writer.
+// The movie database is the loopback server of the scan tests.
+
+#include "scan/ScanTestSupport.h"
+
+#include "media/MDI_Movie.h"
+#include "metadata/TagNames.h"
+
+#include <QBuffer>
+#include <QCryptographicHash>
+#include <QImage>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMap>
+
+namespace retagtest {
+
+inline QString mediaDir() {
+    const QString dir = QStringLiteral(TARNWICK_BINARY_DIR "/test-media/retag");
+    QDir().mkpath(dir);
+    return dir;
+}
+
+// 2 s of 320x180 H.264 with AAC sound, no tags; made under a temporary name
+// and renamed into place so parallel test processes never see half a file.
+inline QString plainMovie() {
+    const QString target = mediaDir() + QStringLiteral("/plain.m4v");
+    if (QFileInfo::exists(target))
+        return target;
+    QTemporaryDir work(mediaDir() + QStringLiteral("/make-XXXXXX"));
+    const QString made = work.path() + QStringLiteral("/plain.m4v");
+    if (!scantest::ffmpeg({"-f",      "lavfi",     "-i",   "testsrc2=size=320x180:rate=25",
+                           "-f",      "lavfi",     "-i",   "sine=frequency=440",
+                           "-t",      "2",         "-c:v", "libx264",
+                           "-preset", "ultrafast", "-c:a", "aac",
+                           "-ac",     "2",         "-f",   "mp4",
+                           made}))
+        return {};
+    QFile::rename(made, target);
+    return QFileInfo::exists(target) ? target : QString();
+}
+
+inline QString tag(const char* name) {
+    return QString::fromLatin1(name);
+}
+
+// A copy of the plain movie at `dir/name`, carrying exactly `tags` (and the
+// cover when given), written by the media item's own file tagging.
+inline QString taggedCopy(const QString& dir, const QString& name,
+                          const QMap<QString, QString>& tags, const QImage& cover = {}) {
+    const QString source = plainMovie();
+    const QString path = dir + u'/' + name;
+    if (source.isEmpty() || !QFile::copy(source, path)) {
+        ADD_FAILURE() << "cannot copy the sample to " << path.toStdString();
+        return {};
+    }
+    if (tags.isEmpty() && cover.isNull())
+        return path;
+    MDI_Movie writer;
+    writer.setOutPath(path);
+    writer.getMetadata()->setTagsDict(tags);
+    if (!cover.isNull()) {
+        QByteArray png;
+        QBuffer buffer(&png);
+        buffer.open(QIODevice::WriteOnly);
+        cover.save(&buffer, "PNG");
+        writer.setArtworkFromData(png);
+    }
+    writer.writeMetadataToFile(false);
+    EXPECT_EQ(writer.status(), 12) << writer.warnings().toStdString();
+    return path;
+}
+
+inline QImage solidCover(QColor color) {
+    QImage image(48, 72, QImage::Format_RGB32);
+    image.fill(color);
+    return image;
+}
+
+inline QByteArray fileHash(const QString& path) {
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return {};
+    return QCryptographicHash::hash(f.readAll(), QCryptographicHash::Sha256);
+}
+
+// The container tags as ffprobe reads them (an independent reader).
+inline QJsonObject probeTags(const QString& path) {
+    QProcess p;
+    p.start(QStringLiteral("ffprobe"),
+            {"-v", "error", "-show_entries", "format_tags", "-of", "json", path});
+    if (!p.waitForFinished(30000)) {
+        ADD_FAILURE() << "ffprobe did not finish";
+        return {};
+    }
+    return QJsonDocument::fromJson(p.readAllStandardOutput())
+        .object()
+        .value("format")
+        .toObject()
+        .value("tags")
+        .toObject();
+}
+
+// The cover ffprobe sees as an attached picture stream, if any.
+inline bool probeHasCover(const QString& path) {
+    QProcess p;
+    p.start(QStringLiteral("ffprobe"), {"-v", "error", "-show_entries",
+                                        "stream_disposition=attached_pic", "-of", "json", path});
+    p.waitForFinished(30000);
+    return p.readAllStandardOutput().contains("\"attached_pic\": 1");
+}
+
+} // namespace retagtest
