@@ -5,6 +5,7 @@
 #include "core/Startup.h"
 #include "core/UserDefaults.h"
 #include "library/MoviesBrowserController.h"
+#include "library/RetagBrowserController.h"
 #include "media/MDI_Media.h"
 #include "processing/EncoderController.h"
 
@@ -27,6 +28,8 @@ AppDelegate::AppDelegate(QObject* parent) : QObject(parent) {
     EncodeList::setInstance();
     m_encodeController = std::make_unique<EncoderController>();
     m_encodeBrowseController = std::make_unique<EncodeBrowserController>(EncodeList::instance());
+    TagList::setInstance();
+    m_retagBrowseController = std::make_unique<RetagBrowserController>(TagList::instance());
     m_moviesBrowserController = std::make_unique<MoviesBrowserController>();
     m_encodeController->setStatusDelegate(this);
     m_encodeController->setEncoderDelegate(this);
@@ -43,6 +46,12 @@ AppDelegate::~AppDelegate() {
     }
     m_encodeController.reset();
     m_encodeBrowseController.reset();
+    m_retagBrowseController.reset();
+}
+
+void AppDelegate::setBrowserDelegate(EncodeBrowserDelegate* delegate) {
+    m_frontBrowserDelegate = delegate;
+    m_retagBrowseController->setBrowserDelegate(delegate);
 }
 
 void AppDelegate::setInformationController(InformationPanel* panel) {
@@ -185,6 +194,8 @@ void AppDelegate::scanToggle() {
 }
 
 void AppDelegate::clearAll() {
+    if (m_selectedFunction == RetagFunction)
+        m_retagBrowseController->clearAll();
     if (m_selectedFunction != EncodeFunction)
         return;
     QList<int> rows;
@@ -194,7 +205,10 @@ void AppDelegate::clearAll() {
 }
 
 void AppDelegate::clearSelected() {
-    if (m_selectedFunction == EncodeFunction)
+    // Nothing is converted in place, so retag items go without a question.
+    if (m_selectedFunction == RetagFunction)
+        m_retagBrowseController->clearSelected();
+    else if (m_selectedFunction == EncodeFunction)
         removeFromEncodeList(m_encodeBrowseController->getSelected());
 }
 
@@ -226,16 +240,22 @@ void AppDelegate::removeFromEncodeList(const QList<int>& rows) {
 void AppDelegate::selectAll() {
     if (m_selectedFunction == EncodeFunction)
         m_encodeBrowseController->selectAll();
+    else if (m_selectedFunction == RetagFunction)
+        m_retagBrowseController->selectAll();
 }
 
 void AppDelegate::openFiles(const QStringList& paths) {
     if (m_selectedFunction == EncodeFunction)
         m_encodeBrowseController->loadFiles(paths);
+    else if (m_selectedFunction == RetagFunction)
+        m_retagBrowseController->loadFiles(paths);
 }
 
 void AppDelegate::loadMovie(const QString& path, qint64 title) {
     if (m_selectedFunction == EncodeFunction)
         m_encodeBrowseController->loadFiles({path}, {title});
+    else if (m_selectedFunction == RetagFunction)
+        m_retagBrowseController->loadFiles({path}, {title});
 }
 
 void AppDelegate::toggleFuncSegment(int function) {
@@ -244,6 +264,7 @@ void AppDelegate::toggleFuncSegment(int function) {
     const bool changed = function != m_selectedFunction;
     m_selectedFunction = function;
     m_encodeBrowseController->setViewVisible(function == EncodeFunction);
+    m_retagBrowseController->setViewVisible(function == RetagFunction);
     m_moviesBrowserController->setHidden(function != LibraryFunction);
     if (function == LibraryFunction) {
         populateGenreToolbar();

@@ -11,6 +11,7 @@
 
 class EncoderController;
 class MoviesBrowserController;
+class RetagBrowserController;
 
 // The questions and panels the application controller needs a front end for.
 // The defaults are what a front end without that panel gets.
@@ -67,16 +68,17 @@ public:
     explicit AppDelegate(QObject* parent = nullptr);
     ~AppDelegate() override;
 
-    // Neither is owned. The browser delegate answers the encode browser's
-    // questions (search panel, disc instructions...); the application keeps
-    // its scan state change for itself and passes it on.
+    // Neither is owned. The browser delegate answers the browsers' questions
+    // (search panel, disc instructions...); the application keeps the encode
+    // browser's scan state change for itself and passes it on.
     void setPanelDelegate(AppPanelDelegate* delegate) { m_panelDelegate = delegate; }
-    void setBrowserDelegate(EncodeBrowserDelegate* delegate) { m_frontBrowserDelegate = delegate; }
+    void setBrowserDelegate(EncodeBrowserDelegate* delegate);
     void setInformationController(InformationPanel* panel);
 
     EncodeBrowserController* encodeBrowseController() const {
         return m_encodeBrowseController.get();
     }
+    RetagBrowserController* retagBrowseController() const { return m_retagBrowseController.get(); }
     MoviesBrowserController* moviesBrowserController() const {
         return m_moviesBrowserController.get();
     }
@@ -145,6 +147,7 @@ private:
     InformationPanel* m_informationController = nullptr;
     std::unique_ptr<EncoderController> m_encodeController;
     std::unique_ptr<EncodeBrowserController> m_encodeBrowseController;
+    std::unique_ptr<RetagBrowserController> m_retagBrowseController;
     std::unique_ptr<MoviesBrowserController> m_moviesBrowserController;
     int m_selectedFunction = EncodeFunction;
     bool m_processing = false;

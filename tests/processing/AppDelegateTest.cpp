@@ -8,6 +8,7 @@
 
 #include "core/Startup.h"
 #include "library/MoviesBrowserController.h"
+#include "library/RetagBrowserController.h"
 #include "media/MDI_Media.h"
 #include "processing/AppDelegate.h"
 #include "processing/EncoderController.h"
@@ -57,6 +58,7 @@ protected:
         defaults.setObject(Bookmark::create(m_out.path()),
                            key(SettingsKey::DestinationPathBookmark));
         EncodeList::releaseInstance();
+        TagList::releaseInstance();
         app = std::make_unique<AppDelegate>();
         app->setPanelDelegate(&panels);
     }
@@ -65,6 +67,7 @@ protected:
         // Let a stopped tool end before its files go.
         waitUntil([] { return false; }, 200);
         EncodeList::releaseInstance();
+        TagList::releaseInstance();
     }
 
     const MediaItemList& list() const { return app->encodeBrowseController()->movieList(); }
@@ -280,6 +283,25 @@ TEST_F(AppControllerTest, LaunchRepairsTheWorkingStateAndExitRemovesTheTemporary
     EXPECT_EQ(panels.instructions, 1);
     EXPECT_EQ(panels.notices.size(), 1);
     app->applicationWillTerminate();
+}
+
+TEST_F(AppControllerTest, RetagFunctionLoadsIntoTheRetagBrowserAndRemovesWithoutAsking) {
+    UserDefaults::standard().setBool(true, key(SettingsKey::SkipTagging));
+    app->toggleFuncSegment(AppDelegate::RetagFunction);
+    const QString file = scantest::sample(QStringLiteral("Harbour Lights.mp4"));
+    app->openFiles({file});
+    app->loadMovie(file, 1);
+    RetagBrowserController* retag = app->retagBrowseController();
+    ASSERT_EQ(retag->count(), 2);
+    EXPECT_EQ(app->encodeBrowseController()->count(), 0);
+    EXPECT_EQ(retag->movieList().at(0)->outPath(), file) << "retagged in place";
+    EXPECT_EQ(retag->movieList().at(1)->scanTitle(), 1);
+
+    app->selectAll();
+    EXPECT_EQ(retag->getSelected(), (QList<int>{0, 1}));
+    app->clearSelected();
+    EXPECT_EQ(retag->count(), 0);
+    EXPECT_TRUE(panels.removeQuestions.isEmpty());
 }
 
 // --- whole runs with the real tools -------------------------------------------------
