@@ -182,17 +182,18 @@ void RetagBrowserController::tagSearchUpdate(const std::shared_ptr<MDI_Media>& i
     item->replaceMetadata(*hit);
     item->setBypassMetadata(true);
     statusUpdate();
-    setScanTitle(item->name());
-    setScanStatus(QStringLiteral("Querying..."));
-    if (viewVisible()) {
-        setScanProgress(true);
-        setVidImageVisible(true);
-    }
     // Queried at once, also while another file is scanned; that file stays
-    // the session's work item and the answer finds this item by its record.
-    if (!isScanning()) {
+    // the session's work item (and keeps the progress display), and the
+    // answer finds this item by its record.
+    if (!isScanning() || item == workMovie()) {
         setWorkMovie(item);
         setScanning(true);
+        setScanTitle(item->name());
+        setScanStatus(QStringLiteral("Querying..."));
+        if (viewVisible()) {
+            setScanProgress(true);
+            setVidImageVisible(true);
+        }
     }
     queryDatabase(*item);
 }

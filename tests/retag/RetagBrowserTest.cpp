@@ -289,6 +289,20 @@ TEST_F(RetagBrowserTest, AHandPickedHitIsNotOverriddenByTheFilesTags) {
     EXPECT_EQ(movie->getTag(tag(TagName::Genre)), "Western");
     EXPECT_FALSE(movie->bypassMetadata());
     EXPECT_EQ(browser->images().at(0).title, "Keeper of the Light");
+
+    // A pick while another file is scanned is queried at once; the scan of
+    // the other file goes on and both end ready.
+    const QString other = retagtest::taggedCopy(dir.path(), "Harbour Lights.m4v", {});
+    browser->loadFiles({other});
+    ASSERT_EQ(item(1)->status(), 3);
+    browser->tagSearchUpdate(movie, 1);
+    EXPECT_EQ(movie->status(), 7);
+    EXPECT_EQ(browser->workMovie(), item(1));
+    ASSERT_TRUE(waitSettled());
+    EXPECT_EQ(movie->status(), 8);
+    EXPECT_EQ(movie->getTag(tag(TagName::TMDbID)), "100002");
+    EXPECT_EQ(item(1)->status(), 8);
+    EXPECT_EQ(item(1)->getTag(tag(TagName::TMDbID)), "100004");
 }
 
 TEST_F(RetagBrowserTest, ResetSendsTheFileThroughScanSearchAndQueryAgain) {
