@@ -889,4 +889,69 @@ TEST_F(MuxerTool, LacedOrStrippedBlocksAndTransportStreamsAreDemuxed) {
     }
 }
 
+// One second of large pictures (about 390 KB each, with B-frames).
+QString largePicturesMkv() {
+    return cached(QStringLiteral("large-pictures.mkv"), [](const QString& out) {
+        return ffmpeg({"-f", "lavfi", "-i",
+                       "testsrc2=size=640x360:rate=24000/1001:duration=1,noise=alls=40:allf=t",
+                       "-c:v", "libx264", "-preset", "ultrafast", "-qp", "0", "-bf", "2", "-g",
+                       "12", "-f", "matroska", out});
+    });
+}
+
+// Large pictures are copied page-aligned with the source, leaving unused
+// bytes between chunks; the tables must still find every sample, with the
+// movie header in front, at the end, or rewritten.
+TEST_F(MuxerTool, LargePicturesLandPageAlignedAndIntact) {
+    const QString v = largePicturesMkv();
+    ASSERT_FALSE(v.isEmpty());
+    const QStringList video = checksums(v, "0:V", false);
+    ASSERT_EQ(video.size(), 24);
+    const QByteArray source = readAll(v);
+    QProcessEnvironment smallReserve = QProcessEnvironment::systemEnvironment();
+    smallReserve.insert(QStringLiteral("TARNWICK_MUXER_MOOV_RESERVE"), QStringLiteral("512"));
+    struct Case {
+        const char* what;
+        bool optimize;
+        QProcessEnvironment env;
+    };
+    for (const Case& c : {Case{"moov in front", true, {}}, Case{"moov at the end", false, {}},
+                          Case{"rewritten", true, smallReserve}}) {
+        SCOPED_TRACE(c.what);
+        const Outcome r = mux(v, c.optimize, c.env);
+        ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+        EXPECT_TRUE(sameStream(checksums(m_dest, "0:V", false), video));
+        EXPECT_TRUE(sameStream(checksums(m_dest, "0:a", false), checksums(m_source, "0:a", false)));
+        EXPECT_TRUE(sameStream(checksums(m_dest, "0:s", false), checksums(m_source, "0:s", false)));
+        const Outcome decode =
+            run(QStringLiteral("ffmpeg"), {"-v", "error", "-i", m_dest, "-f", "null", "-"});
+        EXPECT_TRUE(decode.err.trimmed().isEmpty()) << decode.err.toStdString();
+        EXPECT_EQ(moovBeforeMdat(m_dest), c.optimize);
+
+        // Each large picture starts where it starts within a page in the
+        // source (a rewrite moves the media by the header's size).
+        if (c.env.contains(QStringLiteral("TARNWICK_MUXER_MOOV_RESERVE"))) {
+            ASSERT_TRUE(QFile::remove(m_dest));
+            continue;
+        }
+        const QByteArray out = readAll(m_dest);
+        const Outcome packets =
+            run(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "V", "-show_entries",
+                                            "packet=pos,size", "-of", "csv=p=0", m_dest});
+        int large = 0;
+        for (const QByteArray& line : packets.out.split('\n')) {
+            const QList<QByteArray> f = line.split(','); // size, position
+            if (f.size() != 2 || f[0].toLongLong() < (256 << 10))
+                continue;
+            const qint64 pos = f[1].toLongLong();
+            const qint64 from = source.indexOf(out.mid(int(pos), 64));
+            ASSERT_GE(from, 0);
+            EXPECT_EQ(pos % 4096, from % 4096) << "picture at " << pos;
+            ++large;
+        }
+        EXPECT_GE(large, 20);
+        ASSERT_TRUE(QFile::remove(m_dest));
+    }
+}
+
 } // namespace

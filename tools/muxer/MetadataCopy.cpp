@@ -2,17 +2,20 @@
 
 #include "mp4/Mp4File.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
+using tarnwick::mp4::appendBE;
 using tarnwick::mp4::Box;
 using tarnwick::mp4::Bytes;
 using tarnwick::mp4::File;
 using tarnwick::mp4::fourcc;
 using tarnwick::mp4::readBE;
 using tarnwick::mp4::TopLevelBox;
+using tarnwick::mp4::writeBE;
 
 namespace muxer {
 
@@ -138,8 +141,89 @@ uint64_t metadataSize(const File& source) {
     return n;
 }
 
+// Sample tables that point where the media really lies. A picture the
+// writer moved on (see Layout) no longer follows the one before it, so it
+// starts a chunk of its own; 32-bit chunk offsets that no longer suffice
+// become 64-bit ones.
+void relocateSamples(Box* stbl, const Layout& layout) {
+    Box* stsz = stbl->child(fourcc("stsz"));
+    Box* stsc = stbl->child(fourcc("stsc"));
+    Box* co64 = stbl->child(fourcc("co64"));
+    Box* stco = co64 ? co64 : stbl->child(fourcc("stco"));
+    if (!stsz || !stsc || !stco || stsz->data().size() < 12 || stsc->data().size() < 8 ||
+        stco->data().size() < 8)
+        return;
+    const Bytes& sz = stsz->data();
+    const Bytes& sc = stsc->data();
+    const Bytes& co = stco->data();
+    const int width = co64 ? 8 : 4;
+    const uint64_t uniform = readBE(sz, 4, 4);
+    const uint64_t samples = readBE(sz, 8, 4);
+    const uint64_t runs = std::min<uint64_t>(readBE(sc, 4, 4), (sc.size() - 8) / 12);
+    const uint64_t chunks = std::min<uint64_t>(readBE(co, 4, 4), (co.size() - 8) / width);
+    if (uniform == 0 && (sz.size() - 12) / 4 < samples)
+        return;
+
+    struct Chunk {
+        uint64_t offset;
+        uint32_t count;
+        uint32_t description;
+    };
+    std::vector<Chunk> out;
+    uint64_t sample = 0;
+    for (uint64_t run = 0; run < runs; ++run) {
+        const uint64_t first = readBE(sc, 8 + run * 12, 4);
+        const uint64_t perChunk = readBE(sc, 8 + run * 12 + 4, 4);
+        const uint32_t description = uint32_t(readBE(sc, 8 + run * 12 + 8, 4));
+        const uint64_t next = run + 1 < runs ? readBE(sc, 8 + (run + 1) * 12, 4) : chunks + 1;
+        for (uint64_t chunk = first; chunk >= 1 && chunk < next && chunk <= chunks; ++chunk) {
+            int64_t at = int64_t(readBE(co, 8 + (chunk - 1) * width, width));
+            int64_t expected = -1;
+            for (uint64_t k = 0; k < perChunk && sample < samples; ++k, ++sample) {
+                const int64_t size = int64_t(uniform ? uniform : readBE(sz, 12 + sample * 4, 4));
+                const int64_t placed = placeInFile(layout, at);
+                if (placed != expected)
+                    out.push_back({uint64_t(placed), 0, description});
+                ++out.back().count;
+                expected = placed + size;
+                at += size;
+            }
+        }
+    }
+
+    Bytes newStsc(sc.begin(), sc.begin() + 8);
+    uint32_t entries = 0;
+    for (size_t i = 0; i < out.size(); ++i) {
+        if (i > 0 && out[i].count == out[i - 1].count &&
+            out[i].description == out[i - 1].description)
+            continue;
+        appendBE(newStsc, 4, i + 1);
+        appendBE(newStsc, 4, out[i].count);
+        appendBE(newStsc, 4, out[i].description);
+        ++entries;
+    }
+    writeBE(newStsc, 4, 4, entries);
+    stsc->data() = std::move(newStsc);
+
+    const bool wide =
+        std::any_of(out.begin(), out.end(), [](const Chunk& c) { return c.offset > UINT32_MAX; });
+    Bytes offsets(co.begin(), co.begin() + 4);
+    appendBE(offsets, 4, out.size());
+    for (const Chunk& c : out)
+        appendBE(offsets, wide || co64 ? 8 : 4, c.offset);
+    if (wide && !co64) {
+        auto replacement = std::make_unique<Box>(fourcc("co64"));
+        replacement->data() = std::move(offsets);
+        stbl->insert(stbl->indexOf(stco), std::move(replacement));
+        stbl->remove(stco);
+    } else {
+        stco->data() = std::move(offsets);
+    }
+}
+
 bool copyMetadata(const File& source, const std::string& outputPath,
-                  const std::vector<int>& sourceTrackIds, bool* moovFirst, std::string* error) {
+                  const std::vector<int>& sourceTrackIds, const Layout& layout, bool* moovFirst,
+                  std::string* error) {
     std::string why;
     std::unique_ptr<File> out = File::open(outputPath, false, &why);
     if (!out) {
@@ -172,6 +256,11 @@ bool copyMetadata(const File& source, const std::string& outputPath,
         if (fromTrak && toTrak)
             copyTrack(*fromTrak, *toTrak, k == 0);
     }
+
+    if (!layout.empty())
+        for (Box* trak : moov->childrenOfType(fourcc("trak")))
+            if (Box* stbl = trak->find("mdia.minf.stbl"))
+                relocateSamples(stbl, layout);
 
     Bytes bytes;
     moov->serialize(bytes);

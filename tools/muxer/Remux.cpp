@@ -120,6 +120,10 @@ struct OutStream {
     int verbatimMisses = 0; // packets not found verbatim in a row
 };
 
+// Pictures from this size on are page-aligned with the source when copied;
+// at most a page less one is left unused before each (well under 2 %).
+constexpr size_t kAlignFrom = 256u << 10;
+
 // Packets not found as they are in the source (Annex B, laced or
 // compressed blocks) after this many tries are written from memory.
 constexpr int kMaxVerbatimMisses = 32;
@@ -435,6 +439,62 @@ int readPacket(Input& in, AVPacket* pkt) {
     return av_read_frame(in.ctx, pkt);
 }
 
+// The media data box holds the bytes left before aligned pictures too: its
+// size grows by them, to 64 bits over the `wide` box before it if need be.
+bool growMediaData(const std::string& path, const Layout& layout, std::string* error) {
+    FdCloser fd{::open(path.c_str(), O_RDWR | O_CLOEXEC)};
+    auto be = [](const uint8_t* p, int n) {
+        uint64_t v = 0;
+        for (int i = 0; i < n; ++i)
+            v = (v << 8) | p[i];
+        return v;
+    };
+    auto put = [](uint8_t* p, int n, uint64_t v) {
+        for (int i = n - 1; i >= 0; --i, v >>= 8)
+            p[i] = uint8_t(v);
+    };
+    // Everything before the media data is where the muxer put it.
+    int64_t at = 0, before = -1;
+    for (int boxes = 0; fd.fd >= 0 && boxes < 64; ++boxes) {
+        uint8_t h[16];
+        if (::pread(fd.fd, h, 16, off_t(at)) != 16)
+            break;
+        uint64_t size = be(h, 4);
+        const bool wide = size == 1;
+        if (wide)
+            size = be(h + 8, 8);
+        if (std::memcmp(h + 4, "mdat", 4) == 0) {
+            const int64_t logicalEnd = at + int64_t(size);
+            const uint64_t grown = uint64_t(placeInFile(layout, logicalEnd) - at);
+            if (wide) {
+                put(h + 8, 8, grown);
+                return ::pwrite(fd.fd, h + 8, 8, off_t(at + 8)) == 8 ||
+                       (*error = "cannot write the output file " + path, false);
+            }
+            if (grown <= UINT32_MAX) {
+                put(h, 4, grown);
+                return ::pwrite(fd.fd, h, 4, off_t(at)) == 4 ||
+                       (*error = "cannot write the output file " + path, false);
+            }
+            uint8_t w[16];
+            if (before < 0 || ::pread(fd.fd, w, 8, off_t(before)) != 8 ||
+                std::memcmp(w, "\0\0\0\x08wide", 8) != 0)
+                break;
+            put(w, 4, 1);
+            std::memcpy(w + 4, "mdat", 4);
+            put(w + 8, 8, grown + 8);
+            return ::pwrite(fd.fd, w, 16, off_t(before)) == 16 ||
+                   (*error = "cannot write the output file " + path, false);
+        }
+        if (size < 8)
+            break;
+        before = at;
+        at += int64_t(size);
+    }
+    *error = "cannot find the media data in the output file " + path;
+    return false;
+}
+
 // Upper bound of the sample tables the muxer will write, from what was written.
 uint64_t moovBound(const std::deque<OutStream>& streams, const AVFormatContext* oc) {
     uint64_t n = 8192;
@@ -660,6 +720,7 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
     Sink sink;
     if (!sink.open(request.outputPath, videoFd.fd, error))
         return false;
+    sink.alignCopiesFrom(kAlignFrom);
     oc->pb = sink.io();
     oc->flags |= AVFMT_FLAG_CUSTOM_IO;
     AVDictionary* options = nullptr;
@@ -884,6 +945,9 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
             return false;
         }
     }
+    result->layout = sink.layout();
+    if (!result->layout.empty() && !growMediaData(request.outputPath, result->layout, error))
+        return false;
     return true;
 }
 

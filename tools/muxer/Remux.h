@@ -3,6 +3,8 @@
 // The media pass: the video stream of the video source and every audio and
 // subtitle stream of the stand-by file, packets copied into a new MP4 file.
 
+#include "Sink.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -35,6 +37,7 @@ struct RemuxResult {
     uint64_t reserved = 0;     // moov space reserved ahead of the media data
     bool reserveFits = false;  // moov went into that space
     uint64_t videoPackets = 0; // packets of the video source written
+    Layout layout;             // where the muxer's chunk offsets lie in the file
 };
 
 class Progress;

@@ -6,6 +6,7 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -18,6 +19,7 @@ namespace {
 constexpr int kBufferSize = 1 << 20;
 constexpr size_t kPendingSize = 1u << 20;
 constexpr size_t kMaxCopyRun = 1u << 30;
+constexpr int64_t kPage = 4096;
 // Block headers (element ID, size, track number, time code, flags) are short.
 constexpr int kMaxHeader = 48;
 constexpr size_t kProbe = 16;
@@ -47,6 +49,12 @@ int64_t verbatimOffset(int fd, int64_t blockPos, const uint8_t* data, size_t siz
         }
     }
     return -1;
+}
+
+int64_t placeInFile(const Layout& layout, int64_t position) {
+    auto after = std::upper_bound(layout.begin(), layout.end(), position,
+                                  [](int64_t p, const Shift& s) { return p < s.from; });
+    return after == layout.begin() ? position : position + std::prev(after)->by;
 }
 
 Sink::~Sink() {
@@ -117,7 +125,7 @@ bool Sink::writeAt(const uint8_t* buf, size_t size) {
         m_pos += int64_t(size);
         return true;
     }
-    if (!flushPending() || !pwriteAll(buf, size, m_pos))
+    if (!flushPending() || !pwriteAll(buf, size, placeInFile(m_layout, m_pos)))
         return false;
     m_pos += int64_t(size);
     return true;
@@ -126,9 +134,20 @@ bool Sink::writeAt(const uint8_t* buf, size_t size) {
 bool Sink::copyAt(int64_t from, size_t size) {
     if (!m_pending.empty() && !flushPending())
         return false;
+    int64_t to = placeInFile(m_layout, m_pos);
+    if (m_alignFrom > 0 && size >= m_alignFrom &&
+        (m_layout.empty() || m_pos > m_layout.back().from)) {
+        const int64_t gap = ((from - to) % kPage + kPage) % kPage;
+        if (gap > 0) {
+            if (!flushCopy())
+                return false;
+            m_layout.push_back({m_pos, to + gap - m_pos});
+            to += gap;
+        }
+    }
     // Pictures that follow each other in both files (MP4 chunks) go in one call.
     if (m_copyLength > 0 && m_copyFrom + int64_t(m_copyLength) == from &&
-        m_copyTo + int64_t(m_copyLength) == m_pos && m_copyLength + size <= kMaxCopyRun) {
+        m_copyTo + int64_t(m_copyLength) == to && m_copyLength + size <= kMaxCopyRun) {
         m_copyLength += size;
         m_pos += int64_t(size);
         return true;
@@ -136,7 +155,7 @@ bool Sink::copyAt(int64_t from, size_t size) {
     if (!flushCopy())
         return false;
     m_copyFrom = from;
-    m_copyTo = m_pos;
+    m_copyTo = to;
     m_copyLength = size;
     m_pos += int64_t(size);
     return true;
@@ -190,7 +209,8 @@ bool Sink::flushPending() {
         return false;
     if (m_pending.empty())
         return true;
-    const bool ok = pwriteAll(m_pending.data(), m_pending.size(), m_pendingAt);
+    const bool ok =
+        pwriteAll(m_pending.data(), m_pending.size(), placeInFile(m_layout, m_pendingAt));
     m_pending.clear();
     return ok;
 }

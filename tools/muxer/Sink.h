@@ -14,6 +14,18 @@ struct AVIOContext;
 
 namespace muxer {
 
+// Where the muxer's byte positions lie in the file. A large picture copied
+// from the source starts at the same place within a page as it does there
+// (the kernel copies whole pages much faster than shifted ones), so a few
+// unused bytes are left in the media data before it. Each entry: from this
+// position (as the muxer counts) on, this many bytes further into the file.
+struct Shift {
+    int64_t from = 0;
+    int64_t by = 0;
+};
+using Layout = std::vector<Shift>;
+int64_t placeInFile(const Layout& layout, int64_t position);
+
 class Sink {
 public:
     Sink() = default;
@@ -32,6 +44,9 @@ public:
     bool close(std::string* error);
 
     uint64_t copiedBytes() const { return m_copied; }
+    // Copies of at least this many bytes are page-aligned with the source (0: none).
+    void alignCopiesFrom(size_t size) { m_alignFrom = size; }
+    const Layout& layout() const { return m_layout; }
 
 private:
     static int writeCallback(void* opaque, uint8_t* buf, int size);
@@ -57,6 +72,8 @@ private:
     int64_t m_pendingAt = 0;
     int64_t m_copyFrom = 0, m_copyTo = 0; // the copy not yet made
     size_t m_copyLength = 0;
+    size_t m_alignFrom = 0;
+    Layout m_layout;
 };
 
 // Where the packet's bytes lie verbatim in the file of `fd`, or -1. The

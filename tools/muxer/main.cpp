@@ -199,7 +199,8 @@ int main(int argc, char** argv) {
         return fail(error);
 
     bool moovFirst = false;
-    if (!muxer::copyMetadata(*converted, temp, result.sourceTrackIds, &moovFirst, &error))
+    if (!muxer::copyMetadata(*converted, temp, result.sourceTrackIds, result.layout, &moovFirst,
+                             &error))
         return fail(error);
     converted.reset();
     muxing.report(100);
