@@ -177,7 +177,8 @@ QString etaText(const QString& timeField) {
     const QRegularExpressionMatch m = remaining.match(timeField);
     if (m.hasMatch())
         return QStringLiteral("ETA %1h%2m%3s").arg(m.captured(1), m.captured(2), m.captured(3));
-    return timeField;
+    // "(Estimating...)", "(Transcoding Complete)" and the like add nothing to the line.
+    return QString();
 }
 
 QString scanPhase(const QString& scanStatus) {

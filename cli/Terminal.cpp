@@ -72,23 +72,29 @@ void ProgressLine::show(const QString& line) {
 }
 
 void ProgressLine::showProgress(const QString& prefix, double percent, const QString& suffix) {
-    QString text;
+    QString tail;
     if (m_terminal) {
-        text = prefix + QStringLiteral("  ") + bar(percent) + QStringLiteral("  ") +
-               percentText(percent);
+        tail = QStringLiteral("  ") + bar(percent) + QStringLiteral("  ") + percentText(percent);
     } else {
         const bool samePhase = prefix == m_lastPrefix;
         const bool stepped =
             percent >= m_lastPercent + m_plainStep || (percent >= 100.0 && m_lastPercent < 100.0);
         if (samePhase && !stepped)
             return;
-        text = prefix + QStringLiteral("  ") + percentText(percent);
+        tail = QStringLiteral("  ") + percentText(percent);
     }
     if (!suffix.isEmpty())
-        text += QStringLiteral("  ") + suffix;
+        tail += QStringLiteral("  ") + suffix;
+    QString head = prefix;
+    if (m_terminal) {
+        // A long name gives way before the bar and the numbers do.
+        const qsizetype room = terminalWidth() - 1 - tail.size();
+        if (head.size() > room && room > 1)
+            head = head.left(room - 1) + QChar(0x2026);
+    }
     m_lastPrefix = prefix;
     m_lastPercent = percent;
-    draw(text);
+    draw(head + tail);
 }
 
 void ProgressLine::message(const QString& text) {

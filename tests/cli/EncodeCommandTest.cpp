@@ -220,6 +220,44 @@ TEST_F(EncodeCliTest, EncodesOneSourceIntoATaggedMovieAndKeepsTheStoredSettings)
     EXPECT_TRUE(scratchFolders(tmp()).isEmpty()) << scratchFolders(tmp()).join(' ').toStdString();
 }
 
+TEST_F(EncodeCliTest, OnATerminalTheProgressLineIsRedrawnInPlace) {
+    if (QStandardPaths::findExecutable(QStringLiteral("script")).isEmpty())
+        GTEST_SKIP() << "script (util-linux) is not installed";
+    const QString source = sample(QStringLiteral("Harbour Lights.mp4"));
+    ASSERT_FALSE(source.isEmpty());
+    auto quoted = [](QString s) {
+        return u'\'' + s.replace(u'\'', QStringLiteral("'\\''")) + u'\'';
+    };
+    // script runs the command on a pseudo-terminal: stderr is a terminal there.
+    QProcess p;
+    p.setProcessEnvironment(childEnvironment(tmp()));
+    p.start(QStringLiteral("script"), {QStringLiteral("-qec"),
+                                       QStringList{quoted(kCli), "encode", quoted(source), "--dest",
+                                                   quoted(dest()), "--skip-tagging", "--yes"}
+                                           .join(u' '),
+                                       QStringLiteral("/dev/null")});
+    p.closeWriteChannel();
+    const CliResult r = finished(p, 120000);
+    EXPECT_EQ(r.status, 0) << r.out.toStdString();
+    const QString& shown = r.out;
+    EXPECT_TRUE(shown.contains("\r\033[K[1 of 1] scanning  Harbour Lights  (Scanning...)"))
+        << shown.toStdString();
+    const QRegularExpression progress(
+        QStringLiteral("\r\033") +
+        QStringLiteral(
+            R"(\[K\[1 of 1\] encoding  Harbour Lights  \(Transcoding\)  \[[#-]{10}\]  \d+\.\d %)"));
+    EXPECT_TRUE(progress.match(shown).hasMatch()) << shown.toStdString();
+    // The line is redrawn, never ended: the next thing after it is a redraw.
+    EXPECT_FALSE(shown.contains("(Transcoding)\r\n"));
+    EXPECT_FALSE(shown.contains(QRegularExpression(QStringLiteral(" %\r?\n"))));
+    // The summary comes after the line was cleared.
+    const qsizetype table = shown.indexOf(QStringLiteral("SOURCE"));
+    ASSERT_GT(table, 0);
+    EXPECT_TRUE(shown.left(table).endsWith(QStringLiteral("\r\033[KHarbour Lights: done\r\n")))
+        << shown.toStdString();
+    EXPECT_TRUE(QFileInfo::exists(dest() + QStringLiteral("/Harbour Lights.m4v")));
+}
+
 TEST_F(EncodeCliTest, ReportsFailedPartialAndDoneSourcesWithTheirWarnings) {
     const QString junk = sample(QStringLiteral("junk.mkv"));
     const QString cut = sample(QStringLiteral("Cut Short.mkv"));
