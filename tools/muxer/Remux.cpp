@@ -13,6 +13,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <deque>
@@ -453,6 +454,12 @@ bool growMediaData(const std::string& path, const Layout& layout, std::string* e
         for (int i = n - 1; i >= 0; --i, v >>= 8)
             p[i] = uint8_t(v);
     };
+    auto write = [&](const uint8_t* p, size_t n, int64_t at) {
+        if (::pwrite(fd.fd, p, n, off_t(at)) == ssize_t(n))
+            return true;
+        *error = "cannot write the output file " + path + ": " + std::strerror(errno);
+        return false;
+    };
     // Everything before the media data is where the muxer put it.
     int64_t at = 0, before = -1;
     for (int boxes = 0; fd.fd >= 0 && boxes < 64; ++boxes) {
@@ -468,14 +475,13 @@ bool growMediaData(const std::string& path, const Layout& layout, std::string* e
             const uint64_t grown = uint64_t(placeInFile(layout, logicalEnd) - at);
             if (wide) {
                 put(h + 8, 8, grown);
-                return ::pwrite(fd.fd, h + 8, 8, off_t(at + 8)) == 8 ||
-                       (*error = "cannot write the output file " + path, false);
+                return write(h + 8, 8, at + 8);
             }
             if (grown <= UINT32_MAX) {
                 put(h, 4, grown);
-                return ::pwrite(fd.fd, h, 4, off_t(at)) == 4 ||
-                       (*error = "cannot write the output file " + path, false);
+                return write(h, 4, at);
             }
+            // The muxer leaves a `wide` box before a 32-bit header for this.
             uint8_t w[16];
             if (before < 0 || ::pread(fd.fd, w, 8, off_t(before)) != 8 ||
                 std::memcmp(w, "\0\0\0\x08wide", 8) != 0)
@@ -483,8 +489,7 @@ bool growMediaData(const std::string& path, const Layout& layout, std::string* e
             put(w, 4, 1);
             std::memcpy(w + 4, "mdat", 4);
             put(w + 8, 8, grown + 8);
-            return ::pwrite(fd.fd, w, 16, off_t(before)) == 16 ||
-                   (*error = "cannot write the output file " + path, false);
+            return write(w, 16, before);
         }
         if (size < 8)
             break;
