@@ -19,6 +19,10 @@ QString key(const char* name) {
 
 } // namespace
 
+const char* const AppDelegate::kEncoderMissing =
+    "The encoder tool could not be started, so the movie was not converted. Reinstall Tarnwick "
+    "(the tool Tarnwick_Pro_Encoder and the handbrake-cli package).";
+
 const char* const AppDelegate::kRemoveQuestion =
     "\"%1\" is currently being converted, do you wish to stop encoding and remove movie?";
 
@@ -113,13 +117,21 @@ bool AppDelegate::startProcessing() {
     controls.stopMenuEnabled = true;
     setControls(controls);
 
-    // Nothing ready yet is not a refusal: the controls stay started.
+    // Nothing ready yet is not a refusal: the controls stay started. A movie
+    // the encoder tool cannot be started for fails, and the next one is tried.
+    bool tried = false;
     for (const std::shared_ptr<MDI_Media>& item : m_encodeBrowseController->movieList()) {
-        if (item && item->status() == 8) {
-            m_encodeController->startMovieEncoding(item);
-            break;
-        }
+        if (!item || item->status() != 8)
+            continue;
+        tried = true;
+        if (m_encodeController->startMovieEncoding(item))
+            return true;
+        item->setStatus(0);
+        item->setWarnings(QString::fromLatin1(kEncoderMissing));
+        m_encodeBrowseController->statusUpdate();
     }
+    if (tried)
+        encodeComplete();
     return true;
 }
 

@@ -128,6 +128,8 @@ public:
     void showAlert(const QString& message) override;
 
     static const char* const kRemoveQuestion;
+    // The warning of a movie whose conversion could not be started.
+    static const char* const kEncoderMissing;
 
 signals:
     void controlsChanged();

@@ -46,6 +46,14 @@ EncoderController::EncoderController(QObject* parent)
 EncoderController::~EncoderController() {
     // The muxer reports to us; it must not outlive our vtable.
     m_muxController.reset();
+    // A pass still at work, or stopped and not yet ended, is killed with its
+    // runner; its half-written file must not stay behind.
+    QString unfinished = m_stoppedOutput;
+    if (m_shellWrapper && !m_shellWrapper->isFinished() && m_curMovie)
+        unfinished = m_curMovie->outPath();
+    m_shellWrapper.reset();
+    if (!unfinished.isEmpty())
+        QFile::remove(unfinished);
 }
 
 QString EncoderController::encoderName() {
@@ -155,7 +163,9 @@ void EncoderController::stopEncoding() {
         const bool running = m_shellWrapper && !m_shellWrapper->isFinished();
         if (running) {
             m_isStopEncoding = true;
-            m_stoppedOutput = m_curMovie ? m_curMovie->outPath() : QString();
+            // A second stop while the tool is still ending keeps the first's file.
+            if (m_curMovie)
+                m_stoppedOutput = m_curMovie->outPath();
             m_shellWrapper->stopProcess();
             // A suspended tool only sees the stop once it runs again.
             if (m_isSuspended)

@@ -10,6 +10,7 @@
 #include "library/MoviesBrowserController.h"
 #include "library/RetagBrowserController.h"
 #include "media/MDI_Media.h"
+#include "media/MDI_Movie.h"
 #include "processing/AppDelegate.h"
 #include "processing/EncoderController.h"
 
@@ -302,6 +303,24 @@ TEST_F(AppControllerTest, RetagFunctionLoadsIntoTheRetagBrowserAndRemovesWithout
     app->clearSelected();
     EXPECT_EQ(retag->count(), 0);
     EXPECT_TRUE(panels.removeQuestions.isEmpty());
+}
+
+TEST_F(AppControllerTest, AMovieTheEncoderCannotStartForFailsAndTheQueueEnds) {
+    const QByteArray libexec = qgetenv("TARNWICK_LIBEXEC");
+    QTemporaryDir empty;
+    qputenv("TARNWICK_LIBEXEC", empty.path().toLocal8Bit());
+    auto movie = std::make_shared<MDI_Movie>();
+    movie->setName(QStringLiteral("Stranded"));
+    movie->setOutPath(m_out.filePath(QStringLiteral("Stranded.m4v")));
+    movie->setStatus(8);
+    EncodeList::instance()->append(movie);
+
+    EXPECT_TRUE(app->startProcessing());
+    qputenv("TARNWICK_LIBEXEC", libexec);
+    EXPECT_EQ(movie->status(), 0);
+    EXPECT_EQ(movie->warnings(), QString::fromLatin1(AppDelegate::kEncoderMissing));
+    EXPECT_FALSE(app->processing());
+    expectStopped(app->controls());
 }
 
 // --- whole runs with the real tools -------------------------------------------------

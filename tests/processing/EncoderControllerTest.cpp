@@ -508,6 +508,29 @@ TEST_F(EncoderJob, StopMidEncodeQueuesTheMovieAgainAndLeavesNoOutput) {
     EXPECT_FALSE(m_encoder.progressViewVisible());
 }
 
+TEST_F(EncoderJob, StoppingTwiceOrDestroyingTheJobLeavesNoHalfWrittenFile) {
+    useScriptedEncoder(QStringLiteral("printf 'partial' > \"$out\"\n"
+                                      "printf '\\rEncoding: task 1 of 1, 10.00 %%'\n"
+                                      "sleep 30\n"));
+    auto movie = scannedMovie(QStringLiteral("Movie.m4v"));
+    ASSERT_TRUE(m_encoder.startMovieEncoding(movie));
+    ASSERT_TRUE(waitUntil([&] { return m_encoder.progressIndicator() > 0; }, 10000));
+    m_encoder.stopEncoding();
+    m_encoder.stopEncoding(); // the tool has not ended yet
+    EXPECT_TRUE(waitForRunEnd(10000));
+    EXPECT_TRUE(waitUntil([&] { return !QFileInfo::exists(movie->outPath()); }, 5000));
+
+    // A job that goes away mid-pass takes the pass's file with it.
+    auto other = scannedMovie(QStringLiteral("Other.m4v"));
+    {
+        EncoderController job;
+        ASSERT_TRUE(job.startMovieEncoding(other));
+        ASSERT_TRUE(waitUntil([&] { return job.progressIndicator() > 0; }, 10000));
+        ASSERT_TRUE(QFileInfo::exists(other->outPath()));
+    }
+    EXPECT_FALSE(QFileInfo::exists(other->outPath()));
+}
+
 TEST_F(EncoderJob, StopWhilePausedRemovesTheHalfWrittenFile) {
     // A tool that has written part of the file and is still at work.
     useScriptedEncoder(QStringLiteral("printf 'partial' > \"$out\"\n"
