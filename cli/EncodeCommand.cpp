@@ -571,11 +571,6 @@ int EncodeRun::run() {
     m_app->applicationWillFinishLaunching();
     m_app->encodeBrowseController()->setViewVisible(false);
     m_interrupts.poll();
-    // The tools' own scratch files (HandBrakeCLI leaves its folder behind
-    // when it is stopped) go into ours, which goes at exit.
-    const QString scratch = UserDefaults::standard().stringForKey(key(SettingsKey::TempDirectory));
-    if (!scratch.isEmpty() && QFileInfo(scratch).isDir())
-        qputenv("TMPDIR", QFile::encodeName(scratch));
 
     auto finish = [&](int exitStatus) {
         if (m_forced && m_app)

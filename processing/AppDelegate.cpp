@@ -9,6 +9,7 @@
 #include "media/MDI_Media.h"
 #include "processing/EncoderController.h"
 
+#include <QFile>
 #include <QVariant>
 
 namespace {
@@ -66,7 +67,11 @@ void AppDelegate::setInformationController(InformationPanel* panel) {
 // --- lifecycle -------------------------------------------------------------------
 
 void AppDelegate::applicationWillFinishLaunching() {
-    Startup::repairTempDirectory();
+    // The tools' own scratch files (HandBrakeCLI leaves its folder behind when
+    // it is stopped) go into ours, which goes at exit.
+    const QString scratch = Startup::repairTempDirectory();
+    if (!scratch.isEmpty())
+        qputenv("TMPDIR", QFile::encodeName(scratch));
     // Access to a bookmarked folder needs no grant here; resolving tells
     // whether it is still there, and one that is gone is skipped.
     UserDefaults& defaults = UserDefaults::standard();

@@ -15,6 +15,7 @@
 #include "processing/EncoderController.h"
 
 #include <QElapsedTimer>
+#include <QScopeGuard>
 
 using testsupport::waitUntil;
 
@@ -248,6 +249,13 @@ TEST_F(AppControllerTest, FunctionSwitchFillsTheGenrePopupOnlyForTheLibrary) {
 }
 
 TEST_F(AppControllerTest, LaunchRepairsTheWorkingStateAndExitRemovesTheTemporaryFolder) {
+    const QByteArray tmpdir = qgetenv("TMPDIR");
+    auto restore = qScopeGuard([&] {
+        if (tmpdir.isNull())
+            qunsetenv("TMPDIR");
+        else
+            qputenv("TMPDIR", tmpdir);
+    });
     UserDefaults& defaults = UserDefaults::standard();
     QString gone;
     {
@@ -265,6 +273,7 @@ TEST_F(AppControllerTest, LaunchRepairsTheWorkingStateAndExitRemovesTheTemporary
     EXPECT_NE(temp, gone);
     EXPECT_TRUE(QFileInfo(temp).isDir());
     EXPECT_TRUE(QFileInfo(temp).fileName().startsWith(QStringLiteral("Tarnwick.")));
+    EXPECT_EQ(qEnvironmentVariable("TMPDIR"), temp) << "the tools' scratch files go there too";
     EXPECT_FALSE(defaults.stringForKey(key(SettingsKey::LanguageRegion)).isEmpty());
     EXPECT_EQ(panels.instructions, 1);
     EXPECT_TRUE(panels.notices.isEmpty());
