@@ -347,11 +347,6 @@ bool isAscii(const QByteArray& bytes) {
     return true;
 }
 
-QString hms(double seconds) {
-    const int s = int(seconds);
-    return QString::asprintf("%02d:%02d:%02d", s / 3600, (s / 60) % 60, s % 60);
-}
-
 int seconds(const QString& hms) {
     const QStringList p = hms.split(u':');
     return p.size() == 3 ? p[0].toInt() * 3600 + p[1].toInt() * 60 + p[2].toInt() : -1;
