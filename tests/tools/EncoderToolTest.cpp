@@ -390,8 +390,9 @@ void expectTitleMatchesProbe(const TitleBlock& t, const QString& path) {
         const QString language = a.value("tags").toObject().value("language").toString();
         EXPECT_EQ(languageOf(line.iso), languageOf(language))
             << line.iso.toStdString() << " vs " << language.toStdString();
-        if (!line.freq.isEmpty())
+        if (!line.freq.isEmpty()) {
             EXPECT_EQ(line.freq, a.value("sample_rate").toString() + "Hz");
+        }
     }
 }
 
