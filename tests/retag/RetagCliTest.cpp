@@ -8,34 +8,16 @@
 
 #include <gtest/gtest.h>
 
+#include "Processes.h"
+
 using retagtest::tag;
 
 namespace {
 
-struct CliResult {
-    int status = -1;
-    QString out;
-    QString err;
-};
+using testsupport::CliResult;
 
-// Standard input is a pipe here, never a terminal.
 CliResult runRetag(const QStringList& args, const QByteArray& input = {}) {
-    QProcess p;
-    p.start(QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"),
-            QStringList{QStringLiteral("retag")} + args);
-    p.write(input);
-    p.closeWriteChannel();
-    CliResult r;
-    if (!p.waitForFinished(120000)) {
-        p.kill();
-        p.waitForFinished();
-        ADD_FAILURE() << "tarnwick-cli retag did not finish";
-        return r;
-    }
-    r.status = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    r.out = QString::fromUtf8(p.readAllStandardOutput());
-    r.err = QString::fromUtf8(p.readAllStandardError());
-    return r;
+    return testsupport::runCli(QStringList{QStringLiteral("retag")} + args, input);
 }
 
 class RetagCliTest : public ::testing::Test {

@@ -77,4 +77,31 @@ inline QString cachedFile(const QString& path, const std::function<bool(const QS
     return path;
 }
 
+struct CliResult {
+    int status = -1; // -1 also for a crash or a run that did not end
+    QString out;
+    QString err;
+};
+
+// The built tarnwick-cli with `args` and `input` on its standard input (a
+// pipe: never a terminal).
+inline CliResult runCli(const QStringList& args, const QByteArray& input = {},
+                        int timeoutMs = 120000) {
+    QProcess p;
+    p.start(QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"), args);
+    p.write(input);
+    p.closeWriteChannel();
+    CliResult r;
+    if (!p.waitForFinished(timeoutMs)) {
+        p.kill();
+        p.waitForFinished();
+        ADD_FAILURE() << "tarnwick-cli " << args.join(u' ').toStdString() << " did not finish";
+        return r;
+    }
+    r.status = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = QString::fromUtf8(p.readAllStandardOutput());
+    r.err = QString::fromUtf8(p.readAllStandardError());
+    return r;
+}
+
 } // namespace testsupport
