@@ -386,7 +386,10 @@ bool File::commit(std::string* error, WriteStats* stats) {
             return fail({});
         step("stale-freed");
     }
-    if (!writeAll(old.offset + 4, freeType.data(), 4, stats, false) || !sync())
+    // No sync after this or the trim: either state the disk may hold after a
+    // crash plays with the old or the new tags, and the next write's first
+    // sync flushes it anyway.
+    if (!writeAll(old.offset + 4, freeType.data(), 4, stats, false))
         return fail({});
     step("old-freed");
 
@@ -397,7 +400,7 @@ bool File::commit(std::string* error, WriteStats* stats) {
     while (k > 0 && isFree(m_top[k - 1].type))
         --k;
     if (k < m_top.size() && k > 0) {
-        if (::ftruncate(m_fd, off_t(m_top[k].offset)) != 0 || !sync())
+        if (::ftruncate(m_fd, off_t(m_top[k].offset)) != 0)
             return fail({});
         step("trimmed");
         if (!scanTopLevel(error))
