@@ -196,6 +196,7 @@ bool UserDefaults::synchronize() {
     // Another process may have written the file since we read it: take its
     // values and lay only our own changes over them.
     QVariantMap merged = readStore(m_path, false);
+    const QVariantMap onDisk = merged;
     for (const QString& key : std::as_const(m_changed)) {
         const auto it = m_values.constFind(key);
         if (it == m_values.constEnd())
@@ -206,6 +207,12 @@ bool UserDefaults::synchronize() {
     m_values = merged;
     if (m_changed.isEmpty())
         return true;
+    // Changes undone before they were written (a run's own settings put back
+    // at exit) leave the file as it is: a write costs a sync.
+    if (!onDisk.isEmpty() && merged == onDisk) {
+        m_changed.clear();
+        return true;
+    }
     QString error;
     if (!PropertyList::writeFile(m_path, m_values, &error)) {
         std::fprintf(stderr, "Tarnwick: cannot write the settings file %s: %s\n",

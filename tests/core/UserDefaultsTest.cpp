@@ -1,11 +1,12 @@
-#include "core/PropertyList.h"
 #include "core/UserDefaults.h"
+#include "core/PropertyList.h"
 
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -60,6 +61,43 @@ TEST_F(UserDefaultsTest, TypedValuesSurviveARestart) {
     EXPECT_EQ(d.stringForKey("Language Region"), "fr-CA");
     EXPECT_TRUE(d.hasUserValue("Decomb"));
     EXPECT_FALSE(d.boolForKey("Decomb"));
+}
+
+// Each write puts a new file in place, so its inode tells whether one happened.
+ino_t inodeOf(const QString& path) {
+    struct stat st {};
+    return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_ino : 0;
+}
+
+TEST_F(UserDefaultsTest, UndoneChangesLeaveTheFileAloneAndRealOnesAreWritten) {
+    auto& d = UserDefaults::standard();
+    d.setObject(QStringLiteral("Default"), "Primary Device");
+    d.setBool(false, "Skip Tagging");
+    ASSERT_TRUE(d.synchronize());
+    const ino_t written = inodeOf(path);
+    ASSERT_NE(written, ino_t(0));
+
+    // A run's own settings put back before the write: nothing to write.
+    d.setObject(QStringLiteral("AppleTV"), "Primary Device");
+    d.setBool(true, "Skip Tagging");
+    d.setBool(true, "Add iTunes");
+    d.setObject(QStringLiteral("Default"), "Primary Device");
+    d.setBool(false, "Skip Tagging");
+    d.removeObject("Add iTunes");
+    ASSERT_TRUE(d.synchronize());
+    EXPECT_EQ(inodeOf(path), written);
+
+    // The undone keys are no longer ours: another writer's value stays.
+    QVariantMap other{{"Primary Device", "iPad"}, {"Skip Tagging", false}};
+    ASSERT_TRUE(PropertyList::writeFile(path, other));
+    ASSERT_TRUE(d.synchronize());
+    EXPECT_EQ(d.stringForKey("Primary Device"), "iPad");
+
+    d.setBool(true, "Skip Tagging");
+    ASSERT_TRUE(d.synchronize());
+    d.reopen(path);
+    EXPECT_TRUE(d.boolForKey("Skip Tagging"));
+    EXPECT_EQ(d.stringForKey("Primary Device"), "iPad");
 }
 
 TEST_F(UserDefaultsTest, CorruptFileFallsBackToDefaultsAndIsKept) {
