@@ -19,6 +19,10 @@ int main(int argc, char** argv) {
         setenv("XDG_CACHE_HOME", (h + "/.cache").constData(), 1);
         unsetenv("TARNWICK_SETTINGS");
         QDir().mkpath(home.path() + QStringLiteral("/Documents"));
+        // Scratch folders made by the code under test (and by the tools it
+        // runs) go with the home folder.
+        QDir().mkpath(home.path() + QStringLiteral("/tmp"));
+        setenv("TMPDIR", (h + "/tmp").constData(), 1);
     }
     if (!std::getenv("TARNWICK_RESOURCES"))
         setenv("TARNWICK_RESOURCES", TARNWICK_BINARY_DIR "/share/tarnwick", 1);
