@@ -7,6 +7,7 @@
 // report's own path without ".txt" (a report saved beside its disc folder).
 // A report in which the tool found no title prints what is known and exits 1.
 #include "cli/Commands.h"
+#include "cli/Describe.h"
 
 #include "core/Bookmark.h"
 #include "core/MDB_Utility.h"
@@ -35,38 +36,6 @@ struct Options {
     QString output;
     bool json = false;
 };
-
-QString sourceTypeName(qint32 type) {
-    switch (type) {
-    case 1:
-        return QStringLiteral("video file");
-    case 2:
-        return QStringLiteral("DVD");
-    case 3:
-        return QStringLiteral("Blu-ray");
-    default:
-        return QStringLiteral("not scanned");
-    }
-}
-
-// Quotes an argument for a POSIX shell when it needs it.
-QString shellQuoted(const QString& arg) {
-    if (arg.isEmpty())
-        return QStringLiteral("''");
-    static const QString safe = QStringLiteral("@%+=:,./-_");
-    bool plain = true;
-    for (const QChar c : arg) {
-        if (!(c.unicode() < 128 && (c.isLetterOrNumber() || safe.contains(c)))) {
-            plain = false;
-            break;
-        }
-    }
-    if (plain)
-        return arg;
-    QString quoted = arg;
-    quoted.replace(QLatin1String("'"), QLatin1String("'\\''"));
-    return QLatin1Char('\'') + quoted + QLatin1Char('\'');
-}
 
 QString flags(bool include, bool native, const QString& extra = QString()) {
     QStringList words;
@@ -169,7 +138,8 @@ void printJson(const MDI_Media& movie, const QStringList& commandLine) {
 
 void printText(const MDI_Media& movie, const QStringList& commandLine) {
     QTextStream& out = cli::out();
-    out << "Source: " << sourceTypeName(movie.sourceType()) << " (" << movie.sourceType() << ")\n";
+    out << "Source: " << cli::sourceTypeName(movie.sourceType()) << " (" << movie.sourceType()
+        << ")\n";
     out << "Input: " << movie.inPath() << '\n';
     if (!movie.isValid()) {
         out << "Status: " << movie.status() << '\n';
@@ -206,7 +176,7 @@ void printText(const MDI_Media& movie, const QStringList& commandLine) {
     out << "Main title: " << (main ? QString::number(main->ID()) : QStringLiteral("none")) << '\n';
     QStringList quoted;
     for (const QString& arg : commandLine)
-        quoted << shellQuoted(arg);
+        quoted << cli::shellQuoted(arg);
     out << "Command line: " << quoted.join(QLatin1Char(' ')) << '\n';
 }
 

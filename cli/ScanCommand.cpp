@@ -11,6 +11,7 @@
 // status is 0 when every source ended ready, 1 otherwise.
 #include "cli/BrowserPrompts.h"
 #include "cli/Commands.h"
+#include "cli/Describe.h"
 #include "cli/Terminal.h"
 
 #include "core/Resources.h"
@@ -35,19 +36,6 @@ QString tagText(const MDI_Media& item, const char* name) {
     return item.getTag(QString::fromLatin1(name));
 }
 
-QString sourceTypeName(qint32 type) {
-    switch (type) {
-    case 1:
-        return QStringLiteral("video file");
-    case 2:
-        return QStringLiteral("DVD");
-    case 3:
-        return QStringLiteral("Blu-ray");
-    default:
-        return QStringLiteral("not scanned");
-    }
-}
-
 QString statusName(qint32 status) {
     switch (status) {
     case 0:
@@ -67,22 +55,6 @@ QString ratingLabel(const QString& rating) {
     return parts.size() > 1 ? parts.at(1) : rating;
 }
 
-QString shellQuote(const QString& arg) {
-    static const QString safe = QStringLiteral("-_./=:,+%@");
-    bool plain = !arg.isEmpty();
-    for (QChar c : arg) {
-        if (!c.isLetterOrNumber() && !safe.contains(c)) {
-            plain = false;
-            break;
-        }
-    }
-    if (plain)
-        return arg;
-    QString quoted = arg;
-    quoted.replace(QLatin1String("'"), QLatin1String("'\\''"));
-    return u'\'' + quoted + u'\'';
-}
-
 QStringList commandLine(MDI_Media& item) {
     if (!item.isValid() || !item.getMainTitle())
         return {};
@@ -100,7 +72,7 @@ QJsonObject itemJson(MDI_Media& item) {
     o.insert("state", statusName(item.status()));
     if (!item.warnings().isEmpty())
         o.insert("warning", item.warnings());
-    o.insert("sourceType", sourceTypeName(item.sourceType()));
+    o.insert("sourceType", cli::sourceTypeName(item.sourceType()));
     o.insert("output", item.outPath());
     if (const Title* title = item.getMainTitle()) {
         QJsonObject t;
@@ -150,8 +122,8 @@ QJsonObject itemJson(MDI_Media& item) {
 void printItem(MDI_Media& item) {
     QTextStream& out = cli::out();
     out << item.name() << Qt::endl;
-    out << "  source:     " << item.inPath() << " (" << sourceTypeName(item.sourceType()) << ")"
-        << Qt::endl;
+    out << "  source:     " << item.inPath() << " (" << cli::sourceTypeName(item.sourceType())
+        << ")" << Qt::endl;
     if (!item.isValid()) {
         out << "  status:     failed: " << item.warnings() << Qt::endl;
         return;
@@ -192,7 +164,7 @@ void printItem(MDI_Media& item) {
     }
     QStringList quoted;
     for (const QString& arg : commandLine(item))
-        quoted << shellQuote(arg);
+        quoted << cli::shellQuoted(arg);
     out << "  command:    " << quoted.join(u' ') << Qt::endl;
 }
 
