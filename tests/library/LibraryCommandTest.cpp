@@ -1,6 +1,7 @@
 // Runs the built tarnwick-cli and checks what `library` prints.
 
 #include "LibraryTestMedia.h"
+#include "Processes.h"
 
 #include "core/Bookmark.h"
 #include "core/SettingsKeys.h"
@@ -18,31 +19,10 @@ using librarytest::MovieTags;
 
 namespace {
 
-struct Result {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
+using Result = testsupport::CliResult;
 
 Result runCli(const QStringList& arguments) {
-    const QString program = QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli");
-    Result result;
-    if (!QFileInfo(program).isExecutable()) {
-        ADD_FAILURE() << "tarnwick-cli is not built: " << program.toStdString();
-        return result;
-    }
-    QProcess process;
-    process.start(program, QStringList{"library"} + arguments);
-    if (!process.waitForFinished(60000)) {
-        ADD_FAILURE() << "tarnwick-cli did not finish";
-        process.kill();
-        process.waitForFinished();
-        return result;
-    }
-    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.out = QString::fromUtf8(process.readAllStandardOutput());
-    result.err = QString::fromUtf8(process.readAllStandardError());
-    return result;
+    return testsupport::runCli(QStringList{QStringLiteral("library")} + arguments);
 }
 
 class LibraryCommand : public ::testing::Test {
@@ -73,7 +53,7 @@ protected:
 
 TEST_F(LibraryCommand, ListsGenresWithTheirMoviesAndFileCounts) {
     const Result r = runCli({"--folder", m_movies});
-    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
     EXPECT_EQ(r.out.toStdString(), "Crime (2 movies)\n"
                                    "  Heat [HD] (2 files)\n"
                                    "  Zodiac (1 file)\n"
@@ -84,7 +64,7 @@ TEST_F(LibraryCommand, ListsGenresWithTheirMoviesAndFileCounts) {
 
 TEST_F(LibraryCommand, JsonHoldsEveryFileOfAMovie) {
     const Result r = runCli({"--json", "--folder", m_movies});
-    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    ASSERT_EQ(r.status, 0) << r.err.toStdString();
     QJsonParseError error;
     const QJsonDocument doc = QJsonDocument::fromJson(r.out.toUtf8(), &error);
     ASSERT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
@@ -106,18 +86,18 @@ TEST_F(LibraryCommand, JsonHoldsEveryFileOfAMovie) {
 
 TEST_F(LibraryCommand, GenreOptionShowsThatGenreOnly) {
     Result r = runCli({"--folder", m_movies, "--genre", "Science Fiction"});
-    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.toStdString(), "Science Fiction (1 movie)\n  Alien (1 file)\n");
 
     r = runCli({"--folder", m_movies, "--genre", "All Movies", "--json"});
-    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.status, 0);
     const QJsonObject genres =
         QJsonDocument::fromJson(r.out.toUtf8()).object().value("genres").toObject();
     EXPECT_EQ(genres.keys(), QStringList{"All Movies"});
     EXPECT_EQ(genres.value("All Movies").toArray().size(), 3);
 
     r = runCli({"--folder", m_movies, "--genre", "Western"});
-    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.out.isEmpty());
     EXPECT_TRUE(r.err.contains("\"Western\"")) << r.err.toStdString();
     EXPECT_TRUE(r.err.contains("Crime, Science Fiction")) << r.err.toStdString();
@@ -126,7 +106,7 @@ TEST_F(LibraryCommand, GenreOptionShowsThatGenreOnly) {
 TEST_F(LibraryCommand, UnreadableFileIsReportedAndTheRestListed) {
     const QString junk = makeJunk(m_movies + "/Notes.m4v");
     const Result r = runCli({"--folder", m_movies, "--genre", "Science Fiction"});
-    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.toStdString(), "Science Fiction (1 movie)\n  Alien (1 file)\n");
     EXPECT_TRUE(r.err.contains("skipped " + junk + ": not a readable MP4 file"))
         << r.err.toStdString();
@@ -138,7 +118,7 @@ TEST_F(LibraryCommand, FolderDefaultsToTheLibraryBookmarksMoviesFolder) {
                                        QLatin1String(SettingsKey::ITunesPathBookmark));
     ASSERT_TRUE(UserDefaults::standard().synchronize());
     const Result r = runCli({"--genre", "Science Fiction"});
-    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
     EXPECT_EQ(r.out.toStdString(), "Science Fiction (1 movie)\n  Alien (1 file)\n");
 }
 
@@ -147,7 +127,7 @@ TEST_F(LibraryCommand, NoFolderToListFailsWithAHint) {
     UserDefaults::standard().removeObject(QLatin1String(SettingsKey::ITunesPathBookmark));
     ASSERT_TRUE(UserDefaults::standard().synchronize());
     Result r = runCli({});
-    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.out.isEmpty());
     EXPECT_TRUE(r.err.contains("no iTunes folder is set")) << r.err.toStdString();
     EXPECT_TRUE(r.err.contains("--folder")) << r.err.toStdString();
@@ -159,11 +139,11 @@ TEST_F(LibraryCommand, NoFolderToListFailsWithAHint) {
                                        QLatin1String(SettingsKey::ITunesPathBookmark));
     ASSERT_TRUE(UserDefaults::standard().synchronize());
     r = runCli({"--json"});
-    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.err.contains("has no \"Movies\" folder")) << r.err.toStdString();
 
     r = runCli({"--folder", m_dir.filePath("gone")});
-    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.err.contains("no such folder")) << r.err.toStdString();
 }
 
@@ -171,16 +151,16 @@ TEST_F(LibraryCommand, EmptyFolderAndBadArguments) {
     const QString empty = m_dir.filePath("Nothing");
     QDir().mkpath(empty);
     Result r = runCli({"--folder", empty});
-    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "No movies in " + empty + "\n");
     r = runCli({"--folder", empty, "--json"});
-    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.status, 0);
     EXPECT_EQ(QJsonDocument::fromJson(r.out.toUtf8()).object().value("genres").toObject(),
               QJsonObject());
 
-    EXPECT_EQ(runCli({"--genre"}).exitCode, 2);
-    EXPECT_EQ(runCli({"--sort"}).exitCode, 2);
-    EXPECT_EQ(runCli({m_movies}).exitCode, 2);
+    EXPECT_EQ(runCli({"--genre"}).status, 2);
+    EXPECT_EQ(runCli({"--sort"}).status, 2);
+    EXPECT_EQ(runCli({m_movies}).status, 2);
 }
 
 TEST_F(LibraryCommand, ManyFilesShowProgressOnStandardError) {
@@ -189,7 +169,7 @@ TEST_F(LibraryCommand, ManyFilesShowProgressOnStandardError) {
     for (int i = 0; i < 150; ++i)
         ASSERT_TRUE(QFile::copy(first, m_movies + QStringLiteral("/copies/z%1.m4v").arg(i)));
     const Result r = runCli({"--folder", m_movies, "--genre", "Crime"});
-    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.status, 0);
     // The copies share Zodiac's content id.
     EXPECT_TRUE(r.out.contains("  Zodiac (151 files)\n")) << r.out.toStdString();
     EXPECT_TRUE(r.err.contains("Reading movies [154 of 154]")) << r.err.toStdString();
