@@ -778,6 +778,43 @@ TEST(EncoderToolEncode, ArgumentsAreAdjustedAndTheToolBecomesTheEncoder) {
     EXPECT_TRUE(p.readAllStandardError().contains("sync: got 10 frames, 10 expected"));
 }
 
+// The launcher starts every encode, so it must not load Qt; the scan half
+// lives in a relay beside it. Copied away from the relay, an encode still
+// runs and a scan fails with a clear line and the no-title verdict.
+TEST(EncoderToolEncode, LauncherLinksNoQtAndNeedsItsRelayOnlyToScan) {
+    QProcess readelf;
+    readelf.start("readelf", {"-d", kTool});
+    ASSERT_TRUE(readelf.waitForFinished(20000));
+    const QByteArray dynamic = readelf.readAllStandardOutput();
+    ASSERT_TRUE(dynamic.contains("NEEDED")) << dynamic.toStdString();
+    EXPECT_FALSE(dynamic.contains("Qt6")) << dynamic.toStdString();
+
+    QTemporaryDir alone;
+    const QString copy = alone.path() + "/Tarnwick_Pro_Encoder";
+    ASSERT_TRUE(QFile::copy(kTool, copy));
+    FakeHandBrake fake("echo \"\\rEncoding: task 1 of 1, 10.00 %\"\n");
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("TARNWICK_HANDBRAKE", fake.path());
+
+    QProcess encode;
+    encode.setProcessEnvironment(env);
+    encode.start(copy, {"--input", "/in.mkv", "--output", "/out.m4v", "--use-opencl"});
+    ASSERT_TRUE(encode.waitForFinished(20000));
+    EXPECT_EQ(encode.exitCode(), 0);
+    EXPECT_EQ(fake.args(), (QStringList{"--input", "/in.mkv", "--output", "/out.m4v"}));
+
+    QProcess scan;
+    scan.setProcessEnvironment(env);
+    scan.start(copy, {"-i", "/in.mkv", "-t", "1", "--scan"});
+    ASSERT_TRUE(scan.waitForFinished(20000));
+    EXPECT_NE(scan.exitCode(), 0);
+    const QByteArray err = scan.readAllStandardError();
+    EXPECT_TRUE(
+        err.contains("cannot run " + QFile::encodeName(alone.path()) + "/tarnwick-encoder-scan"))
+        << err.toStdString();
+    EXPECT_TRUE(err.endsWith("No title found.\nHandBrake has exited.\n")) << err.toStdString();
+}
+
 TEST(EncoderToolEncode, EncodesAPlayableM4vWithProgressAndFrameCounts) {
     const QString mkv = sample("movie.mkv");
     ASSERT_FALSE(mkv.isEmpty());

@@ -1,113 +1,116 @@
 #include "HandBrakeCli.h"
 
-#include <QFileInfo>
-
 #include <cstdlib>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace handbrake {
 
 namespace {
 
-bool isExecutableFile(const QString& path) {
-    const QFileInfo info(path);
-    return info.isFile() && ::access(QFile::encodeName(path).constData(), X_OK) == 0;
+bool isExecutableFile(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+           ::access(path.c_str(), X_OK) == 0;
 }
 
 // Options newer or older HandBrake builds know and 1.6 refuses.
-bool isUnsupported(const QString& arg) {
-    return arg == QLatin1String("--use-opencl");
+bool isUnsupported(const std::string& arg) {
+    return arg == "--use-opencl";
 }
 
 // Options with an optional value: 1.6 reads the value only when it is
 // attached with "=", a separate value would be taken for a stray argument.
-QString optionalValueOption(const QString& arg) {
-    if (arg == QLatin1String("--subtitle-burn") || arg == QLatin1String("--subtitle-burned"))
-        return QStringLiteral("--subtitle-burned");
-    if (arg == QLatin1String("--subtitle-default"))
-        return QStringLiteral("--subtitle-default");
+std::string optionalValueOption(const std::string& arg) {
+    if (arg == "--subtitle-burn" || arg == "--subtitle-burned")
+        return "--subtitle-burned";
+    if (arg == "--subtitle-default")
+        return "--subtitle-default";
     return {};
 }
 
-bool looksLikeValue(const QString& arg) {
-    return !arg.isEmpty() && !arg.startsWith(u'-');
+bool looksLikeValue(const std::string& arg) {
+    return !arg.empty() && arg.front() != '-';
 }
 
 } // namespace
 
-QString locate(QString* tried) {
-    const QByteArray env = qgetenv("TARNWICK_HANDBRAKE");
-    if (!env.isEmpty()) {
-        const QString path = QFile::decodeName(env);
+std::string locate(std::string* tried) {
+    const char* env = std::getenv("TARNWICK_HANDBRAKE");
+    if (env && *env) {
         if (tried)
-            *tried = path;
-        return isExecutableFile(path) ? path : QString();
+            *tried = env;
+        return isExecutableFile(env) ? std::string(env) : std::string();
     }
     if (tried)
-        *tried = QStringLiteral("HandBrakeCLI");
-    const QByteArray pathVar = qgetenv("PATH");
-    const QStringList dirs =
-        QFile::decodeName(pathVar.isEmpty() ? QByteArray("/usr/bin:/bin") : pathVar)
-            .split(u':', Qt::SkipEmptyParts);
-    for (const QString& dir : dirs) {
-        const QString candidate = dir + QStringLiteral("/HandBrakeCLI");
-        if (isExecutableFile(candidate))
-            return candidate;
+        *tried = "HandBrakeCLI";
+    const char* pathVar = std::getenv("PATH");
+    const std::string dirs = pathVar && *pathVar ? pathVar : "/usr/bin:/bin";
+    std::string::size_type start = 0;
+    while (start <= dirs.size()) {
+        std::string::size_type end = dirs.find(':', start);
+        if (end == std::string::npos)
+            end = dirs.size();
+        if (end > start) {
+            const std::string candidate = dirs.substr(start, end - start) + "/HandBrakeCLI";
+            if (isExecutableFile(candidate))
+                return candidate;
+        }
+        start = end + 1;
     }
     return {};
 }
 
-QByteArray missingMessage(const QString& tried) {
-    return "Tarnwick_Pro_Encoder: cannot run HandBrakeCLI (" + QFile::encodeName(tried) +
+std::string missingMessage(const std::string& tried) {
+    return "Tarnwick_Pro_Encoder: cannot run HandBrakeCLI (" + tried +
            "): install the Debian package handbrake-cli (apt-get install handbrake-cli)\n";
 }
 
-bool isScanRequest(const QStringList& args) {
-    for (const QString& arg : args) {
-        if (arg == QLatin1String("--output") || arg == QLatin1String("-o") ||
-            arg.startsWith(QLatin1String("--output=")))
+bool isScanRequest(const Args& args) {
+    for (const std::string& arg : args) {
+        if (arg == "--output" || arg == "-o" || arg.rfind("--output=", 0) == 0)
             return false;
     }
     return true;
 }
 
-QStringList encodeArguments(const QStringList& args) {
-    QStringList out;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        const QString& arg = args.at(i);
+Args encodeArguments(const Args& args) {
+    Args out;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
         // Empty pieces come from double blanks in preset texts.
-        if (arg.isEmpty() || isUnsupported(arg))
+        if (arg.empty() || isUnsupported(arg))
             continue;
-        const QString joined = optionalValueOption(arg);
-        if (!joined.isEmpty()) {
-            if (i + 1 < args.size() && looksLikeValue(args.at(i + 1)))
-                out << joined + u'=' + args.at(++i);
+        const std::string joined = optionalValueOption(arg);
+        if (!joined.empty()) {
+            if (i + 1 < args.size() && looksLikeValue(args[i + 1]))
+                out.push_back(joined + '=' + args[++i]);
             else
-                out << joined;
+                out.push_back(joined);
             continue;
         }
         // A bare --subtitle would swallow the next option as its track list.
-        if ((arg == QLatin1String("--subtitle") || arg == QLatin1String("-s")) &&
-            !(i + 1 < args.size() && looksLikeValue(args.at(i + 1))))
+        if ((arg == "--subtitle" || arg == "-s") &&
+            !(i + 1 < args.size() && looksLikeValue(args[i + 1])))
             continue;
-        out << arg;
+        out.push_back(arg);
     }
     return out;
 }
 
-QStringList scanArguments(const QStringList& args) {
-    QStringList out;
+Args scanArguments(const Args& args) {
+    Args out;
     bool haveScan = false;
-    for (const QString& arg : args) {
-        if (arg.isEmpty() || isUnsupported(arg) || arg == QLatin1String("--json"))
+    for (const std::string& arg : args) {
+        if (arg.empty() || isUnsupported(arg) || arg == "--json")
             continue;
-        if (arg == QLatin1String("--scan"))
+        if (arg == "--scan")
             haveScan = true;
-        out << arg;
+        out.push_back(arg);
     }
     if (!haveScan)
-        out << QStringLiteral("--scan");
-    out << QStringLiteral("--json");
+        out.push_back("--scan");
+    out.push_back("--json");
     return out;
 }
 

@@ -1,87 +1,86 @@
 // Tarnwick_Pro_Encoder: the encoder tool the core runs, on top of Debian's
 // HandBrakeCLI.
 //
-// Scan mode (no --output): HandBrakeCLI scans with its JSON title set; its
-// log and progress are relayed on standard error as they come, then the
-// report in the form the core parses. We stay in between as the parent, so
-// the report is complete before our own exit; terminate, interrupt and
-// continue signals are forwarded, and a stop of this process is mirrored
-// onto the scan by a small watcher.
-//
 // Encode mode: HandBrakeCLI's progress and frame-count lines already have
 // the wording the core reads, so after adjusting the arguments we exec it in
 // place: stop, continue and terminate signals sent to our pid then act on
 // the encode itself.
+//
+// Scan mode (no --output): the scan relay beside us takes over, also in
+// place. It needs Qt for the JSON title set; this launcher does not, so an
+// encode starts without loading it.
 #include "HandBrakeCli.h"
-#include "ScanRelay.h"
-#include "ScanReport.h"
 
-#include <QFile>
-
-#include <csignal>
+#include <cerrno>
+#include <climits>
 #include <cstring>
-#include <sys/wait.h>
+#include <string>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-// HandBrakeCLI's own status when a scan finds nothing.
-constexpr int kNoTitleStatus = 2;
 constexpr int kCannotRunStatus = 127;
+constexpr const char* kScanRelay = "tarnwick-encoder-scan";
 
-int scan(const QString& program, const QStringList& args) {
-    const ScanOutcome outcome = runScan(program, handbrake::scanArguments(args));
-    if (!outcome.started) {
-        writeAll(STDERR_FILENO, "No title found.\nHandBrake has exited.\n");
-        return kCannotRunStatus;
+void writeAll(int fd, const std::string& text) {
+    const char* p = text.data();
+    std::size_t left = text.size();
+    while (left > 0) {
+        const ssize_t n = ::write(fd, p, left);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;
+        p += n;
+        left -= std::size_t(n);
     }
-    writeAll(STDERR_FILENO, scanReport(outcome.titleSet, outcome.dvdMarker));
-
-    const int status = outcome.waitStatus;
-    if (WIFSIGNALED(status)) {
-        // End the way the scan ended, so our parent sees the same signal.
-        const int sig = WTERMSIG(status);
-        std::signal(sig, SIG_DFL);
-        ::raise(sig);
-        return 128 + sig;
-    }
-    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-    if (code == 0 && reportedTitleCount(outcome.titleSet) == 0)
-        return kNoTitleStatus;
-    return code;
 }
 
-int encode(const QString& program, const QStringList& args) {
-    QList<QByteArray> store{QFile::encodeName(program)};
-    for (const QString& a : handbrake::encodeArguments(args))
-        store << a.toLocal8Bit();
+// The folder this executable lives in, where its relay is built and installed.
+std::string ownDirectory(const char* argv0) {
+    char buf[PATH_MAX];
+    const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+    std::string path = n > 0 ? std::string(buf, std::size_t(n)) : std::string(argv0);
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
+int execOrReport(const std::string& program, const std::vector<std::string>& args) {
     std::vector<char*> argv;
-    for (QByteArray& a : store)
-        argv.push_back(a.data());
+    argv.push_back(const_cast<char*>(program.c_str()));
+    for (const std::string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
-    writeAll(STDERR_FILENO, "Tarnwick_Pro_Encoder: cannot run " + store.front() + ": " +
-                                std::strerror(errno) + '\n');
+    ::execv(program.c_str(), argv.data());
+    writeAll(STDERR_FILENO,
+             "Tarnwick_Pro_Encoder: cannot run " + program + ": " + std::strerror(errno) + '\n');
     return kCannotRunStatus;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    QStringList args;
-    for (int i = 1; i < argc; ++i)
-        args << QString::fromLocal8Bit(argv[i]);
+    const handbrake::Args args(argv + 1, argv + argc);
     const bool scanning = handbrake::isScanRequest(args);
 
-    QString tried;
-    const QString program = handbrake::locate(&tried);
-    if (program.isEmpty()) {
+    std::string tried;
+    const std::string program = handbrake::locate(&tried);
+    if (program.empty()) {
         writeAll(STDERR_FILENO, handbrake::missingMessage(tried));
         // A scan still ends with the verdict, so the item fails with a reason.
         if (scanning)
             writeAll(STDERR_FILENO, "No title found.\nHandBrake has exited.\n");
         return kCannotRunStatus;
     }
-    return scanning ? scan(program, args) : encode(program, args);
+    if (!scanning)
+        return execOrReport(program, handbrake::encodeArguments(args));
+
+    // The relay gets HandBrakeCLI's path first, then the arguments it is to scan with.
+    handbrake::Args relayArgs{program};
+    const handbrake::Args scanArgs = handbrake::scanArguments(args);
+    relayArgs.insert(relayArgs.end(), scanArgs.begin(), scanArgs.end());
+    const int status = execOrReport(ownDirectory(argv[0]) + '/' + kScanRelay, relayArgs);
+    writeAll(STDERR_FILENO, "No title found.\nHandBrake has exited.\n");
+    return status;
 }
