@@ -17,7 +17,9 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -70,81 +72,64 @@ void setNonBlocking(int fd) {
         fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 }
 
-// What the child tells the parent through the close-on-exec report pipe when
-// it cannot exec.
-struct ChildFailure {
-    int stage; // 1 = exec, 2 = chdir
-    int error;
-};
-
-// Closes every descriptor >= 3 except `keep` (async-signal-safe).
-void closeOtherFds(int keep) {
-#ifdef SYS_close_range
-    bool ok;
-    if (keep >= 3) {
-        ok = (keep == 3 || syscall(SYS_close_range, 3u, unsigned(keep - 1), 0u) == 0) &&
-             syscall(SYS_close_range, unsigned(keep + 1), ~0u, 0u) == 0;
-    } else {
-        ok = syscall(SYS_close_range, 3u, ~0u, 0u) == 0;
+// Starts the child with posix_spawn: it shares our address space until
+// exec (vfork semantics) instead of copying it, which a fork of a process
+// holding Qt's libraries pays for on every run. The child gets default
+// signal dispositions, an empty mask, a process group of its own, the three
+// streams, the working folder, and no other descriptor of ours. Returns 0 or
+// the error number of the failed step.
+int spawnChild(pid_t* pid, const char* path, char* const* argv, char* const* envp, const char* cwd,
+               const int streams[3]) {
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attr;
+    if (int e = posix_spawn_file_actions_init(&actions))
+        return e;
+    if (int e = posix_spawnattr_init(&attr)) {
+        posix_spawn_file_actions_destroy(&actions);
+        return e;
     }
-    if (ok)
-        return;
-#endif
-    struct rlimit rl {};
-    long max = 1024;
-    if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY)
-        max = long(rl.rlim_cur);
-    if (max > (1L << 20))
-        max = 1L << 20;
-    for (long fd = 3; fd < max; ++fd)
-        if (fd != keep)
-            ::close(int(fd));
+    // The sources go above 2 first so that a source that is itself 0, 1 or
+    // 2 is not overwritten by an earlier dup2; these copies close at exec.
+    int lifted[3] = {-1, -1, -1};
+    int error = 0;
+    for (int i = 0; i < 3 && !error; ++i) {
+        if (streams[i] >= 0)
+            lifted[i] = fcntl(streams[i], F_DUPFD_CLOEXEC, 3);
+        // A bad descriptor from the caller: no stream rather than ours.
+        error = lifted[i] >= 0 ? posix_spawn_file_actions_adddup2(&actions, lifted[i], i)
+                               : posix_spawn_file_actions_addclose(&actions, i);
+    }
+    if (!error && cwd)
+        error = posix_spawn_file_actions_addchdir_np(&actions, cwd);
+    if (!error)
+        error = posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+
+    sigset_t all, none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    if (!error)
+        error = posix_spawnattr_setsigdefault(&attr, &all);
+    if (!error)
+        error = posix_spawnattr_setsigmask(&attr, &none);
+    if (!error)
+        error = posix_spawnattr_setpgroup(&attr, 0);
+    if (!error)
+        error = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK |
+                                                    POSIX_SPAWN_SETPGROUP);
+    if (!error)
+        error = posix_spawn(pid, path, &actions, &attr, argv, envp);
+
+    for (int fd : lifted)
+        if (fd >= 0)
+            ::close(fd);
+    posix_spawnattr_destroy(&attr);
+    posix_spawn_file_actions_destroy(&actions);
+    return error;
 }
 
-// Runs in the child between fork and exec: only async-signal-safe calls.
-[[noreturn]] void execChild(const char* path, char* const* argv, char* const* envp, const char* cwd,
-                            const int streams[3], int reportFd) {
-    // Default dispositions (an ignored signal would survive exec) and an
-    // empty mask.
-    struct sigaction dfl {};
-    dfl.sa_handler = SIG_DFL;
-    sigemptyset(&dfl.sa_mask);
-    for (int sig = 1; sig < NSIG; ++sig)
-        if (sig != SIGKILL && sig != SIGSTOP)
-            sigaction(sig, &dfl, nullptr);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-
-    setpgid(0, 0);
-
-    // Lift the three sources above 2 first so that a source that is itself
-    // 0, 1 or 2 is not overwritten by an earlier dup2.
-    int lifted[3];
-    for (int i = 0; i < 3; ++i)
-        lifted[i] = fcntl(streams[i], F_DUPFD, 3);
-    for (int i = 0; i < 3; ++i) {
-        if (lifted[i] >= 0)
-            dup2(lifted[i], i);
-        else
-            ::close(i); // a bad descriptor from the caller: no stream rather than ours
-    }
-
-    ChildFailure failure{0, 0};
-    if (cwd && chdir(cwd) != 0) {
-        failure = {2, errno};
-    } else {
-        closeOtherFds(reportFd);
-        execve(path, argv, envp);
-        failure = {1, errno};
-    }
-    if (reportFd >= 0) {
-        ssize_t n;
-        do
-            n = write(reportFd, &failure, sizeof failure);
-        while (n < 0 && errno == EINTR);
-    }
-    _exit(failure.error == ENOENT || failure.error == ENOTDIR ? 127 : 126);
+// The status a shell gives a command it could not run.
+int launchFailureStatus(int error) {
+    return error == ENOENT || error == ENOTDIR ? 127 : 126;
 }
 
 int statusFromWait(int st) {
@@ -378,8 +363,6 @@ void AMShellWrapper::startProcess() {
         return;
     }
 
-    // Everything the child needs is prepared before fork: after it, the child
-    // may only make async-signal-safe calls.
     const QString program = m_arguments.value(0);
     if (program.isEmpty()) {
         closeChildEnds();
@@ -411,43 +394,36 @@ void AMShellWrapper::startProcess() {
     const QByteArray cwd =
         m_workingDirectory.isEmpty() ? QByteArray() : QFile::encodeName(m_workingDirectory);
 
-    int report[2] = {-1, -1};
-    if (pipe2(report, O_CLOEXEC) != 0)
-        report[0] = report[1] = -1; // launch failures then show only as status 126/127
-
     const int streams[3] = {childIn, childOut, childErr};
-    const pid_t pid = fork();
-    if (pid == 0)
-        execChild(path.constData(), argv.data(), envArray,
-                  cwd.isEmpty() ? nullptr : cwd.constData(), streams, report[1]);
-
-    const int forkError = errno;
-    closeChildEnds();
-    closeFd(report[1]);
-    if (pid < 0) {
-        closeFd(report[0]);
-        m_launchFailure = QStringLiteral("cannot run %1: %2\n")
-                              .arg(program, QString::fromLocal8Bit(std::strerror(forkError)));
-        scheduleCleanup();
-        return;
+    const char* dir = cwd.isEmpty() ? nullptr : cwd.constData();
+    // posix_spawn cannot tell a bad working folder from a bad program: the
+    // folder is checked first.
+    int chdirError = 0;
+    if (dir) {
+        struct stat st {};
+        if (::stat(dir, &st) != 0)
+            chdirError = errno;
+        else if (!S_ISDIR(st.st_mode))
+            chdirError = ENOTDIR;
+        else if (::access(dir, X_OK) != 0)
+            chdirError = errno;
     }
-    setpgid(pid, pid); // also done by the child; whichever comes first wins the race
-    m_pid = pid;
-
-    if (report[0] >= 0) {
-        ChildFailure failure{0, 0};
-        ssize_t n;
-        do
-            n = ::read(report[0], &failure, sizeof failure);
-        while (n < 0 && errno == EINTR);
-        closeFd(report[0]);
-        if (n == ssize_t(sizeof failure)) {
-            const QString reason = QString::fromLocal8Bit(std::strerror(failure.error));
-            m_launchFailure = failure.stage == 2
-                                  ? QStringLiteral("cannot change directory to %1: %2\n")
-                                        .arg(m_workingDirectory, reason)
-                                  : QStringLiteral("cannot run %1: %2\n").arg(program, reason);
-        }
+    pid_t pid = -1;
+    const int spawnError =
+        chdirError ? 0 : spawnChild(&pid, path.constData(), argv.data(), envArray, dir, streams);
+    closeChildEnds();
+    if (chdirError || spawnError) {
+        // No child: the run ends as a shell's would, with 127 or 126.
+        const int error = chdirError ? chdirError : spawnError;
+        const QString reason = QString::fromLocal8Bit(std::strerror(error));
+        m_launchFailure = chdirError ? QStringLiteral("cannot change directory to %1: %2\n")
+                                           .arg(m_workingDirectory, reason)
+                                     : QStringLiteral("cannot run %1: %2\n").arg(program, reason);
+        m_status = launchFailureStatus(error);
+        m_taskDidTerminate = true;
+    } else {
+        setpgid(pid, pid); // also done in the child; whichever comes first wins the race
+        m_pid = pid;
     }
 
     // A caller-supplied output descriptor is not read by the runner: that
@@ -463,6 +439,11 @@ void AMShellWrapper::startProcess() {
         connect(m_err.notifier, &QSocketNotifier::activated, this, [this] { getData(StdErr); });
     }
 
+    if (m_taskDidTerminate) {
+        if (m_out.empty && m_err.empty)
+            scheduleCleanup();
+        return; // otherwise the last end-of-stream schedules it
+    }
     m_pidfd = openPidfd(pid);
     if (m_pidfd >= 0) {
         m_pidNotifier = new QSocketNotifier(m_pidfd, QSocketNotifier::Read, this);
