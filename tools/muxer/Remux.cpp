@@ -86,34 +86,12 @@ struct PacketFree {
 };
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 
-// Decode times for packets that carry only a presentation time (Matroska):
-// the smallest of the last `delay`+1 presentation times, as a reordering
-// decoder would release them.
-class DtsGuess {
-public:
-    void setDelay(int delay) {
-        m_buffer.assign(size_t(std::clamp(delay, 0, 16)) + 1, AV_NOPTS_VALUE);
-    }
-    int64_t next(int64_t pts, int64_t duration) {
-        const size_t delay = m_buffer.size() - 1;
-        m_buffer[0] = pts;
-        for (size_t i = 1; i <= delay && m_buffer[i] == AV_NOPTS_VALUE; ++i)
-            m_buffer[i] = pts + (int64_t(i) - int64_t(delay) - 1) * std::max<int64_t>(duration, 1);
-        for (size_t i = 0; i < delay && m_buffer[i] > m_buffer[i + 1]; ++i)
-            std::swap(m_buffer[i], m_buffer[i + 1]);
-        return m_buffer[0];
-    }
-
-private:
-    std::vector<int64_t> m_buffer{AV_NOPTS_VALUE};
-};
-
 struct OutStream {
     AVStream* in = nullptr;
     AVStream* out = nullptr;
     int input = 0;      // 0 video source, 1 stand-by file
     int64_t offset = 0; // added to the input's time stamps (input time base)
-    DtsGuess guess;
+    DecodeTimes guess;
     int64_t lastDts = AV_NOPTS_VALUE; // output time base
     std::deque<PacketPtr> queue;
     uint64_t samples = 0, keyframes = 0, chunks = 0, bytes = 0;
@@ -396,22 +374,6 @@ bool alignWithDemuxer(VideoIndex* index, AVStream* video, std::string* why) {
                          : 0;
     }
     return true;
-}
-
-// How far decode order runs ahead of presentation order: the fewest
-// pictures a decoder holds back, so decode times never pass presentation.
-int reorderDepth(const VideoIndex& index) {
-    std::vector<int64_t> sorted;
-    sorted.reserve(index.samples.size());
-    for (const IndexedSample& s : index.samples)
-        sorted.push_back(s.pts);
-    std::sort(sorted.begin(), sorted.end());
-    int64_t depth = 0;
-    for (size_t i = 0; i < index.samples.size(); ++i) {
-        const auto rank = std::lower_bound(sorted.begin(), sorted.end(), index.samples[i].pts);
-        depth = std::max<int64_t>(depth, int64_t(i) - (rank - sorted.begin()));
-    }
-    return int(std::min<int64_t>(depth, 16));
 }
 
 int readPacket(Input& in, AVPacket* pkt) {

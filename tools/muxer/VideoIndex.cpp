@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
+#include <numeric>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -488,6 +490,159 @@ bool indexMatroska(int fd, const std::vector<uint8_t>& config, VideoIndex* index
     return true;
 }
 
+namespace {
+
+constexpr uint32_t kLanguage = 0x22B59C;
+constexpr uint32_t kVideo = 0xE0;
+constexpr uint32_t kPixelWidth = 0xB0;
+constexpr uint32_t kPixelHeight = 0xBA;
+constexpr uint32_t kDisplayWidth = 0x54B0;
+constexpr uint32_t kDisplayHeight = 0x54BA;
+constexpr uint32_t kDisplayUnit = 0x54B2;
+constexpr uint32_t kPixelCrops[] = {0x54AA, 0x54BB, 0x54CC, 0x54DD};
+
+// "und" for anything but a three-letter code.
+uint16_t packLanguage(const std::string& code) {
+    if (code.size() != 3 ||
+        !std::all_of(code.begin(), code.end(), [](char c) { return c >= 'a' && c <= 'z'; }))
+        return 0x55c4;
+    return uint16_t(((code[0] - 0x60) << 10) | ((code[1] - 0x60) << 5) | (code[2] - 0x60));
+}
+
+// num/den with both terms at most `max`, nearest to the exact ratio.
+void reduceRatio(uint64_t num, uint64_t den, uint32_t max, uint32_t* outNum, uint32_t* outDen) {
+    const uint64_t g = std::gcd(num, den);
+    num /= g;
+    den /= g;
+    if (num <= max && den <= max) {
+        *outNum = uint32_t(num);
+        *outDen = uint32_t(den);
+        return;
+    }
+    const double ratio = double(num) / double(den);
+    double best = 1e300;
+    for (uint32_t d = 1; d <= max; ++d) {
+        const double n = std::round(ratio * d);
+        if (n < 1 || n > max)
+            continue;
+        if (std::fabs(n / d - ratio) < best) {
+            best = std::fabs(n / d - ratio);
+            *outNum = uint32_t(n);
+            *outDen = d;
+        }
+    }
+}
+
+} // namespace
+
+bool describeMatroskaVideo(int fd, VideoTrack* track, std::string* why) {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) {
+        *why = std::strerror(errno);
+        return false;
+    }
+    Reader r(fd, int64_t(st.st_size));
+    Element e;
+    if (!element(r, 0, &e) || e.id != kEbml || e.size == kUnknownSize) {
+        *why = "no EBML header";
+        return false;
+    }
+    int64_t pos = e.end();
+    while (element(r, pos, &e) && e.id != kSegment && e.size != kUnknownSize)
+        pos = e.end();
+    if (e.id != kSegment) {
+        *why = "no segment";
+        return false;
+    }
+    const int64_t segmentEnd = std::min<int64_t>(e.end(), r.size());
+    std::vector<uint8_t> whole;
+    for (pos = e.data; pos < segmentEnd;) {
+        Element top;
+        if (!element(r, pos, &top) || top.id == kCluster || top.size == kUnknownSize)
+            break;
+        if (top.id != kTracks) {
+            pos = top.end();
+            continue;
+        }
+        if (!readWhole(r, top, &whole))
+            break;
+        int videos = 0;
+        bool usable = true;
+        forEachChild(Span{whole.data(), whole.size()}, [&](uint32_t id, Span entry) {
+            if (id != kTrackEntry)
+                return true;
+            uint64_t type = 0;
+            forEachChild(entry, [&](uint32_t cid, Span v) {
+                if (cid == kTrackType)
+                    type = memUint(v);
+                return true;
+            });
+            if (type != 1)
+                return true;
+            ++videos;
+            std::string codec, language = "eng";
+            uint64_t displayWidth = 0, displayHeight = 0, displayUnit = 0;
+            track->config.clear();
+            forEachChild(entry, [&](uint32_t cid, Span v) {
+                if (cid == kCodecId)
+                    codec.assign(reinterpret_cast<const char*>(v.p), v.n);
+                else if (cid == kCodecPrivate)
+                    track->config.assign(v.p, v.p + v.n);
+                else if (cid == kDefaultDuration)
+                    track->defaultDuration = int64_t(memUint(v));
+                else if (cid == kLanguage)
+                    language.assign(reinterpret_cast<const char*>(v.p),
+                                    strnlen(reinterpret_cast<const char*>(v.p), v.n));
+                else if (cid == kVideo)
+                    forEachChild(v, [&](uint32_t vid, Span x) {
+                        if (vid == kPixelWidth)
+                            track->width = uint32_t(memUint(x));
+                        else if (vid == kPixelHeight)
+                            track->height = uint32_t(memUint(x));
+                        else if (vid == kDisplayWidth)
+                            displayWidth = memUint(x);
+                        else if (vid == kDisplayHeight)
+                            displayHeight = memUint(x);
+                        else if (vid == kDisplayUnit)
+                            displayUnit = memUint(x);
+                        else if (std::find(std::begin(kPixelCrops), std::end(kPixelCrops), vid) !=
+                                     std::end(kPixelCrops) &&
+                                 memUint(x) != 0)
+                            usable = false;
+                        return true;
+                    });
+                return true;
+            });
+            if (codec.rfind("V_MPEG4/ISO/AVC", 0) == 0)
+                track->hevc = false;
+            else if (codec.rfind("V_MPEGH/ISO/HEVC", 0) == 0)
+                track->hevc = true;
+            else
+                usable = false;
+            track->language = language == "und" ? 0x55c4 : packLanguage(language);
+            track->sarNum = track->sarDen = 0;
+            if (displayUnit == 0 && displayWidth > 0 && displayHeight > 0 && track->width > 0 &&
+                track->height > 0)
+                reduceRatio(uint64_t(track->height) * displayWidth,
+                            uint64_t(track->width) * displayHeight, 255, &track->sarNum,
+                            &track->sarDen);
+            return true;
+        });
+        if (videos != 1) {
+            *why = videos == 0 ? "no video track" : "more than one video track";
+            return false;
+        }
+        if (!usable || track->width == 0 || track->height == 0 || track->config.size() < 7 ||
+            track->config[0] != 1) {
+            *why = "the video track is not length-prefixed H.264 or HEVC shown as coded";
+            return false;
+        }
+        return true;
+    }
+    *why = "no track list before the first cluster";
+    return false;
+}
+
 // --- MP4 family -------------------------------------------------------------
 
 namespace {
@@ -714,6 +869,83 @@ bool indexIsoMedia(const std::string& path, uint32_t trackId, VideoIndex* index,
     index->timeBaseNum = 1;
     index->timeBaseDen = int64_t(mediaScale);
     return true;
+}
+
+bool describeIsoMediaVideo(const std::string& path, VideoTrack* track, std::string* why) {
+    auto file = tarnwick::mp4::File::open(path, false, why);
+    if (!file)
+        return false;
+    const Box* video = nullptr;
+    for (const Box* t : file->moov()->childrenOfType(fourcc("trak"))) {
+        const Box* hdlr = t->find("mdia.hdlr");
+        if (hdlr && readBE(hdlr->data(), 8, 4) == fourcc("vide")) {
+            if (video) {
+                *why = "more than one video track";
+                return false;
+            }
+            video = t;
+        }
+    }
+    const Box* tkhd = video ? video->child(fourcc("tkhd")) : nullptr;
+    const Box* mdhd = video ? video->find("mdia.mdhd") : nullptr;
+    const Box* stsd = video ? video->find("mdia.minf.stbl.stsd") : nullptr;
+    if (!tkhd || !mdhd || !stsd || tkhd->data().size() < 84 || mdhd->data().size() < 24) {
+        *why = "no usable video track";
+        return false;
+    }
+    const Box* entry = stsd->children().size() == 1 ? stsd->children()[0].get() : nullptr;
+    const uint32_t type = entry ? entry->type() : 0;
+    const bool avc = type == fourcc("avc1") || type == fourcc("avc3");
+    const bool hevc = type == fourcc("hvc1") || type == fourcc("hev1");
+    const Box* config = avc    ? entry->child(fourcc("avcC"))
+                        : hevc ? entry->child(fourcc("hvcC"))
+                               : nullptr;
+    if (!config || config->data().size() < 7 || config->data()[0] != 1 ||
+        entry->data().size() < 78) {
+        *why = "the video is not length-prefixed H.264 or HEVC";
+        return false;
+    }
+    const Bytes& t = tkhd->data();
+    track->hevc = hevc;
+    track->config = config->data();
+    track->sampleEntry.clear();
+    entry->serialize(track->sampleEntry);
+    track->trackId = uint32_t(readBE(t, t[0] == 1 ? 20 : 12, 4));
+    track->width = uint32_t(readBE(entry->data(), 24, 2));
+    track->height = uint32_t(readBE(entry->data(), 26, 2));
+    track->matrix.assign(t.end() - 44, t.end() - 8);
+    track->displayWidth = uint32_t(readBE(t, t.size() - 8, 4));
+    track->displayHeight = uint32_t(readBE(t, t.size() - 4, 4));
+    track->language = uint16_t(readBE(mdhd->data(), mdhd->data()[0] == 1 ? 32 : 20, 2));
+    return true;
+}
+
+int reorderDepth(const VideoIndex& index) {
+    std::vector<int64_t> sorted;
+    sorted.reserve(index.samples.size());
+    for (const IndexedSample& s : index.samples)
+        sorted.push_back(s.pts);
+    std::sort(sorted.begin(), sorted.end());
+    int64_t depth = 0;
+    for (size_t i = 0; i < index.samples.size(); ++i) {
+        const auto rank = std::lower_bound(sorted.begin(), sorted.end(), index.samples[i].pts);
+        depth = std::max<int64_t>(depth, int64_t(i) - (rank - sorted.begin()));
+    }
+    return int(std::min<int64_t>(depth, 16));
+}
+
+void DecodeTimes::setDelay(int delay) {
+    m_buffer.assign(size_t(std::clamp(delay, 0, 16)) + 1, kNone);
+}
+
+int64_t DecodeTimes::next(int64_t pts, int64_t duration) {
+    const size_t delay = m_buffer.size() - 1;
+    m_buffer[0] = pts;
+    for (size_t i = 1; i <= delay && m_buffer[i] == kNone; ++i)
+        m_buffer[i] = pts + (int64_t(i) - int64_t(delay) - 1) * std::max<int64_t>(duration, 1);
+    for (size_t i = 0; i < delay && m_buffer[i] > m_buffer[i + 1]; ++i)
+        std::swap(m_buffer[i], m_buffer[i + 1]);
+    return m_buffer[0];
 }
 
 } // namespace muxer

@@ -40,4 +40,42 @@ bool indexMatroska(int fd, const std::vector<uint8_t>& config, VideoIndex* index
 // sample tables.
 bool indexIsoMedia(const std::string& path, uint32_t trackId, VideoIndex* index, std::string* why);
 
+// What a new MP4 video track needs of the source's only video track, read
+// from the container's header alone (no decoder involved).
+struct VideoTrack {
+    bool hevc = false;
+    std::vector<uint8_t> config;      // avcC / hvcC record (Matroska CodecPrivate)
+    std::vector<uint8_t> sampleEntry; // MP4 sources: the sample description entry, whole
+    uint32_t trackId = 0;             // MP4 sources
+    uint32_t width = 0, height = 0;   // coded picture
+    uint32_t sarNum = 0, sarDen = 0;  // pixel aspect the container states; 0 when none
+    uint32_t displayWidth = 0;        // MP4 sources: track header width and height, 16.16
+    uint32_t displayHeight = 0;
+    std::vector<uint8_t> matrix; // MP4 sources: the track header's 36-byte matrix
+    uint16_t language = 0x55c4;  // packed ISO 639-2 as in mdhd ("und")
+    int64_t defaultDuration = 0; // Matroska: nanoseconds, 0 when not stated
+};
+
+// False with the reason when the file has no single length-prefixed H.264 or
+// HEVC video track these readers take as it is.
+bool describeMatroskaVideo(int fd, VideoTrack* track, std::string* why);
+bool describeIsoMediaVideo(const std::string& path, VideoTrack* track, std::string* why);
+
+// How far decode order runs ahead of presentation order: the fewest
+// pictures a decoder holds back, so decode times never pass presentation.
+int reorderDepth(const VideoIndex& index);
+
+// Decode times for pictures that carry only a presentation time
+// (Matroska): the smallest of the last `delay`+1 presentation times, as a
+// reordering decoder would release them.
+class DecodeTimes {
+public:
+    static constexpr int64_t kNone = INT64_MIN;
+    void setDelay(int delay);
+    int64_t next(int64_t pts, int64_t duration);
+
+private:
+    std::vector<int64_t> m_buffer{kNone};
+};
+
 } // namespace muxer
