@@ -513,9 +513,12 @@ TEST_F(MuxerTool, WithoutOptimizeMoovFollowsTheMediaAndTagsStillArrive) {
     expectNoLeftovers(true);
 }
 
+// The demuxing path reserves room for the header while writing; too little
+// of it means a rewrite.
 TEST_F(MuxerTool, TooLittleReservedRoomIsRewrittenWithOptimizingProgress) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("TARNWICK_MUXER_MOOV_RESERVE"), QStringLiteral("512"));
+    env.insert(QStringLiteral("TARNWICK_MUXER_INDEX"), QStringLiteral("off"));
     const Outcome r = mux(sourceMkv(), true, env);
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
     expectProgressLines(r.err, {QStringLiteral("Muxing"), QStringLiteral("Optimizing")});
@@ -826,25 +829,65 @@ protected:
     }
 };
 
-// The pictures are found from the container and copied unread; the result
-// must be the very file the demuxing path makes, and the source's video.
-TEST_P(IndexedSource, GivesTheSameFileAsDemuxing) {
+// What a reader sees of a file's streams: codec, tag, picture size, aspect,
+// start (to the millisecond) and, per stream, the packets' checksums; the
+// video's packet times and flags too.
+struct Movie {
+    QStringList streams, videoTimes, video, audio, subtitles, chapters;
+};
+
+Movie movieOf(const QString& path) {
+    Movie m;
+    for (const auto& v : probeStreams(path)) {
+        const QJsonObject s = v.toObject();
+        m.streams << QStringLiteral("%1 %2 %3x%4 %5 %6")
+                         .arg(s.value("codec_name").toString(),
+                              s.value("codec_tag_string").toString())
+                         .arg(s.value("width").toInt())
+                         .arg(s.value("height").toInt())
+                         .arg(s.value("sample_aspect_ratio").toString())
+                         .arg(std::lround(s.value("start_time").toString().toDouble() * 1000));
+    }
+    m.videoTimes = videoPacketTimes(path);
+    m.video = checksums(path, "0:V", false);
+    m.audio = checksums(path, "0:a", false);
+    m.subtitles = checksums(path, "0:s", false);
+    const Outcome r = run(QStringLiteral("ffprobe"),
+                          {"-v", "error", "-show_entries",
+                           "chapter=start_time,end_time:chapter_tags=title", "-of", "csv", path});
+    m.chapters = QString::fromUtf8(r.out).split('\n', Qt::SkipEmptyParts);
+    return m;
+}
+
+// The pictures are found from the container and copied unread, the movie
+// header made without the demuxer; a reader must find the very movie the
+// demuxing path makes, and the source's video.
+TEST_P(IndexedSource, GivesTheSameMovieAsDemuxing) {
     const QString v = video();
     ASSERT_FALSE(v.isEmpty());
     const Outcome indexed = mux(v, true, indexMode("required"));
     ASSERT_EQ(indexed.exitCode, 0) << indexed.err.toStdString();
     expectProgressLines(indexed.err, {QStringLiteral("Muxing")});
+    expectTagsCarried();
     const QString fromIndex = m_dir.filePath(QStringLiteral("Indexed.m4v"));
     ASSERT_TRUE(QFile::rename(m_dest, fromIndex));
     const Outcome demuxed = mux(v, true, indexMode("off"));
     ASSERT_EQ(demuxed.exitCode, 0) << demuxed.err.toStdString();
-    EXPECT_TRUE(readAll(fromIndex) == readAll(m_dest)) << "the files differ";
 
+    const Movie a = movieOf(fromIndex), b = movieOf(m_dest);
+    EXPECT_EQ(a.streams, b.streams);
+    EXPECT_EQ(a.videoTimes, b.videoTimes);
+    EXPECT_TRUE(sameStream(a.video, checksums(sourceMkv(), "0:V", false)));
+    EXPECT_TRUE(sameStream(a.video, b.video));
+    EXPECT_TRUE(sameStream(a.audio, checksums(m_source, "0:a", false)));
+    EXPECT_TRUE(sameStream(a.audio, b.audio));
+    EXPECT_TRUE(sameStream(a.subtitles, b.subtitles));
+    EXPECT_EQ(a.chapters, b.chapters);
+    EXPECT_EQ(a.chapters.size(), 2);
     EXPECT_TRUE(moovBeforeMdat(fromIndex));
-    EXPECT_TRUE(
-        sameStream(checksums(fromIndex, "0:V", false), checksums(sourceMkv(), "0:V", false)));
+
     // B-frames: pictures shown later than decoded, their order kept.
-    const QStringList times = videoPacketTimes(fromIndex);
+    const QStringList& times = a.videoTimes;
     ASSERT_EQ(times.size(), 144);
     int reordered = 0, keys = 0;
     for (const QString& line : times) {
@@ -855,6 +898,10 @@ TEST_P(IndexedSource, GivesTheSameFileAsDemuxing) {
     }
     EXPECT_GT(reordered, 20);
     EXPECT_EQ(keys, 3); // a keyframe every 48 pictures
+    const Outcome decode =
+        run(QStringLiteral("ffmpeg"), {"-v", "error", "-i", fromIndex, "-f", "null", "-"});
+    EXPECT_EQ(decode.exitCode, 0);
+    EXPECT_TRUE(decode.err.trimmed().isEmpty()) << decode.err.toStdString();
 }
 
 INSTANTIATE_TEST_SUITE_P(Containers, IndexedSource,
@@ -901,22 +948,25 @@ QString largePicturesMkv() {
 
 // Large pictures are copied page-aligned with the source, leaving unused
 // bytes between chunks; the tables must still find every sample, with the
-// movie header in front, at the end, or rewritten.
+// movie header in front, at the end, or rewritten, on either path.
 TEST_F(MuxerTool, LargePicturesLandPageAlignedAndIntact) {
     const QString v = largePicturesMkv();
     ASSERT_FALSE(v.isEmpty());
     const QStringList video = checksums(v, "0:V", false);
     ASSERT_EQ(video.size(), 24);
     const QByteArray source = readAll(v);
-    QProcessEnvironment smallReserve = QProcessEnvironment::systemEnvironment();
+    QProcessEnvironment smallReserve = indexMode("off");
     smallReserve.insert(QStringLiteral("TARNWICK_MUXER_MOOV_RESERVE"), QStringLiteral("512"));
     struct Case {
         const char* what;
         bool optimize;
         QProcessEnvironment env;
     };
-    for (const Case& c : {Case{"moov in front", true, {}}, Case{"moov at the end", false, {}},
-                          Case{"rewritten", true, smallReserve}}) {
+    for (const Case& c : {Case{"moov in front", true, indexMode("required")},
+                          Case{"moov at the end", false, indexMode("required")},
+                          Case{"demuxed, moov in front", true, indexMode("off")},
+                          Case{"demuxed, moov at the end", false, indexMode("off")},
+                          Case{"demuxed and rewritten", true, smallReserve}}) {
         SCOPED_TRACE(c.what);
         const Outcome r = mux(v, c.optimize, c.env);
         ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
@@ -938,20 +988,116 @@ TEST_F(MuxerTool, LargePicturesLandPageAlignedAndIntact) {
         const Outcome packets =
             run(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "V", "-show_entries",
                                             "packet=pos,size", "-of", "csv=p=0", m_dest});
-        int large = 0;
+        int large = 0, runs = 0;
+        qint64 lastPos = -1, lastFrom = -1;
         for (const QByteArray& line : packets.out.split('\n')) {
             const QList<QByteArray> f = line.split(','); // size, position
-            if (f.size() != 2 || f[0].toLongLong() < (256 << 10))
+            if (f.size() != 2)
                 continue;
             const qint64 pos = f[1].toLongLong();
             const qint64 from = source.indexOf(out.mid(int(pos), 64));
             ASSERT_GE(from, 0);
+            if (lastPos >= 0 && pos - lastPos == from - lastFrom &&
+                out.mid(int(lastPos), int(pos - lastPos)) ==
+                    source.mid(int(lastFrom), int(pos - lastPos)))
+                ++runs;
+            lastPos = pos;
+            lastFrom = from;
+            if (f[0].toLongLong() < (256 << 10))
+                continue;
             EXPECT_EQ(pos % 4096, from % 4096) << "picture at " << pos;
             ++large;
         }
         EXPECT_GE(large, 20);
+        // Without the demuxer, pictures are copied in runs with the source's
+        // block headers between them, rather than one by one.
+        if (c.env.value(QStringLiteral("TARNWICK_MUXER_INDEX")) == QLatin1String("required")) {
+            EXPECT_GE(runs, 18) << "pictures copied along with the one before";
+        }
         ASSERT_TRUE(QFile::remove(m_dest));
     }
+}
+
+// A source whose audio outweighs its pictures many times over (PCM beside
+// small pictures): the runs copied from it leave that audio out, so the
+// result holds little more than the pictures and the converted tracks.
+TEST_F(MuxerTool, LargeAudioBetweenPicturesIsNotCarriedAlong) {
+    const QString v = cached(QStringLiteral("pcm-audio.mkv"), [](const QString& out) {
+        return ffmpeg(
+            {"-f",   "lavfi",   "-i",      "testsrc=size=320x180:rate=24000/1001:duration=6",
+             "-f",   "lavfi",   "-i",      "sine=frequency=440:duration=6:sample_rate=48000",
+             "-map", "0:V",     "-map",    "1:a",
+             "-c:v", "libx264", "-preset", "superfast",
+             "-g",   "48",      "-c:a",    "pcm_s16le",
+             "-ac",  "2",       "-f",      "matroska",
+             out});
+    });
+    ASSERT_FALSE(v.isEmpty());
+    const Outcome r = mux(v, true, indexMode("required"));
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QStringList video = checksums(v, "0:V", false);
+    EXPECT_EQ(video.size(), 144);
+    EXPECT_TRUE(sameStream(checksums(m_dest, "0:V", false), video));
+    EXPECT_TRUE(sameStream(checksums(m_dest, "0:a", false), checksums(m_source, "0:a", false)));
+
+    qint64 pictures = 0;
+    const Outcome sizes =
+        run(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "V", "-show_entries",
+                                        "packet=size", "-of", "csv=p=0", v});
+    for (const QByteArray& line : sizes.out.split('\n'))
+        pictures += line.trimmed().toLongLong();
+    std::string why;
+    const auto out =
+        tarnwick::mp4::File::open(QFile::encodeName(m_dest).toStdString(), false, &why);
+    ASSERT_TRUE(out) << why;
+    const tarnwick::mp4::TopLevelBox* mdat = out->topLevelBox(tarnwick::mp4::fourcc("mdat"));
+    ASSERT_NE(mdat, nullptr);
+    const qint64 audio = QFileInfo(v).size() - pictures; // about 1.1 MB
+    ASSERT_GT(audio, 1000 * 1000);
+    EXPECT_LT(qint64(mdat->size), pictures + QFileInfo(m_source).size() + audio / 20);
+}
+
+// H.264 and HEVC are taken without the demuxer, which the muxer does not
+// even load: with broken libav* libraries first in the search path it
+// still works, and only the demuxing path fails to start.
+TEST_F(MuxerTool, IndexedPathRunsWithoutTheDemuxerLibraries) {
+    const QString v = cached(QStringLiteral("hevc.mkv"), [](const QString& out) {
+        return ffmpeg({"-f", "lavfi", "-i", "testsrc=size=320x180:rate=24000/1001:duration=2",
+                       "-c:v", "libx265", "-preset", "ultrafast", "-x265-params",
+                       "log-level=error:bframes=3", "-f", "matroska", out});
+    });
+    ASSERT_FALSE(v.isEmpty());
+    const QString broken = m_dir.filePath(QStringLiteral("broken-libs"));
+    ASSERT_TRUE(QDir().mkpath(broken));
+    for (const char* name : {"libavformat", "libavcodec", "libavutil"})
+        for (int version = 56; version <= 62; ++version) {
+            QFile lib(broken + QStringLiteral("/%1.so.%2").arg(QLatin1String(name)).arg(version));
+            ASSERT_TRUE(lib.open(QIODevice::WriteOnly));
+            lib.write("not a library");
+        }
+    QProcessEnvironment env = indexMode("required");
+    env.insert(QStringLiteral("LD_LIBRARY_PATH"), broken);
+
+    const Outcome r = mux(v, true, env);
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QJsonObject vs = streamOfType(probeStreams(m_dest), "video");
+    EXPECT_EQ(vs.value("codec_name").toString(), QStringLiteral("hevc"));
+    EXPECT_EQ(vs.value("codec_tag_string").toString(), QStringLiteral("hvc1"));
+    EXPECT_TRUE(sameStream(checksums(m_dest, "0:V", false), checksums(v, "0:V", false)));
+    EXPECT_EQ(videoPacketTimes(m_dest).size(), 48);
+    const Outcome decode =
+        run(QStringLiteral("ffmpeg"), {"-v", "error", "-i", m_dest, "-f", "null", "-"});
+    EXPECT_TRUE(decode.err.trimmed().isEmpty()) << decode.err.toStdString();
+    const QString fast = m_dir.filePath(QStringLiteral("Fast.m4v"));
+    ASSERT_TRUE(QFile::rename(m_dest, fast));
+
+    ASSERT_EQ(mux(v, true, indexMode("off")).exitCode, 0);
+    EXPECT_EQ(videoPacketTimes(fast), videoPacketTimes(m_dest));
+    ASSERT_TRUE(QFile::remove(m_dest));
+
+    env.insert(QStringLiteral("TARNWICK_MUXER_INDEX"), QStringLiteral("off"));
+    EXPECT_NE(mux(v, true, env).exitCode, 0);
+    EXPECT_FALSE(QFile::exists(m_dest));
 }
 
 } // namespace
