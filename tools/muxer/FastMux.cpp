@@ -865,18 +865,34 @@ bool FastMux::write(const std::string& path, Progress& progress, std::string* er
     for (const Impl::Piece& p : m.pieces)
         total += uint64_t(p.fromVideo ? p.size : 0);
     bool copyWorks = true;
-    Bytes buffer;
+    Bytes buffer, span;
     for (const Impl::Piece& p : m.pieces) {
         if (!p.fromVideo) {
-            // The converted samples of half a second: read where they lie
-            // close together, written at once.
-            buffer.clear();
+            // The converted samples of half a second: read in one go where
+            // they lie close together (interleaved with the stand-by
+            // video's), written at once.
+            int64_t lo = INT64_MAX, hi = 0, wanted = 0;
+            for (size_t c = p.first; c < p.last; ++c) {
+                lo = std::min(lo, m.chunks[c].from);
+                hi = std::max(hi, m.chunks[c].from + m.chunks[c].size);
+                wanted += m.chunks[c].size;
+            }
+            const bool together = hi - lo <= 2 * wanted + (64 << 10);
+            if (together) {
+                span.resize(size_t(hi - lo));
+                if (!preadAll(m.source.fd, span.data(), span.size(), lo))
+                    return sysFail(error, "cannot read " + m.request.sourcePath);
+            }
+            buffer.resize(size_t(wanted));
+            size_t at = 0;
             for (size_t c = p.first; c < p.last; ++c) {
                 const Impl::Chunk& chunk = m.chunks[c];
-                const size_t at = buffer.size();
-                buffer.resize(at + size_t(chunk.size));
-                if (!preadAll(m.source.fd, buffer.data() + at, size_t(chunk.size), chunk.from))
+                if (together)
+                    std::memcpy(buffer.data() + at, span.data() + (chunk.from - lo),
+                                size_t(chunk.size));
+                else if (!preadAll(m.source.fd, buffer.data() + at, size_t(chunk.size), chunk.from))
                     return sysFail(error, "cannot read " + m.request.sourcePath);
+                at += size_t(chunk.size);
             }
             if (!pwriteAll(out.fd, buffer.data(), buffer.size(), m.mediaStart + p.to))
                 return sysFail(error, writeFailed);

@@ -13,6 +13,7 @@ target_link_libraries(tarnwick_muxer_shared PUBLIC tarnwick_mp4)
 
 add_executable(Tarnwick_Pro_Muxer ${muxer_fast_sources})
 target_link_libraries(Tarnwick_Pro_Muxer PRIVATE tarnwick_muxer_shared)
+target_link_options(Tarnwick_Pro_Muxer PRIVATE -static-libstdc++ -static-libgcc)
 
 if(NOT AVFORMAT_FOUND)
   message(WARNING "libavformat/libavcodec/libavutil not found: Tarnwick_Pro_Muxer_Demuxer is not built, "
