@@ -413,9 +413,9 @@ bool MDB_Utility::is1080p(const QString& size) {
     return height > 1079 || width > 1919 || (height > 800 && width > 1280);
 }
 
-QSize MDB_Utility::imageSize(const QImage& image) {
-    // A QImage is its one bitmap: its pixel size is the largest there is.
-    return QSize(image.width(), image.height());
+QSize MDB_Utility::imageSize(const MDB_Image& image) {
+    // One encoded picture: the size its header gives is the largest there is.
+    return image.size();
 }
 
 QUrl MDB_Utility::copyResourceToTemp(const QUrl& url) {
@@ -441,7 +441,7 @@ QUrl MDB_Utility::copyResourceToTemp(const QUrl& url) {
     return QUrl::fromLocalFile(target);
 }
 
-QUrl MDB_Utility::copyImageToTemp(const QImage& image, const QString& name, bool* existed) {
+QUrl MDB_Utility::copyImageToTemp(const MDB_Image& image, const QString& name, bool* existed) {
     const QString folder = tempDirectory();
     if (folder.isEmpty()) {
         if (existed)
@@ -458,8 +458,14 @@ QUrl MDB_Utility::copyImageToTemp(const QImage& image, const QString& name, bool
         *existed = false;
     if (image.isNull())
         return {};
+    QString why;
+    const QByteArray png = image.pngData(&why);
+    if (png.isEmpty()) {
+        qWarning("Tarnwick: cannot copy the image to %s: %s", qPrintable(target), qPrintable(why));
+        return {};
+    }
     QSaveFile file(target);
-    if (!file.open(QIODevice::WriteOnly) || !image.save(&file, "PNG") || !file.commit())
+    if (!file.open(QIODevice::WriteOnly) || file.write(png) != png.size() || !file.commit())
         return {};
     return QUrl::fromLocalFile(target);
 }

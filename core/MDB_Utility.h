@@ -1,9 +1,9 @@
 #pragma once
 
+#include "core/MDB_Image.h"
 #include "core/OrderedDictionary.h"
 #include "mp4/mp4.h"
 
-#include <QImage>
 #include <QSize>
 #include <QString>
 #include <QStringList>
@@ -42,9 +42,11 @@ public:
 
     static bool isHD(const QString& size);
     static bool is1080p(const QString& size);
-    static QSize imageSize(const QImage& image);
+    static QSize imageSize(const MDB_Image& image);
     static QUrl copyResourceToTemp(const QUrl& url);
-    static QUrl copyImageToTemp(const QImage& image, const QString& name, bool* existed);
+    // Writes the image as "<name>.png": a PNG's own bytes, anything else
+    // converted through the image codec module (none when that fails).
+    static QUrl copyImageToTemp(const MDB_Image& image, const QString& name, bool* existed);
     // The channel layout of an MP4 audio track: "2.0", "5.1" (MDB_UtilityChannels.cpp).
     static QString getNumAudioChannelsInMP4(MP4FileHandle handle, MP4TrackId trackId);
 

@@ -11,9 +11,9 @@ QString tag(const char* name) {
     return QString::fromLatin1(name);
 }
 
-QImage posterNotAvailable() {
+MDB_Image posterNotAvailable() {
     const QString path = Resources::path(QStringLiteral("PosterNotAvailable.png"));
-    return path.isEmpty() ? QImage() : QImage(path);
+    return path.isEmpty() ? MDB_Image() : MDB_Image::fromFile(path);
 }
 
 } // namespace
@@ -40,7 +40,7 @@ void SearchResultsPanelController::withParentWindow(const std::shared_ptr<MDI_Me
 
 void SearchResultsPanelController::populatePanel(qint64 index) {
     m_movieMeta.reset();
-    m_poster = QImage();
+    m_poster = MDB_Image();
     m_imdbPage.clear();
     if (m_curMovie && !m_curMovie->searchList().isEmpty() && index >= 0 &&
         index < m_curMovie->searchList().size()) {
@@ -50,7 +50,7 @@ void SearchResultsPanelController::populatePanel(qint64 index) {
         if (!address.isEmpty()) {
             const HttpClient::Response answer = HttpClient::get(address);
             if (answer.error.isEmpty())
-                m_poster = QImage::fromData(answer.body);
+                m_poster = MDB_Image::fromData(answer.body);
         }
         if (m_poster.isNull())
             m_poster = posterNotAvailable();

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "core/MDB_Image.h"
 #include "lookup/MDB_TheMovieDb.h"
 #include "media/MDI_Media.h"
 
-#include <QImage>
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -20,7 +20,7 @@
 class SearchResultsPanelController : public QObject, public MDB_TheMovieDbDelegate {
     Q_OBJECT
     Q_PROPERTY(QString summary READ summary NOTIFY panelChanged)
-    Q_PROPERTY(QImage poster READ poster NOTIFY panelChanged)
+    Q_PROPERTY(MDB_Image poster READ poster NOTIFY panelChanged)
     Q_PROPERTY(QString searchString READ searchString WRITE setSearchString NOTIFY panelChanged)
     Q_PROPERTY(QStringList searchLanguages READ searchLanguages NOTIFY panelChanged)
     Q_PROPERTY(QString searchLanguage READ searchLanguage NOTIFY panelChanged)
@@ -71,7 +71,7 @@ public:
     bool selectionChanged() const;
 
     const QString& summary() const { return m_summary; }
-    const QImage& poster() const { return m_poster; }
+    const MDB_Image& poster() const { return m_poster; }
     const QStringList& searchLanguages() const { return m_searchLanguages; }
     const QString& searchLanguage() const { return m_searchLanguage; }
     std::shared_ptr<MDI_Media> curMovie() const { return m_curMovie; }
@@ -93,7 +93,7 @@ private:
     bool m_searching = false;
     qint64 m_selectedRow = -1;
     QString m_summary;
-    QImage m_poster;
+    MDB_Image m_poster;
     QString m_searchString;
     QStringList m_searchLanguages;
     QUrl m_imdbPage;

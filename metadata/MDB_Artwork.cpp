@@ -3,7 +3,7 @@
 #include "metadata/MDB_Metadata.h"
 
 std::optional<MDB_Artwork> MDB_Artwork::readArtworkFromFile(const QUrl& url) {
-    const QImage image = MDB_Metadata::readImageFromFile(url);
+    const MDB_Image image = MDB_Metadata::readImageFromFile(url);
     if (image.isNull())
         return std::nullopt;
     MDB_Artwork art;

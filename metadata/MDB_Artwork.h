@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QImage>
+#include "core/MDB_Image.h"
+
 #include <QUrl>
 
 #include <optional>
@@ -12,5 +13,5 @@ public:
     // no (decodable) cover art.
     static std::optional<MDB_Artwork> readArtworkFromFile(const QUrl& url);
 
-    QImage artwork;
+    MDB_Image artwork;
 };

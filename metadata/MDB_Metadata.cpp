@@ -7,7 +7,6 @@
 #include "core/UserDefaults.h"
 #include "metadata/TagNames.h"
 
-#include <QBuffer>
 #include <QFileInfo>
 #include <QStringDecoder>
 
@@ -66,17 +65,17 @@ QString nonNull(const QString& value) {
     return value.isNull() ? QString(QLatin1String("")) : value;
 }
 
-QImage imageFromFile(const QString& path) {
+MDB_Image imageFromFile(const QString& path) {
     if (path.isEmpty())
         return {};
-    return QImage(path);
+    return MDB_Image::fromFile(path);
 }
 
-QImage imageFromURL(const QUrl& url) {
+MDB_Image imageFromURL(const QUrl& url) {
     const HttpClient::Response response = HttpClient::get(url);
     if (!response.ok())
         return {};
-    return QImage::fromData(response.body);
+    return MDB_Image::fromData(response.body);
 }
 
 QString resourcePath(const QString& name, const QString& type) {
@@ -85,10 +84,6 @@ QString resourcePath(const QString& name, const QString& type) {
 
 quint8 narrowed(const QVariant& value) {
     return static_cast<quint8>(value.toLongLong());
-}
-
-QImage comparable(const QImage& image) {
-    return image.isNull() ? image : image.convertToFormat(QImage::Format_ARGB32);
 }
 
 } // namespace
@@ -108,7 +103,7 @@ MDB_Metadata::MDB_Metadata(const KeyedArchive& coder) {
     }
     const QByteArray png = coder.value(QString::fromLatin1(ArchiveKey::Artwork)).toByteArray();
     if (!png.isEmpty())
-        m_artwork = QImage::fromData(png);
+        m_artwork = MDB_Image::fromData(png);
     m_mediaKind = narrowed(coder.value(QString::fromLatin1(ArchiveKey::MediaKind)));
     m_contentRating = narrowed(coder.value(QString::fromLatin1(ArchiveKey::ContentRating)));
     m_hdVideo = narrowed(coder.value(QString::fromLatin1(ArchiveKey::HDVideo)));
@@ -439,12 +434,12 @@ void MDB_Metadata::replaceMetadata(const MDB_Metadata& other) {
     if (!copyTagsFrom(other))
         return;
     // The caller loads fresh artwork for the new movie afterwards.
-    m_artwork = QImage();
+    m_artwork = MDB_Image();
     m_isArtworkEdited = false;
     m_artworkURL = QUrl();
     m_artworkFullsizeURLs.clear();
     m_artworkThumbURLs.clear();
-    m_backdrop = QImage();
+    m_backdrop = MDB_Image();
     m_backdropFullsizeURLs.clear();
     m_backdropThumbURLs.clear();
     m_backdropURL = QUrl();
@@ -465,7 +460,7 @@ std::unique_ptr<MDB_Metadata> MDB_Metadata::copyWithZone() const {
 
 // --- artwork -----------------------------------------------------------------
 
-bool MDB_Metadata::takeArtwork(const QImage& image, const QUrl& url, qint64 index) {
+bool MDB_Metadata::takeArtwork(const MDB_Image& image, const QUrl& url, qint64 index) {
     if (image.isNull())
         return false;
     m_artwork = image;
@@ -477,7 +472,7 @@ bool MDB_Metadata::takeArtwork(const QImage& image, const QUrl& url, qint64 inde
 }
 
 void MDB_Metadata::clearArtwork() {
-    m_artwork = QImage();
+    m_artwork = MDB_Image();
     m_artworkURL = QUrl();
     m_isEdited = true;
     m_isArtworkEdited = true;
@@ -506,7 +501,7 @@ bool MDB_Metadata::setArtworkFromData(const QByteArray& data) {
         clearArtwork();
         return true;
     }
-    return takeArtwork(QImage::fromData(data), QUrl(), -1);
+    return takeArtwork(MDB_Image::fromData(data), QUrl(), -1);
 }
 
 bool MDB_Metadata::setArtworkFromURL(const QUrl& url) {
@@ -519,7 +514,7 @@ bool MDB_Metadata::setArtworkFromURL(const QUrl& url) {
 
 bool MDB_Metadata::setArtworkFromIndex(qint64 index) {
     if (index < 0 || index >= m_artworkFullsizeURLs.size()) {
-        m_artwork = QImage();
+        m_artwork = MDB_Image();
         m_artworkURL = QUrl();
         return false;
     }
@@ -548,12 +543,12 @@ qint64 MDB_Metadata::getArtworkIndexFromURL(const QUrl& url) const {
 
 bool MDB_Metadata::setBackdropFromBundle(const QString& name, const QString& type) {
     if (name.isEmpty()) {
-        m_backdrop = QImage();
+        m_backdrop = MDB_Image();
         m_backdropURL = QUrl();
         return true;
     }
     const QString path = resourcePath(name, type);
-    const QImage image = imageFromFile(path);
+    const MDB_Image image = imageFromFile(path);
     if (image.isNull())
         return false;
     m_backdrop = image;
@@ -563,10 +558,10 @@ bool MDB_Metadata::setBackdropFromBundle(const QString& name, const QString& typ
 
 bool MDB_Metadata::setBackdropFromPath(const QString& path) {
     if (path.isEmpty()) {
-        m_backdrop = QImage();
+        m_backdrop = MDB_Image();
         return true;
     }
-    const QImage image = imageFromFile(path);
+    const MDB_Image image = imageFromFile(path);
     if (image.isNull())
         return false;
     m_backdrop = image;
@@ -575,11 +570,11 @@ bool MDB_Metadata::setBackdropFromPath(const QString& path) {
 
 bool MDB_Metadata::setBackdropFromURL(const QUrl& url) {
     if (url.isEmpty()) {
-        m_backdrop = QImage();
+        m_backdrop = MDB_Image();
         m_backdropURL = QUrl();
         return true;
     }
-    const QImage image = imageFromURL(url);
+    const MDB_Image image = imageFromURL(url);
     if (image.isNull())
         return false;
     m_backdrop = image;
@@ -627,11 +622,10 @@ void MDB_Metadata::encodeWithCoder(KeyedArchive& coder) const {
         tags.insert(it.key(), it.value());
     coder.insert(QString::fromLatin1(ArchiveKey::TagsDict), tags);
     if (!m_artwork.isNull()) {
-        QByteArray png;
-        QBuffer buffer(&png);
-        buffer.open(QIODevice::WriteOnly);
-        if (m_artwork.save(&buffer, "PNG"))
-            coder.insert(QString::fromLatin1(ArchiveKey::Artwork), png);
+        // Kept as it is when it cannot be made a PNG: the loader reads it either way.
+        const QByteArray png = m_artwork.pngData();
+        coder.insert(QString::fromLatin1(ArchiveKey::Artwork),
+                     png.isEmpty() ? m_artwork.data() : png);
     }
     coder.insert(QString::fromLatin1(ArchiveKey::MediaKind), qint64(m_mediaKind));
     coder.insert(QString::fromLatin1(ArchiveKey::ContentRating), qint64(m_contentRating));
@@ -675,5 +669,5 @@ bool MDB_Metadata::operator==(const MDB_Metadata& other) const {
     return m_presetName == other.m_presetName && m_tagsDict == other.m_tagsDict &&
            m_mediaKind == other.m_mediaKind && m_contentRating == other.m_contentRating &&
            m_hdVideo == other.m_hdVideo && m_gapless == other.m_gapless &&
-           m_podcast == other.m_podcast && comparable(m_artwork) == comparable(other.m_artwork);
+           m_podcast == other.m_podcast && m_artwork.hasSamePixels(other.m_artwork);
 }

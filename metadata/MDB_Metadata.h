@@ -1,11 +1,11 @@
 #pragma once
 
+#include "core/MDB_Image.h"
 #include "core/OrderedDictionary.h"
 #include "mp4/mp4.h"
 
 #include <QByteArray>
 #include <QByteArrayView>
-#include <QImage>
 #include <QList>
 #include <QMap>
 #include <QString>
@@ -111,13 +111,14 @@ public:
     static OrderedDictionary<QString, bool> orderedMetadataList();
 
     // --- tag IO (MDB_MetadataIO.cpp) ----------------------------------------
-    // Writes the record into the tags of a file opened with MP4Modify(); false
-    // only without a handle.
-    bool writeMetadataToFile(MP4FileHandle handle, bool isTV) const;
+    // Writes the record into the tags of a file opened with MP4Modify(). False,
+    // with nothing written and the reason in `error`, without a handle or when
+    // cover art to be written cannot be made a PNG.
+    bool writeMetadataToFile(MP4FileHandle handle, bool isTV, QString* error = nullptr) const;
     // Reads the file's tags into the record; true when the file has cover art.
     bool readMetaDataFromFile(MP4FileHandle handle, bool isTV);
     // The first cover art of a file; a null image when there is none.
-    static QImage readImageFromFile(const QUrl& url);
+    static MDB_Image readImageFromFile(const QUrl& url);
     // The name of a numeric iTunes genre; null for an unknown code.
     static QString getGenreFromID(int genreID);
 
@@ -129,7 +130,8 @@ public:
     static std::unique_ptr<MDB_Metadata> unarchive(const QByteArray& bytes,
                                                    QString* error = nullptr);
 
-    // Same tags, preset name, numeric fields and artwork pixels.
+    // Same tags, preset name, numeric fields and artwork pixels (decoded only
+    // when the artwork bytes differ).
     bool operator==(const MDB_Metadata& other) const;
 
     // --- fields ------------------------------------------------------------
@@ -140,8 +142,8 @@ public:
     const QMap<QString, QString>& tagsDict() const { return m_tagsDict; }
     void setTagsDict(const QMap<QString, QString>& tags);
 
-    const QImage& artwork() const { return m_artwork; }
-    void setArtwork(const QImage& image) { m_artwork = image; }
+    const MDB_Image& artwork() const { return m_artwork; }
+    void setArtwork(const MDB_Image& image) { m_artwork = image; }
     const QUrl& artworkURL() const { return m_artworkURL; }
     void setArtworkURL(const QUrl& url) { m_artworkURL = url; }
     qint64 artworkIndex() const { return m_artworkIndex; }
@@ -151,8 +153,8 @@ public:
     const QList<QUrl>& artworkFullsizeURLs() const { return m_artworkFullsizeURLs; }
     void setArtworkFullsizeURLs(const QList<QUrl>& urls) { m_artworkFullsizeURLs = urls; }
 
-    const QImage& backdrop() const { return m_backdrop; }
-    void setBackdrop(const QImage& image) { m_backdrop = image; }
+    const MDB_Image& backdrop() const { return m_backdrop; }
+    void setBackdrop(const MDB_Image& image) { m_backdrop = image; }
     const QUrl& backdropURL() const { return m_backdropURL; }
     void setBackdropURL(const QUrl& url) { m_backdropURL = url; }
     const QList<QUrl>& backdropThumbURLs() const { return m_backdropThumbURLs; }
@@ -200,18 +202,18 @@ private:
     // is this record.
     bool copyTagsFrom(const MDB_Metadata& other);
     void copyNumericFields(const MDB_Metadata& other);
-    bool takeArtwork(const QImage& image, const QUrl& url, qint64 index);
+    bool takeArtwork(const MDB_Image& image, const QUrl& url, qint64 index);
     void clearArtwork();
 
     QString m_presetName;
     QString m_sourcePath;
     QMap<QString, QString> m_tagsDict;
-    QImage m_artwork;
+    MDB_Image m_artwork;
     QUrl m_artworkURL;
     qint64 m_artworkIndex = -1;
     QList<QUrl> m_artworkThumbURLs;
     QList<QUrl> m_artworkFullsizeURLs;
-    QImage m_backdrop;
+    MDB_Image m_backdrop;
     QUrl m_backdropURL;
     QList<QUrl> m_backdropThumbURLs;
     QList<QUrl> m_backdropFullsizeURLs;

@@ -11,7 +11,6 @@
 #include "metadata/TagNames.h"
 #include "mp4/mp4.h"
 
-#include <QBuffer>
 #include <QFile>
 #include <QRegularExpression>
 
@@ -107,22 +106,12 @@ private:
     const MP4Tags* m_tags;
 };
 
-QByteArray pngBytes(const QImage& image) {
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    if (!image.save(&buffer, "PNG"))
-        return {};
-    return bytes;
-}
-
-void writeArtwork(const MDB_Metadata& record, const MP4Tags* tags) {
+// Cover art is written as one PNG image: the artwork's own bytes when it is
+// one, else a conversion made before anything is written.
+void writeArtwork(const MDB_Metadata& record, const QByteArray& png, const MP4Tags* tags) {
     if (!record.isArtworkEdited())
         return;
-    if (!record.artwork().isNull()) {
-        const QByteArray png = pngBytes(record.artwork());
-        if (png.isEmpty())
-            return;
+    if (!png.isEmpty()) {
         MP4TagArtwork art;
         art.data = const_cast<char*>(png.constData());
         art.size = uint32_t(png.size());
@@ -244,11 +233,11 @@ QString fileText(const char* value) {
     return MDB_Metadata::stringFromMetadata(QByteArrayView(value, qsizetype(std::strlen(value))));
 }
 
-QImage imageFromArtwork(const MP4TagArtwork& art) {
+MDB_Image imageFromArtwork(const MP4TagArtwork& art) {
     if (!art.data || !art.size)
         return {};
-    return QImage::fromData(
-        QByteArray::fromRawData(static_cast<const char*>(art.data), qsizetype(art.size)));
+    // A deep copy: the image outlives the tags it is read from.
+    return MDB_Image::fromData(QByteArray(static_cast<const char*>(art.data), qsizetype(art.size)));
 }
 
 QByteArray localPath(const QUrl& url) {
@@ -261,9 +250,27 @@ QString MDB_Metadata::getGenreFromID(int genreID) {
     return MDB_Genres::getGenreFromID(genreID);
 }
 
-bool MDB_Metadata::writeMetadataToFile(MP4FileHandle handle, bool isTV) const {
-    if (!handle)
+bool MDB_Metadata::writeMetadataToFile(MP4FileHandle handle, bool isTV, QString* error) const {
+    if (!handle) {
+        if (error)
+            *error = QStringLiteral("no file to write the tags to");
         return false;
+    }
+    QByteArray png;
+    if (m_isArtworkEdited && !m_artwork.isNull()) {
+        QString why;
+        png = m_artwork.pngData(&why);
+        if (png.isEmpty()) {
+            const QString message =
+                QStringLiteral("The cover art cannot be written as PNG: %1; no tags were written.")
+                    .arg(why);
+            if (error)
+                *error = message;
+            else
+                qWarning("Tarnwick: %s", qPrintable(message));
+            return false;
+        }
+    }
     const MP4Tags* tags = MP4TagsAlloc();
     // Fetched first so that items this record does not know survive the store.
     MP4TagsFetch(tags, handle);
@@ -318,7 +325,7 @@ bool MDB_Metadata::writeMetadataToFile(MP4FileHandle handle, bool isTV) const {
     w.text(MP4TagsSetSortComposer, TagName::SortComposer);
     w.text(MP4TagsSetSortTVShow, TagName::SortTVShow);
 
-    writeArtwork(*this, tags);
+    writeArtwork(*this, png, tags);
     MP4TagsStore(tags, handle);
     MP4TagsFree(tags);
 
@@ -413,7 +420,7 @@ bool MDB_Metadata::readMetaDataFromFile(MP4FileHandle handle, bool isTV) {
 
     const bool hasArtwork = tags->artworkCount > 0 && tags->artwork;
     if (hasArtwork) {
-        const QImage image = imageFromArtwork(tags->artwork[0]);
+        const MDB_Image image = imageFromArtwork(tags->artwork[0]);
         if (!image.isNull())
             m_artwork = image;
     }
@@ -462,11 +469,11 @@ bool MDB_Metadata::readMetaDataFromFile(MP4FileHandle handle, bool isTV) {
     return hasArtwork;
 }
 
-QImage MDB_Metadata::readImageFromFile(const QUrl& url) {
+MDB_Image MDB_Metadata::readImageFromFile(const QUrl& url) {
     MP4FileHandle handle = MP4Read(localPath(url).constData());
     if (!handle)
         return {};
-    QImage image;
+    MDB_Image image;
     const MP4Tags* tags = MP4TagsAlloc();
     if (MP4TagsFetchArtwork(tags, handle) && tags->artworkCount > 0 && tags->artwork)
         image = imageFromArtwork(tags->artwork[0]);

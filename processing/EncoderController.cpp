@@ -111,7 +111,7 @@ bool EncoderController::encodeMovie(std::shared_ptr<MDI_Media> movie) {
     refreshInformation(movie.get());
     reportStatusUpdate();
 
-    setThumbnail(movie->metaData() ? movie->metaData()->artwork() : QImage());
+    setThumbnail(movie->metaData() ? movie->metaData()->artwork() : MDB_Image());
     setTitleField(movie->name());
     setHdsdField(outputHD ? (movie->createHDSD() ? QStringLiteral("HD-SD") : QStringLiteral("HD"))
                           : QStringLiteral("SD"));
@@ -456,7 +456,7 @@ void EncoderController::setHdsdField(const QString& text) {
     emit hdsdFieldChanged(text);
 }
 
-void EncoderController::setThumbnail(const QImage& image) {
+void EncoderController::setThumbnail(const MDB_Image& image) {
     if (image == m_thumbnail)
         return;
     m_thumbnail = image;

@@ -1,10 +1,9 @@
 #pragma once
 
 #include "core/AMShellWrapper.h"
+#include "core/MDB_Image.h"
 #include "processing/JobDelegates.h"
 #include "processing/JobDisplay.h"
-
-#include <QImage>
 
 #include <memory>
 
@@ -22,7 +21,7 @@ class EncoderController : public JobDisplay,
                           public StatusDelegate {
     Q_OBJECT
     Q_PROPERTY(QString hdsdField READ hdsdField NOTIFY hdsdFieldChanged)
-    Q_PROPERTY(QImage thumbnail READ thumbnail NOTIFY thumbnailChanged)
+    Q_PROPERTY(MDB_Image thumbnail READ thumbnail NOTIFY thumbnailChanged)
 public:
     explicit EncoderController(QObject* parent = nullptr);
     ~EncoderController() override;
@@ -50,7 +49,7 @@ public:
     const std::shared_ptr<MDI_Media>& curMovie() const { return m_curMovie; }
 
     const QString& hdsdField() const { return m_hdsdField; }
-    const QImage& thumbnail() const { return m_thumbnail; }
+    const MDB_Image& thumbnail() const { return m_thumbnail; }
 
     // Process runner callbacks.
     void processStarted(AMShellWrapper* runner) override;
@@ -69,11 +68,11 @@ public:
 
 signals:
     void hdsdFieldChanged(const QString& text);
-    void thumbnailChanged(const QImage& image);
+    void thumbnailChanged(const MDB_Image& image);
 
 private:
     void setHdsdField(const QString& text);
-    void setThumbnail(const QImage& image);
+    void setThumbnail(const MDB_Image& image);
     // "(Transcoding HD)", "(Transcoding SD)" or "(Transcoding)" for the pass
     // the movie is in.
     static QString transcodingText(const MDI_Media& movie);
@@ -104,5 +103,5 @@ private:
     // Bumped by a stop so that passes scheduled before it do not start.
     quint64 m_runGeneration = 0;
     QString m_hdsdField;
-    QImage m_thumbnail;
+    MDB_Image m_thumbnail;
 };

@@ -1,3 +1,4 @@
+#include "ImageTestSupport.h"
 #include "core/MDB_Utility.h"
 
 #include "core/PropertyList.h"
@@ -308,8 +309,7 @@ protected:
 };
 
 TEST_F(TempFolderTest, CopyImageWritesPngOnceAndReportsExisting) {
-    QImage image(64, 32, QImage::Format_RGB32);
-    image.fill(Qt::red);
+    const MDB_Image image = imagetest::png(imagetest::solid(64, 32, Qt::red));
     bool existed = true;
     const QUrl url = MDB_Utility::copyImageToTemp(image, "poster", &existed);
     EXPECT_FALSE(existed);
@@ -320,10 +320,13 @@ TEST_F(TempFolderTest, CopyImageWritesPngOnceAndReportsExisting) {
     EXPECT_EQ(back.size(), QSize(64, 32));
     EXPECT_EQ(QColor(back.pixel(3, 3)), QColor(Qt::red));
     EXPECT_EQ(QDir(m_temp.path()).entryList(QDir::Files), QStringList{"poster.png"});
+    // A PNG is copied as it is, not encoded again.
+    QFile written(url.toLocalFile());
+    ASSERT_TRUE(written.open(QIODevice::ReadOnly));
+    EXPECT_EQ(written.readAll(), image.data());
 
     // A second image under the same name is not written.
-    QImage other(8, 8, QImage::Format_RGB32);
-    other.fill(Qt::blue);
+    const MDB_Image other = imagetest::png(imagetest::solid(8, 8, Qt::blue));
     const QUrl again = MDB_Utility::copyImageToTemp(other, "poster", &existed);
     EXPECT_TRUE(existed);
     EXPECT_EQ(again, url);
@@ -332,14 +335,13 @@ TEST_F(TempFolderTest, CopyImageWritesPngOnceAndReportsExisting) {
 
 TEST_F(TempFolderTest, CopyImageFailsForNullImageOrMissingFolder) {
     bool existed = true;
-    EXPECT_TRUE(MDB_Utility::copyImageToTemp(QImage(), "empty", &existed).isEmpty());
+    EXPECT_TRUE(MDB_Utility::copyImageToTemp(MDB_Image(), "empty", &existed).isEmpty());
     EXPECT_FALSE(existed);
     EXPECT_FALSE(QFileInfo::exists(m_temp.filePath("empty.png")));
 
     UserDefaults::standard().setObject(m_temp.filePath("missing/folder"),
                                        SettingsKey::TempDirectory);
-    QImage image(4, 4, QImage::Format_RGB32);
-    image.fill(Qt::green);
+    const MDB_Image image = imagetest::png(imagetest::solid(4, 4, Qt::green));
     EXPECT_TRUE(MDB_Utility::copyImageToTemp(image, "poster", &existed).isEmpty());
 }
 
@@ -375,8 +377,11 @@ TEST_F(TempFolderTest, CopyResourceOfMissingFileAnswersNothing) {
 }
 
 TEST(ImageSize, PixelSize) {
-    EXPECT_EQ(MDB_Utility::imageSize(QImage(300, 450, QImage::Format_ARGB32)), QSize(300, 450));
-    EXPECT_EQ(MDB_Utility::imageSize(QImage()), QSize(0, 0));
+    EXPECT_EQ(MDB_Utility::imageSize(imagetest::png(imagetest::solid(300, 450, Qt::gray))),
+              QSize(300, 450));
+    EXPECT_EQ(MDB_Utility::imageSize(imagetest::jpeg(imagetest::solid(301, 17, Qt::gray))),
+              QSize(301, 17));
+    EXPECT_EQ(MDB_Utility::imageSize(MDB_Image()), QSize(0, 0));
 }
 
 // ---- iTunes library ------------------------------------------------------------------

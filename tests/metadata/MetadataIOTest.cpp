@@ -1,6 +1,7 @@
 // Tag writing and reading on real files made with ffmpeg, checked through the
 // MP4 layer and against AtomicParsley and ffmpeg as independent readers.
 
+#include "ImageTestSupport.h"
 #include "core/PropertyList.h"
 #include "core/SettingsKeys.h"
 #include "core/UserDefaults.h"
@@ -12,7 +13,6 @@
 #include "mp4/Mp4TestMedia.h"
 #include "mp4/mp4.h"
 
-#include <QImage>
 #include <QTemporaryDir>
 #include <QUrl>
 
@@ -299,10 +299,8 @@ TEST_F(MetadataIO, NumericGenreGivesWayToTheTextGenre) {
 }
 
 TEST_F(MetadataIO, CoverArtIsTouchedOnlyWhenEdited) {
-    QImage red(40, 30, QImage::Format_RGB32);
-    red.fill(Qt::red);
-    QImage blue(20, 20, QImage::Format_RGB32);
-    blue.fill(Qt::blue);
+    const MDB_Image red = imagetest::png(imagetest::solid(40, 30, Qt::red));
+    const MDB_Image blue = imagetest::png(imagetest::solid(20, 20, Qt::blue));
 
     MDB_Metadata r = bare();
     r.setArtwork(red);
@@ -318,7 +316,7 @@ TEST_F(MetadataIO, CoverArtIsTouchedOnlyWhenEdited) {
     MDB_Metadata back = read(false, &had);
     EXPECT_TRUE(had);
     EXPECT_EQ(back.artwork().size(), QSize(40, 30));
-    EXPECT_EQ(back.artwork().pixelColor(5, 5), QColor(Qt::red));
+    EXPECT_EQ(imagetest::decoded(back.artwork()).pixelColor(5, 5), QColor(Qt::red));
 
     // Not edited: neither a missing nor a different picture changes the file.
     MDB_Metadata untouched = bare();
@@ -334,7 +332,7 @@ TEST_F(MetadataIO, CoverArtIsTouchedOnlyWhenEdited) {
     const auto art = MDB_Artwork::readArtworkFromFile(QUrl::fromLocalFile(m_path));
     ASSERT_TRUE(art);
     EXPECT_EQ(art->artwork.size(), QSize(20, 20));
-    EXPECT_EQ(art->artwork.pixelColor(1, 1), QColor(Qt::blue));
+    EXPECT_EQ(imagetest::decoded(art->artwork).pixelColor(1, 1), QColor(Qt::blue));
 
     MDB_Metadata cleared = bare();
     cleared.setIsArtworkEdited(true);
@@ -515,9 +513,7 @@ TEST_F(MetadataIO, IndependentReadersSeeOurTags) {
     write(r);
     // Tags alone leave every media packet as it was.
     EXPECT_EQ(packetHash(m_path), before);
-    QImage art(32, 32, QImage::Format_RGB32);
-    art.fill(Qt::green);
-    r.setArtwork(art);
+    r.setArtwork(imagetest::png(imagetest::solid(32, 32, Qt::green)));
     r.setIsArtworkEdited(true);
     write(r);
 

@@ -3,6 +3,7 @@
 // iTunes move, the next ready movie, and pause, resume and stop — with the
 // real encoder tool on generated samples, and with a scripted stand-in where
 // the tool's report has to be exact.
+#include "ImageTestSupport.h"
 #include "ProcessingTestSupport.h"
 #include "TestSupport.h"
 
@@ -287,8 +288,7 @@ struct Panel : InformationPanel {
 TEST_F(EncoderJob, InformationPanelShowingTheMovieIsRefreshedLater) {
     useScriptedEncoder(reportingFrames(75, 75));
     auto movie = scannedMovie(QStringLiteral("Movie.m4v"));
-    QImage poster(4, 6, QImage::Format_RGB32);
-    poster.fill(Qt::red);
+    const MDB_Image poster = imagetest::png(imagetest::solid(4, 6, Qt::red));
     movie->getMetadata()->setArtwork(poster);
     Panel panel;
     panel.shown = movie.get();

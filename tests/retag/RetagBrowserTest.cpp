@@ -2,6 +2,7 @@
 // matched against the loopback movie database, their own tags read back and
 // written again in place.
 
+#include "ImageTestSupport.h"
 #include "RetagTestSupport.h"
 
 #include "core/Notifications.h"
@@ -206,7 +207,7 @@ TEST_F(RetagBrowserTest, SkipTaggingShowsTheFilesOwnTagsWithoutARequest) {
     EXPECT_EQ(movie->getTag(tag(TagName::ReleaseDate)), "1999-01-02");
     EXPECT_TRUE(movie->getTag(tag(TagName::TMDbID)).isEmpty());
     EXPECT_TRUE(movie->searchList().isEmpty());
-    EXPECT_EQ(movie->metaData()->artwork().pixelColor(5, 5), QColor(Qt::red));
+    EXPECT_EQ(imagetest::decoded(movie->metaData()->artwork()).pixelColor(5, 5), QColor(Qt::red));
     EXPECT_EQ(browser->images().at(0).title, "Lights Over The Harbour");
     EXPECT_EQ(browser->images().at(0).image, Resources::path("MovieTicket.png"));
     // A file that is no movie fails its scan as in the encode browser.
@@ -227,7 +228,7 @@ TEST_F(RetagBrowserTest, AFileWithACoverKeepsItAfterTheLookup) {
     EXPECT_EQ(movie->getTag(tag(TagName::TMDbID)), "100004");
     // The database offers its poster, but the file's own stays chosen.
     EXPECT_GT(movie->numberOfPosters(), 1);
-    const QImage cover = movie->metaData()->artwork();
+    const QImage cover = imagetest::decoded(movie->metaData()->artwork());
     EXPECT_EQ(cover.size(), QSize(48, 72));
     EXPECT_EQ(cover.pixelColor(10, 10), QColor(Qt::blue));
     EXPECT_TRUE(movie->metaData()->getArtworkURL().isLocalFile());
