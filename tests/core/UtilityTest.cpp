@@ -345,6 +345,27 @@ TEST_F(TempFolderTest, CopyImageFailsForNullImageOrMissingFolder) {
     EXPECT_TRUE(MDB_Utility::copyImageToTemp(image, "poster", &existed).isEmpty());
 }
 
+TEST_F(TempFolderTest, CopyImageConvertsAJpegAndWritesNothingWithoutTheCodec) {
+    const MDB_Image jpeg = imagetest::jpeg(imagetest::gradient(50, 20));
+    ASSERT_EQ(jpeg.format(), MDB_Image::Format::Jpeg);
+    bool existed = true;
+    {
+        imagetest::CodecMovedTo moved(m_source.filePath("no-codec-here"));
+        EXPECT_TRUE(MDB_Utility::copyImageToTemp(jpeg, "cover", &existed).isEmpty());
+    }
+    EXPECT_FALSE(existed);
+    EXPECT_TRUE(QDir(m_temp.path()).entryList(QDir::Files | QDir::Hidden).isEmpty());
+
+    const QUrl url = MDB_Utility::copyImageToTemp(jpeg, "cover", &existed);
+    ASSERT_EQ(url.toLocalFile(), m_temp.filePath("cover.png"));
+    QString error;
+    const MDB_Image written = MDB_Image::fromFile(url.toLocalFile(), &error);
+    ASSERT_FALSE(written.isNull()) << error.toStdString();
+    EXPECT_EQ(written.format(), MDB_Image::Format::Png);
+    EXPECT_EQ(written.size(), QSize(50, 20));
+    EXPECT_TRUE(written.hasSamePixels(jpeg));
+}
+
 TEST_F(TempFolderTest, CopyResourceReusesExistingCopy) {
     const QString sourcePath = m_source.filePath("Certifications.plist");
     {

@@ -344,6 +344,82 @@ TEST_F(MetadataIO, CoverArtIsTouchedOnlyWhenEdited) {
     EXPECT_FALSE(MDB_Artwork::readArtworkFromFile(QUrl::fromLocalFile(m_path)));
 }
 
+// The cover is one PNG image: a PNG artwork's own bytes, anything else (a
+// JPEG poster as the movie database serves it) converted at its pixel size.
+TEST_F(MetadataIO, CoverArtReachesTheFileAsPng) {
+    const MDB_Image png = imagetest::png(imagetest::gradient(40, 30));
+    MDB_Metadata r = bare();
+    r.setArtwork(png);
+    r.setIsArtworkEdited(true);
+    write(r);
+    inspect([&](const MP4Tags* t) {
+        ASSERT_EQ(t->artworkCount, 1u);
+        EXPECT_EQ(t->artwork[0].type, MP4_ART_PNG);
+        EXPECT_EQ(
+            QByteArray(static_cast<const char*>(t->artwork[0].data), qsizetype(t->artwork[0].size)),
+            png.data());
+    });
+
+    const MDB_Image jpeg = imagetest::jpeg(imagetest::gradient(90, 134));
+    ASSERT_EQ(jpeg.format(), MDB_Image::Format::Jpeg);
+    r.setArtwork(jpeg);
+    write(r);
+    inspect([](const MP4Tags* t) {
+        ASSERT_EQ(t->artworkCount, 1u);
+        EXPECT_EQ(t->artwork[0].type, MP4_ART_PNG);
+    });
+    const MDB_Image back = MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(m_path));
+    EXPECT_EQ(back.format(), MDB_Image::Format::Png);
+    EXPECT_EQ(back.size(), QSize(90, 134));
+    EXPECT_TRUE(back.hasSamePixels(jpeg));
+
+    if (!haveTool("AtomicParsley") || !haveTool("ffprobe"))
+        GTEST_SKIP() << "AtomicParsley or ffprobe missing";
+    const RunResult ap = run("AtomicParsley", {m_path, "-t"});
+    EXPECT_TRUE(ap.out.contains("Atom \"covr\" contains: 1 piece of artwork"))
+        << ap.out.toStdString();
+    const RunResult probe =
+        run("ffprobe", {"-v", "error", "-select_streams", "v", "-show_entries",
+                        "stream=codec_name,width,height:stream_disposition=attached_pic", "-of",
+                        "default=nw=1", m_path});
+    ASSERT_EQ(probe.exitCode, 0) << probe.err.toStdString();
+    const QString streams = QString::fromUtf8(probe.out);
+    const qsizetype cover = streams.indexOf("codec_name=png");
+    ASSERT_GE(cover, 0) << qPrintable(streams);
+    EXPECT_TRUE(streams.mid(cover).startsWith("codec_name=png\nwidth=90\nheight=134\n"))
+        << qPrintable(streams);
+    EXPECT_TRUE(streams.mid(cover).contains("attached_pic=1")) << qPrintable(streams);
+}
+
+TEST_F(MetadataIO, ACoverThatCannotBecomePngWritesNothing) {
+    MDB_Metadata before = bare();
+    before.setTag("Before", TagName::Name);
+    before.setArtwork(imagetest::png(imagetest::solid(10, 10, Qt::red)));
+    before.setIsArtworkEdited(true);
+    write(before);
+
+    MDB_Metadata r = bare();
+    r.setTag("After", TagName::Name);
+    r.setArtwork(imagetest::jpeg(imagetest::gradient(16, 16)));
+    r.setIsArtworkEdited(true);
+    QString error;
+    {
+        imagetest::CodecMovedTo moved(m_dir.filePath("no-codec"));
+        MP4FileHandle h = MP4Modify(path().constData());
+        ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
+        EXPECT_FALSE(r.writeMetadataToFile(h, false, &error));
+        MP4Close(h);
+        EXPECT_TRUE(error.contains(MDB_Image::codecPath())) << error.toStdString();
+    }
+    EXPECT_TRUE(error.contains("no tags were written")) << error.toStdString();
+
+    bool had = false;
+    const MDB_Metadata back = read(false, &had);
+    EXPECT_EQ(back.getTag(TagName::Name), "Before");
+    EXPECT_TRUE(had);
+    EXPECT_EQ(back.artwork().size(), QSize(10, 10));
+}
+
 TEST_F(MetadataIO, RatingItemCarriesTheAnnotationAndIsTranslatedOnReading) {
     MDB_Metadata r = bare();
     r.setTag("mpaa|PG-13|300|", TagName::Rating);
