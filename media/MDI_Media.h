@@ -96,8 +96,9 @@ public:
     // Writes the record's tags into the file at `outPath` and labels the
     // file's audio and subtitle tracks after the main title's included tracks
     // (status 11 while writing, 12 when done, 0 with a warning when the file
-    // cannot be opened).
-    void writeMetadataToFile(bool isTV);
+    // cannot be opened). `freshOutput`: the file is an encode just made, not
+    // yet on disk itself, so the write skips its syncs.
+    void writeMetadataToFile(bool isTV, bool freshOutput = false);
     // Reads a file's tags into the record: the file at `inPath`, else at
     // `outPath`. Cover art is copied into the scratch folder and selected.
     void readMetadataFromFile(bool isTV);

@@ -86,10 +86,11 @@ const char* const MDI_Media::kReadFailed =
     "Unable to access the movie file! The file was missing, unable to be opened, or an "
     "unsupported format.";
 
-void MDI_Media::writeMetadataToFile(bool isTV) {
+void MDI_Media::writeMetadataToFile(bool isTV, bool freshOutput) {
     MP4FileHandle handle = m_outPath.isEmpty()
                                ? MP4_INVALID_FILE_HANDLE
-                               : MP4Modify(QFile::encodeName(m_outPath).constData());
+                               : MP4Modify(QFile::encodeName(m_outPath).constData(),
+                                           freshOutput ? MP4_MODIFY_FRESH_OUTPUT : 0);
     if (handle == MP4_INVALID_FILE_HANDLE) {
         m_status = 0;
         m_warnings = QString::fromLatin1(kWriteFailed);

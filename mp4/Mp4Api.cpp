@@ -39,7 +39,7 @@ Box* Handle::trak(MP4TrackId id) const {
 
 namespace {
 
-Handle* openHandle(const char* fileName, bool writable) {
+Handle* openHandle(const char* fileName, bool writable, bool syncedWrites = true) {
     if (!fileName) {
         qCWarning(lcMp4) << "MP4 open: no file name";
         return nullptr;
@@ -50,6 +50,7 @@ Handle* openHandle(const char* fileName, bool writable) {
         qCInfo(lcMp4).noquote() << "MP4 open failed:" << QString::fromStdString(error);
         return nullptr;
     }
+    file->setSyncedWrites(syncedWrites);
     auto* h = new Handle;
     h->file = std::move(file);
     return h;
@@ -380,8 +381,8 @@ MP4FileHandle MP4Read(const char* fileName) {
     return openHandle(fileName, false);
 }
 
-MP4FileHandle MP4Modify(const char* fileName, uint32_t) {
-    return openHandle(fileName, true);
+MP4FileHandle MP4Modify(const char* fileName, uint32_t flags) {
+    return openHandle(fileName, true, !(flags & MP4_MODIFY_FRESH_OUTPUT));
 }
 
 void MP4Close(MP4FileHandle hFile, uint32_t) {

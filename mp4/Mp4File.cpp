@@ -245,6 +245,9 @@ bool File::writeAll(uint64_t offset, const uint8_t* p, size_t n, WriteStats* sta
 }
 
 bool File::sync() {
+    if (!m_syncedWrites)
+        return true;
+    step("fdatasync");
     // Filesystems that cannot sync (some network and FUSE mounts) still get
     // the ordered writes; only a real I/O error stops the write.
     return ::fdatasync(m_fd) == 0 || errno == EINVAL || errno == ENOTSUP;

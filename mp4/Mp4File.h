@@ -51,6 +51,8 @@ public:
 
     Box* moov() const { return m_moov.get(); }
     void setDirty() { m_dirty = true; }
+    // Off: the moov write is ordered but not synced (for fresh output files).
+    void setSyncedWrites(bool on) { m_syncedWrites = on; }
     bool dirty() const { return m_dirty; }
 
     // Reads bytes outside moov (sample data for chapter titles).
@@ -70,6 +72,7 @@ private:
     int m_fd = -1;
     bool m_writable = false;
     bool m_dirty = false;
+    bool m_syncedWrites = true;
     uint64_t m_fileSize = 0;
     std::vector<TopLevelBox> m_top;
     std::unique_ptr<Box> m_moov;

@@ -56,6 +56,9 @@ typedef uint64_t MP4Duration;
 // --- files ------------------------------------------------------------------
 
 MP4FileHandle MP4Read(const char* fileName);
+// MP4Modify flag: the file is output just made by another program and not
+// on disk itself yet, so ordering the moov write with syncs protects nothing.
+#define MP4_MODIFY_FRESH_OUTPUT 0x00000001
 MP4FileHandle MP4Modify(const char* fileName, uint32_t flags = 0);
 // Writes the pending changes of a Modify handle (moov only, crash-safe), then closes.
 void MP4Close(MP4FileHandle hFile, uint32_t flags = 0);

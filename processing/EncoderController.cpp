@@ -278,7 +278,7 @@ void EncoderController::stdError(const QString& text) {
 
 void EncoderController::tagOutput(MDI_Media& movie) {
     movie.setStatus(11);
-    movie.writeMetadataToFile(false);
+    movie.writeMetadataToFile(false, true);
     movie.setStatus(12);
 }
 

@@ -71,8 +71,9 @@ QByteArray art(int side, int seed = 1) {
 }
 
 // Writes a name and one piece of art (empty ones remove); false when the file would not open.
-bool writeTags(const std::string& path, const std::string& name, const QByteArray& art) {
-    MP4FileHandle h = MP4Modify(path.c_str());
+bool writeTags(const std::string& path, const std::string& name, const QByteArray& art,
+               uint32_t modifyFlags = 0) {
+    MP4FileHandle h = MP4Modify(path.c_str(), modifyFlags);
     if (!h)
         return false;
     const MP4Tags* t = MP4TagsAlloc();
@@ -375,6 +376,29 @@ TEST_F(Mp4Write, FilesOverFourGigabytesWithCo64) {
     EXPECT_LT(o.moovOffset, o.mdatOffset);
     EXPECT_EQ(packetHash(QString::fromStdString(path)), packets);
     EXPECT_EQ(readTags(path).name, "Huge");
+}
+
+// A fresh encode is not on disk itself yet, so its tag write skips the
+// syncs; an existing file's write keeps them. Both give the same file.
+TEST_F(Mp4Write, FreshOutputWritesWithoutSyncsAndTheSameResult) {
+    int syncs = 0;
+    setWriteStepHook([&syncs](const char* step) {
+        if (std::strcmp(step, "fdatasync") == 0)
+            ++syncs;
+    });
+    const std::string durable = copy(aacSample(), "durable");
+    const std::string fresh = copy(aacSample(), "fresh");
+    EXPECT_TRUE(writeTags(durable, "Harbour", art(300, 4)));
+    const int durableSyncs = syncs;
+    syncs = 0;
+    EXPECT_TRUE(writeTags(fresh, "Harbour", art(300, 4), MP4_MODIFY_FRESH_OUTPUT));
+    const int freshSyncs = syncs;
+    setWriteStepHook({});
+    EXPECT_GE(durableSyncs, 2);
+    EXPECT_EQ(freshSyncs, 0);
+    EXPECT_EQ(readAll(QString::fromStdString(fresh)), readAll(QString::fromStdString(durable)));
+    EXPECT_EQ(readTags(fresh).name, "Harbour");
+    EXPECT_TRUE(ffmpegPlays(QString::fromStdString(fresh)));
 }
 
 // Stops a writer right after each step of the protocol (as a kill there
