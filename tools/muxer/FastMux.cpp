@@ -182,7 +182,6 @@ struct FastMux::Impl {
         int64_t from = 0;
         int64_t size = 0;
         double time = 0;
-        size_t track = 0;
         int64_t to = 0;
     };
     std::vector<Chunk> chunks;
@@ -389,7 +388,6 @@ bool FastMux::Impl::keepTracks(const File& converted, const Box* standby, std::s
                 Chunk chunk;
                 chunk.from = int64_t(readBE(co, 8 + (c - 1) * size_t(width), width));
                 chunk.time = double(time) / double(mediaScale) + shift;
-                chunk.track = kept;
                 for (uint64_t k = 0; k < perChunk && sample < samples; ++k, ++sample) {
                     chunk.size += int64_t(uniform ? uniform : readBE(sz, 12 + sample * 4, 4));
                     while (leftInEntry == 0 && timeEntry + 1 < times)
