@@ -4,6 +4,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
+#include <QMutex>
 #include <QSaveFile>
 #include <QTimeZone>
 
@@ -11,6 +13,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace {
 
@@ -190,6 +193,37 @@ QVariant readFile(const QString& path, QString* error) {
         return {};
     }
     return fromData(f.readAll(), error);
+}
+
+QVariant readFileCached(const QString& path, QString* error) {
+    struct Parsed {
+        dev_t device;
+        ino_t inode;
+        off_t size;
+        timespec modified;
+        QVariant value;
+    };
+    static QMutex mutex;
+    static QHash<QString, Parsed> parsed;
+    struct stat st {};
+    const bool stamped = ::stat(QFile::encodeName(path).constData(), &st) == 0;
+    auto same = [&st](const Parsed& c) {
+        return c.device == st.st_dev && c.inode == st.st_ino && c.size == st.st_size &&
+               c.modified.tv_sec == st.st_mtim.tv_sec && c.modified.tv_nsec == st.st_mtim.tv_nsec;
+    };
+    if (stamped) {
+        QMutexLocker lock(&mutex);
+        const auto it = parsed.constFind(path);
+        if (it != parsed.constEnd() && same(*it))
+            return it->value;
+    }
+    // A change between the stat and the read only costs the next call a read.
+    QVariant v = readFile(path, error);
+    if (v.isValid() && stamped) {
+        QMutexLocker lock(&mutex);
+        parsed.insert(path, {st.st_dev, st.st_ino, st.st_size, st.st_mtim, v});
+    }
+    return v;
 }
 
 QByteArray toXml(const QVariant& value) {

@@ -15,6 +15,10 @@ QVariant fromData(const QByteArray& bytes, QString* error = nullptr);
 
 // Reads a property-list file; an invalid QVariant when it is missing or corrupt.
 QVariant readFile(const QString& path, QString* error = nullptr);
+// readFile for tables consulted many times a run: the parsed value is kept
+// and the file read again only when it changed on disk (another file, size
+// or modification time).
+QVariant readFileCached(const QString& path, QString* error = nullptr);
 
 // Serialises a value as an XML property list.
 QByteArray toXml(const QVariant& value);

@@ -4,14 +4,9 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
-#include <QHash>
-#include <QMutex>
 #include <QSet>
 #include <QtGlobal>
-
-#include <sys/stat.h>
 
 namespace Resources {
 
@@ -59,38 +54,11 @@ QVariant loadPropertyList(const QString& name) {
     const QString p = path(name);
     if (p.isEmpty())
         return {};
-    // The shipped tables are consulted by several steps of every movie: each
-    // is parsed once, and again only when the file on disk changes.
-    struct Parsed {
-        dev_t device;
-        ino_t inode;
-        off_t size;
-        timespec modified;
-        QVariant value;
-    };
-    static QMutex mutex;
-    static QHash<QString, Parsed> parsed;
-    const QByteArray encoded = QFile::encodeName(p);
-    struct stat st {};
-    const bool stamped = ::stat(encoded.constData(), &st) == 0;
-    auto same = [&st](const Parsed& c) {
-        return c.device == st.st_dev && c.inode == st.st_ino && c.size == st.st_size &&
-               c.modified.tv_sec == st.st_mtim.tv_sec && c.modified.tv_nsec == st.st_mtim.tv_nsec;
-    };
-    if (stamped) {
-        QMutexLocker lock(&mutex);
-        const auto it = parsed.constFind(p);
-        if (it != parsed.constEnd() && same(*it))
-            return it->value;
-    }
+    // The shipped tables are consulted by several steps of every movie.
     QString error;
-    QVariant v = PropertyList::readFile(p, &error);
-    if (!v.isValid()) {
+    QVariant v = PropertyList::readFileCached(p, &error);
+    if (!v.isValid())
         qWarning("Tarnwick: cannot read %s: %s", qPrintable(p), qPrintable(error));
-    } else if (stamped) {
-        QMutexLocker lock(&mutex);
-        parsed.insert(p, {st.st_dev, st.st_ino, st.st_size, st.st_mtim, v});
-    }
     return v;
 }
 

@@ -22,7 +22,8 @@ std::optional<QVariantMap> readRoot(const QString& path) {
     if (path.isEmpty() || !QFileInfo::exists(path))
         return std::nullopt;
     QString error;
-    const QVariant root = PropertyList::readFile(path, &error);
+    // Several steps of every movie ask for the presets.
+    const QVariant root = PropertyList::readFileCached(path, &error);
     if (root.typeId() != QMetaType::QVariantMap) {
         qWarning("Tarnwick: cannot read the presets in %s: %s", qPrintable(path),
                  qPrintable(error.isEmpty() ? QStringLiteral("not a dictionary") : error));
