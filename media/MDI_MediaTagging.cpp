@@ -98,8 +98,16 @@ void MDI_Media::writeMetadataToFile(bool isTV, bool freshOutput) {
     }
     m_status = 11;
     assignExtraMetadata();
-    getMetadata()->writeMetadataToFile(handle, isTV);
+    QString error;
+    const bool written = getMetadata()->writeMetadataToFile(handle, isTV, &error);
     extractExtraMetadata();
+    if (!written) {
+        // Nothing was changed in the file: close it as it is and say why.
+        MP4Close(handle, MP4_CLOSE_DO_NOT_COMPUTE_BITRATE);
+        m_status = 0;
+        m_warnings = error;
+        return;
+    }
 
     QList<FileTrack> tracks;
     const uint32_t count = MP4GetNumberOfTracks(handle);

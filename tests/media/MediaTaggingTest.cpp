@@ -4,6 +4,7 @@
 #include "metadata/TagNames.h"
 #include "mp4/Mp4TestMedia.h"
 #include "mp4/mp4.h"
+#include "support/ImageTestSupport.h"
 
 #include <QTemporaryDir>
 
@@ -183,6 +184,31 @@ TEST_F(MediaTaggingTest, MissingFilesLeaveTheMessages) {
     EXPECT_EQ(reader.warnings(), QStringLiteral("Unable to access the movie file! The file was "
                                                 "missing, unable to be opened, or an unsupported "
                                                 "format."));
+}
+
+// A JPEG cover needs the codec module to become PNG; without it the item
+// fails with the reason and the file keeps its tags and track names.
+TEST_F(MediaTaggingTest, ACoverThatCannotBeWrittenFailsTheItemAndLeavesTheFile) {
+    const QByteArray before = mp4test::readAll(file);
+    std::vector<std::unique_ptr<AudioTrack>> tracks;
+    tracks.push_back(audio("English", "eng", true, false));
+    auto movie = item(std::move(tracks), {});
+    movie->setTag(QStringLiteral("Heat"), QLatin1String(TagName::Name));
+    movie->getMetadata()->setArtwork(imagetest::jpeg(imagetest::gradient(20, 30)));
+    movie->getMetadata()->setIsArtworkEdited(true);
+    {
+        imagetest::CodecMovedTo moved(dir.filePath(QStringLiteral("no-codec")));
+        movie->writeMetadataToFile(false);
+    }
+    EXPECT_EQ(movie->status(), 0);
+    EXPECT_TRUE(movie->warnings().contains(QStringLiteral("no tags were written")))
+        << movie->warnings().toStdString();
+    EXPECT_EQ(mp4test::readAll(file), before);
+
+    // With the module back the same item writes its cover as a PNG.
+    movie->writeMetadataToFile(false);
+    EXPECT_EQ(movie->status(), 12);
+    EXPECT_EQ(labels(file)[1], (Label{"soun", "eng", "English"}));
 }
 
 TEST_F(MediaTaggingTest, CoverArtReadFromTheFileBecomesTheFirstPoster) {
