@@ -81,6 +81,12 @@ void writeFile(const QString& path, const QByteArray& bytes) {
     f.write(bytes);
 }
 
+QStringList languageSampleCodes() {
+    return {"aze", "oss", "grn", "mah", "vie", "ven", "nob", "fao", "ces",
+            "tur", "ron", "lat", "yor", "sag", "smo", "rus", "jpn", "zho",
+            "ell", "heb", "hin", "tha", "chu", "iii", "ger", "qaa"};
+}
+
 // Sample sources are cached in the build tree. Each is made under a
 // temporary name and renamed into place, so concurrent test processes
 // never see half a file.
@@ -162,6 +168,20 @@ QString sample(const QString& name) {
         runCommand(ff, quiet + QStringList{"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=25",
                                            "-f", "lavfi", "-i", "sine", "-t", "20", "-c:v",
                                            "libx264", "-preset", "ultrafast", "-c:a", "ac3", made});
+    } else if (name == QLatin1String("languages.mkv")) {
+        // One short audio track per language, in scripts from Latin with
+        // diacritics to CJK, and a code HandBrakeCLI does not know.
+        made = w + "/languages.mkv";
+        QStringList args =
+            quiet + QStringList{"-f", "lavfi", "-i",   "testsrc2=size=320x240:rate=25",
+                                "-f", "lavfi", "-i",   "anullsrc=r=48000:cl=mono",
+                                "-t", "1",     "-map", "0:v"};
+        const QStringList codes = languageSampleCodes();
+        for (qsizetype i = 0; i < codes.size(); ++i)
+            args << "-map"
+                 << "1:a" << QString("-metadata:s:a:%1").arg(i) << "language=" + codes[i];
+        runCommand(ff, args + QStringList{"-c:v", "libx264", "-preset", "ultrafast", "-c:a", "aac",
+                                          "-b:a", "24k", made});
     } else if (name == QLatin1String("junk.bin")) {
         made = w + "/junk.bin";
         QByteArray bytes;
@@ -753,6 +773,193 @@ TEST(EncoderToolScan, StopContinueAndTerminateReachTheScan) {
     const qint64 afterEnd = lineCount(ticks);
     QThread::msleep(300);
     EXPECT_EQ(lineCount(ticks), afterEnd) << "the scan outlived the tool";
+}
+
+// The relay runs for every scan, so it must not load Qt (it reads the JSON
+// itself) nor the C++ runtime's shared libraries.
+TEST(EncoderToolScan, RelayLinksNoQt) {
+    QProcess readelf;
+    readelf.start("readelf",
+                  {"-d", QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-encoder-scan")});
+    ASSERT_TRUE(readelf.waitForFinished(20000));
+    const QByteArray dynamic = readelf.readAllStandardOutput();
+    ASSERT_TRUE(dynamic.contains("NEEDED")) << dynamic.toStdString();
+    EXPECT_FALSE(dynamic.contains("Qt6")) << dynamic.toStdString();
+    EXPECT_FALSE(dynamic.contains("libstdc++")) << dynamic.toStdString();
+}
+
+// A title set written by hand: escapes, nesting and the number forms JSON
+// allows, with a duplicated key (the last one counts).
+const QByteArray kHandWrittenTitleSet = R"json({
+    "Extra": [[1, [2.5e-3, [{"a": [null, true, false, "\"\\\/\b\f\n\r\t\u0041"]}]]], {}, []],
+    "MainFeature": 3,
+    "TitleList": [
+        {
+            "AudioList": [
+                {"TrackNumber": 1, "CodecName": "AC3", "ChannelCount": 6, "LFECount": 1,
+                 "Language": "Norsk bokm\u00e5l", "LanguageCode": "NOB",
+                 "SampleRate": 48000, "BitRate": 448000.0},
+                {"TrackNumber": 2147483648, "CodecName": "eac3", "ChannelCount": 8.0,
+                 "LFECount": 1, "Language": "\u65e5\u672c\u8a9e", "LanguageCode": "jpn",
+                 "SampleRate": 4.8E4, "BitRate": 1e0},
+                {"CodecName": "truehd", "ChannelCount": 2, "Language": "Ti\u1ebfng Vi\u1ec7t #1~",
+                 "LanguageCode": "vie"}
+            ],
+            "ChapterList": [{"Duration": {"Hours": 0, "Minutes": 1, "Seconds": 2}}],
+            "Crop": [0, 2E0, 4, 6],
+            "Duration": {"Hours": 1, "Minutes": 2.5, "Seconds": -0},
+            "FrameRate": {"Den": 1001, "Num": 2.4e4},
+            "Geometry": {"Height": 1080, "PAR": {"Den": 1, "Num": 1}, "Width": 1.92e3},
+            "Index": 1,
+            "Index": 3.0,
+            "InterlaceDetected": true,
+            "Path": "/m\u00e9dia/\"x\" \\ \/ \ud83c\udfac.mkv",
+            "SubtitleList": [{"Format": "Bitmap", "SourceName": "VOBSUB (forced)",
+                              "Language": "\u010ce\u0161tina [VOBSUB]", "LanguageCode": "ces"}],
+            "Type": 2,
+            "VideoCodec": "h264"
+        }
+    ]
+})json";
+
+ToolRun scanWithTitleSet(const QByteArray& titleSet) {
+    FakeHandBrake fake("cat \"$0.json\"\n");
+    writeFile(fake.path() + ".json", "JSON Title Set: " + titleSet + '\n');
+    return runTool({"-i", "/x", "-t", "0", "--scan"}, fake.path(), 30000);
+}
+
+TEST(EncoderToolScan, HandWrittenTitleSetIsReadWhetherSpreadOrOnOneLine) {
+    // Whole numbers count in any notation; others, or out of int's range, read as 0.
+    const QByteArray expected = "+ title 3:\n"
+                                "  + Main Feature\n"
+                                "  + stream: /m??dia/\"x\" \\ / ????.mkv\n"
+                                "  + codec: h264\n"
+                                "  + duration: 01:00:00\n"
+                                "  + size: 1920x1080, pixel aspect: 1/1, display aspect: 1.78, "
+                                "23.976 FPS\n"
+                                "  + autocrop: 0/2/4/6\n"
+                                "  + chapters:\n"
+                                "    + 1: duration 00:01:02\n"
+                                "  + audio tracks:\n"
+                                "    + 1, Norsk bokmal (AC3) (5.1 ch) (iso639-2: nob), 48000Hz, "
+                                "448000bps\n"
+                                "    + 0, Japanese (E-AC3) (7.1 ch) (iso639-2: jpn)\n"
+                                "    + 3, Tieng Viet #1~ (TrueHD) (2.0 ch) (iso639-2: vie)\n"
+                                "  + subtitle tracks:\n"
+                                "    + 1, Cestina (iso639-2: ces) (Bitmap)(VOBSUB [forced])\n"
+                                "+ combing detected, may be interlaced or telecined\n"
+                                "HandBrake has exited.\n";
+    QByteArray oneLine = kHandWrittenTitleSet;
+    oneLine.replace('\n', ' ');
+    for (const QByteArray& text : {kHandWrittenTitleSet, oneLine}) {
+        const ToolRun r = scanWithTitleSet(text);
+        ASSERT_TRUE(r.finished);
+        EXPECT_FALSE(r.crashed);
+        EXPECT_EQ(r.exitCode, 0);
+        EXPECT_TRUE(r.err.endsWith(expected)) << r.err.toStdString();
+        EXPECT_EQ(r.err.count("+ title"), 1);
+    }
+}
+
+TEST(EncoderToolScan, MalformedTitleSetsEndInTheNoTitleVerdict) {
+    const QByteArray good = kHandWrittenTitleSet;
+    auto broken = [&](const char* from, const QByteArray& to) {
+        EXPECT_TRUE(good.contains(from)) << from;
+        return QByteArray(good).replace(from, to);
+    };
+    const QList<std::pair<const char*, QByteArray>> cases = {
+        {"trailing comma", broken("\"vie\"}", "\"vie\"},")},
+        {"leading zero", broken("\"Index\": 1,", "\"Index\": 01,")},
+        {"bare fraction", broken("\"Index\": 1,", "\"Index\": .5,")},
+        {"number past double", broken("\"Index\": 1,", "\"Index\": 1e400,")},
+        {"unknown escape", broken("VOBSUB (forced)", "VOBSUB \\x")},
+        {"short unicode escape", broken("\\u00e9dia", "\\u0e dia")},
+        {"lone high surrogate", broken("\\ud83c\\udfac", "\\ud83c")},
+        {"lone low surrogate", broken("\\ud83c\\udfac", "\\udfac")},
+        {"invalid UTF-8", broken("\"h264\"", "\"h\xff"
+                                             "264\"")},
+        {"encoded surrogate", broken("\"h264\"", "\"h\xed\xa0\x80"
+                                                 "264\"")},
+        {"control character in a string", broken("\"h264\"", "\"h\t264\"")},
+        {"bad literal", broken("true", "tru")},
+        {"missing colon", broken("\"Type\": 2", "\"Type\" 2")},
+        {"unquoted key", broken("\"Type\": 2", "Type: 2")},
+        {"unbalanced", broken("\"Crop\": [0, 2E0, 4, 6]", "\"Crop\": [0, 2E0, 4, 6")},
+        {"too deep", broken("\"Extra\": [", "\"Extra\": " + QByteArray(3000, '[') +
+                                                QByteArray(3000, ']') + ", \"More\": [")},
+        {"cut short", good.left(good.indexOf("\"Geometry\"")) + "\n}"},
+    };
+    for (const auto& [what, text] : cases) {
+        SCOPED_TRACE(what);
+        const ToolRun r = scanWithTitleSet(text);
+        ASSERT_TRUE(r.finished);
+        EXPECT_FALSE(r.crashed);
+        EXPECT_EQ(r.exitCode, 2);
+        EXPECT_FALSE(r.err.contains("+ title")) << r.err.toStdString();
+        EXPECT_TRUE(r.err.endsWith("No title found.\nHandBrake has exited.\n"))
+            << r.err.toStdString();
+    }
+}
+
+// The name the report gives a track, worked out with Qt's Unicode data and
+// language table, as a reference for the relay's own small tables.
+QString referenceLanguageName(QString name, const QString& code) {
+    for (const char* tail : {" [", " ("}) {
+        const qsizetype at = name.indexOf(QLatin1String(tail));
+        if (at > 0)
+            name.truncate(at);
+    }
+    QString plain;
+    for (QChar c : name.normalized(QString::NormalizationForm_KD)) {
+        if (c.unicode() >= 0x20 && c.unicode() < 0x7f && c != u'(' && c != u')')
+            plain.append(c);
+    }
+    plain = plain.simplified();
+    if (!plain.contains(QRegularExpression("[A-Za-z]"))) {
+        const QLocale::Language language = languageOf(code);
+        plain = language == QLocale::AnyLanguage || language == QLocale::C
+                    ? QStringLiteral("Unknown")
+                    : QLocale::languageToString(language);
+    }
+    plain[0] = plain.at(0).toUpper();
+    return plain;
+}
+
+TEST(EncoderToolScan, LanguageNamesOfRealTracksAreFoldedToAscii) {
+    const QString mkv = sample("languages.mkv");
+    ASSERT_FALSE(mkv.isEmpty());
+    // HandBrakeCLI's own names for the tracks.
+    QProcess hb;
+    hb.start("HandBrakeCLI", {"-i", mkv, "-t", "1", "--scan", "--json"});
+    ASSERT_TRUE(hb.waitForFinished(120000));
+    const QByteArray out = hb.readAllStandardOutput();
+    const qsizetype start = out.indexOf("JSON Title Set: ");
+    ASSERT_GE(start, 0);
+    const qsizetype end = out.indexOf("\n}", start);
+    const QJsonObject set =
+        QJsonDocument::fromJson(out.mid(start + 16, end + 2 - start - 16)).object();
+    const QJsonArray tracks =
+        set.value("TitleList").toArray().at(0).toObject().value("AudioList").toArray();
+    ASSERT_EQ(tracks.size(), languageSampleCodes().size());
+
+    const ToolRun r = runTool({"-i", mkv, "-t", "1", "--scan"});
+    const Report report = readReport(r.err);
+    EXPECT_TRUE(report.badLines.isEmpty()) << report.badLines.join('\n').toStdString();
+    ASSERT_EQ(report.titles.size(), 1);
+    const QList<AudioLine>& audio = report.titles[0].audio;
+    ASSERT_EQ(audio.size(), tracks.size());
+    QStringList names;
+    for (qsizetype i = 0; i < tracks.size(); ++i) {
+        const QJsonObject track = tracks[i].toObject();
+        const QString code = track.value("LanguageCode").toString();
+        EXPECT_EQ(audio[i].iso, code);
+        EXPECT_EQ(audio[i].name, referenceLanguageName(track.value("Language").toString(), code))
+            << track.value("Language").toString().toStdString();
+        names << audio[i].name;
+    }
+    // A few spelled out: diacritics dropped, other scripts in English.
+    for (const char* name : {"Tieng Viet", "Cestina", "Turkce", "Japanese", "Russian", "Unknown"})
+        EXPECT_TRUE(names.contains(name)) << name << " not in " << names.join(", ").toStdString();
 }
 
 TEST(EncoderToolEncode, ArgumentsAreAdjustedAndTheToolBecomesTheEncoder) {

@@ -6,7 +6,9 @@ set(encoder_launcher_sources ${tool_sources})
 list(FILTER encoder_launcher_sources EXCLUDE REGEX "/tools/encoder/scan/")
 
 add_executable(tarnwick-encoder-scan ${encoder_scan_sources})
-target_link_libraries(tarnwick-encoder-scan PRIVATE Qt6::Core util)
+# Plain C++ as well: loading Qt would cost every scan several milliseconds.
+target_link_libraries(tarnwick-encoder-scan PRIVATE util)
+target_link_options(tarnwick-encoder-scan PRIVATE -static-libstdc++ -static-libgcc)
 
 add_executable(Tarnwick_Pro_Encoder ${encoder_launcher_sources})
 add_dependencies(Tarnwick_Pro_Encoder tarnwick-encoder-scan)

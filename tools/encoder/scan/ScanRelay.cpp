@@ -1,7 +1,6 @@
 #include "ScanRelay.h"
 
-#include <QFile>
-#include <QJsonDocument>
+#include "ScanReport.h"
 
 #include <cerrno>
 #include <csignal>
@@ -89,22 +88,22 @@ public:
         for (ssize_t i = 0; i < n; ++i) {
             const char c = data[i];
             if (c == '\n' || c == '\r') {
-                if (!m_line.isEmpty())
+                if (!m_line.empty())
                     onLine(m_line);
                 m_line.clear();
             } else {
-                m_line.append(c);
+                m_line += c;
             }
         }
     }
     template <typename F> void finish(F&& onLine) {
-        if (!m_line.isEmpty())
+        if (!m_line.empty())
             onLine(m_line);
         m_line.clear();
     }
 
 private:
-    QByteArray m_line;
+    std::string m_line;
 };
 
 class OutputSorter {
@@ -112,13 +111,14 @@ public:
     explicit OutputSorter(ScanOutcome& outcome) : m_outcome(outcome) {}
 
     // HandBrakeCLI's standard output: JSON blocks among library messages.
-    void stdoutLine(const QByteArray& line) {
-        if (!m_blockKind.isEmpty()) {
+    void stdoutLine(const std::string& line) {
+        if (!m_blockKind.empty()) {
             if (line == "}") {
                 m_block += line;
                 finishBlock();
             } else if (line.front() == ' ' || line.front() == '\t' || line.front() == ']') {
-                m_block += line + '\n';
+                m_block += line;
+                m_block += '\n';
             } else {
                 // A library message printed by another thread in mid-block.
                 relay(line);
@@ -127,19 +127,21 @@ public:
         }
         static const char* const kinds[] = {"Version", "Progress", "JSON Title Set"};
         for (const char* kind : kinds) {
-            const QByteArray prefix = QByteArray(kind) + ": {";
-            if (line.startsWith(prefix)) {
+            const std::string prefix = std::string(kind) + ": {";
+            if (line.starts_with(prefix)) {
                 m_blockKind = kind;
-                m_block = line.mid(prefix.size() - 1) + '\n';
-                if (line.endsWith('}') && QJsonDocument::fromJson(m_block).isObject())
-                    finishBlock();
+                m_block = line.substr(prefix.size() - 1) + '\n';
+                if (line.ends_with('}')) {
+                    if (auto object = json::parse(m_block); object && object->isObject())
+                        finishBlock(std::move(*object));
+                }
                 return;
             }
         }
         relay(line);
     }
 
-    void stderrLine(const QByteArray& line) {
+    void stderrLine(const std::string& line) {
         // The verdict and the farewell come at the end of our own report.
         if (line == "HandBrake has exited." || line == "No title found.")
             return;
@@ -147,52 +149,59 @@ public:
     }
 
 private:
-    void relay(const QByteArray& line) {
-        if (line.contains("libdvdnav: DVD disk reports") && m_outcome.dvdMarker.isEmpty())
-            m_outcome.dvdMarker = asciiOnly(line.mid(line.indexOf("libdvdnav: DVD disk reports")));
-        QByteArray clean = asciiOnly(line);
-        while (!clean.isEmpty() && (clean.back() == ' ' || clean.back() == '\t'))
-            clean.chop(1);
-        if (!clean.isEmpty())
-            writeAll(STDERR_FILENO, clean + '\n');
+    void relay(const std::string& line) {
+        static constexpr std::string_view kDvdMarker = "libdvdnav: DVD disk reports";
+        const std::size_t marker = line.find(kDvdMarker);
+        if (marker != std::string::npos && m_outcome.dvdMarker.empty())
+            m_outcome.dvdMarker = asciiOnly(std::string_view(line).substr(marker));
+        std::string clean = asciiOnly(line);
+        while (!clean.empty() && (clean.back() == ' ' || clean.back() == '\t'))
+            clean.pop_back();
+        if (!clean.empty()) {
+            clean += '\n';
+            writeAll(STDERR_FILENO, clean);
+        }
     }
 
     void finishBlock() {
-        const QJsonObject object = QJsonDocument::fromJson(m_block).object();
+        std::optional<json::Value> object = json::parse(m_block);
+        // Anything but an object, malformed text included, counts as empty.
+        finishBlock(object && object->isObject() ? std::move(*object) : json::Value());
+    }
+
+    void finishBlock(json::Value object) {
         if (m_blockKind == "JSON Title Set")
-            m_outcome.titleSet = object;
+            m_outcome.titleSet = std::move(object);
         else if (m_blockKind == "Progress")
             progress(object);
         m_blockKind.clear();
         m_block.clear();
     }
 
-    void progress(const QJsonObject& state) {
-        if (state.value(QLatin1String("State")).toString() != QLatin1String("SCANNING"))
+    void progress(const json::Value& state) {
+        if (state["State"].toString() != "SCANNING")
             return;
-        const QJsonObject s = state.value(QLatin1String("Scanning")).toObject();
-        const QByteArray line =
-            "Scanning title " + QByteArray::number(s.value(QLatin1String("Title")).toInt()) +
-            " of " + QByteArray::number(s.value(QLatin1String("TitleCount")).toInt()) +
-            ", preview " + QByteArray::number(s.value(QLatin1String("Preview")).toInt()) + ", " +
-            QByteArray::number(s.value(QLatin1String("Progress")).toDouble() * 100.0, 'f', 2) +
-            " %\n";
+        const json::Value& s = state["Scanning"];
+        const std::string line = "Scanning title " + std::to_string(s["Title"].toInt()) + " of " +
+                                 std::to_string(s["TitleCount"].toInt()) + ", preview " +
+                                 std::to_string(s["Preview"].toInt()) + ", " +
+                                 fixedPoint(s["Progress"].toDouble() * 100.0, 2) + " %\n";
         if (line != m_lastProgress)
             writeAll(STDERR_FILENO, line);
         m_lastProgress = line;
     }
 
     ScanOutcome& m_outcome;
-    QByteArray m_blockKind;
-    QByteArray m_block;
-    QByteArray m_lastProgress;
+    std::string m_blockKind;
+    std::string m_block;
+    std::string m_lastProgress;
 };
 
 } // namespace
 
-void writeAll(int fd, const QByteArray& bytes) {
-    const char* p = bytes.constData();
-    qsizetype left = bytes.size();
+void writeAll(int fd, std::string_view bytes) {
+    const char* p = bytes.data();
+    std::size_t left = bytes.size();
     while (left > 0) {
         const ssize_t n = ::write(fd, p, size_t(left));
         if (n < 0) {
@@ -201,24 +210,24 @@ void writeAll(int fd, const QByteArray& bytes) {
             return;
         }
         p += n;
-        left -= n;
+        left -= std::size_t(n);
     }
 }
 
-QByteArray asciiOnly(const QByteArray& line) {
-    QByteArray out;
+std::string asciiOnly(std::string_view line) {
+    std::string out;
     out.reserve(line.size());
     for (char c : line) {
         const auto u = static_cast<unsigned char>(c);
         if (u >= 0x80)
-            out.append('?');
+            out += '?';
         else if (u >= 0x20 || c == '\t')
-            out.append(c);
+            out += c;
     }
     return out;
 }
 
-ScanOutcome runScan(const QString& program, const QStringList& args) {
+ScanOutcome runScan(const std::vector<std::string>& args) {
     ScanOutcome outcome;
 
     // In JSON mode HandBrakeCLI buffers its standard output unless it is a
@@ -237,12 +246,9 @@ ScanOutcome runScan(const QString& program, const QStringList& args) {
     }
     ::fcntl(master, F_SETFD, FD_CLOEXEC);
 
-    QList<QByteArray> argStore{QFile::encodeName(program)};
-    for (const QString& a : args)
-        argStore << a.toLocal8Bit();
     std::vector<char*> argv;
-    for (QByteArray& a : argStore)
-        argv.push_back(a.data());
+    for (const std::string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
     // Signals sent before the child exists are held until it can receive them.
@@ -259,8 +265,8 @@ ScanOutcome runScan(const QString& program, const QStringList& args) {
         ::dup2(errPipe[1], STDERR_FILENO);
         ::close(slave);
         ::execv(argv[0], argv.data());
-        const QByteArray msg = "Tarnwick_Pro_Encoder: cannot run " + argStore.front() + ": " +
-                               std::strerror(errno) + '\n';
+        const std::string msg =
+            "Tarnwick_Pro_Encoder: cannot run " + args.front() + ": " + std::strerror(errno) + '\n';
         writeAll(STDERR_FILENO, msg);
         ::_exit(127);
     }
@@ -281,8 +287,8 @@ ScanOutcome runScan(const QString& program, const QStringList& args) {
 
     OutputSorter sorter(outcome);
     LineSplitter outLines, errLines;
-    auto onOut = [&](const QByteArray& l) { sorter.stdoutLine(l); };
-    auto onErr = [&](const QByteArray& l) { sorter.stderrLine(l); };
+    auto onOut = [&](const std::string& l) { sorter.stdoutLine(l); };
+    auto onErr = [&](const std::string& l) { sorter.stderrLine(l); };
     bool outOpen = true, errOpen = true;
     char buf[16384];
     while (outOpen || errOpen) {

@@ -1,14 +1,15 @@
 #include "ScanReport.h"
 
+#include "LanguageNames.h"
 #include "ScanRelay.h"
 
-#include <QFile>
-#include <QJsonArray>
-#include <QLocale>
-#include <QString>
-
+#include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -16,161 +17,157 @@ namespace {
 constexpr int kDvdTitle = 0;
 constexpr int kBlurayTitle = 1;
 
-QByteArray num(qint64 v) {
-    return QByteArray::number(v);
+std::string num(long long v) {
+    return std::to_string(v);
 }
 
 // Integers only, so the C library's locale cannot change the text.
-template <typename... Args> QByteArray fmt(const char* format, Args... args) {
+template <typename... Args> std::string fmt(const char* format, Args... args) {
     char buf[128];
     const int n = std::snprintf(buf, sizeof buf, format, args...);
-    return QByteArray(buf, qBound(0, n, int(sizeof buf) - 1));
+    return std::string(buf, std::size_t(std::clamp(n, 0, int(sizeof buf) - 1)));
 }
 
-int intOf(const QJsonObject& o, const char* key) {
-    return o.value(QLatin1String(key)).toInt();
+char lowerAscii(char c) {
+    return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c;
 }
 
-QString stringOf(const QJsonObject& o, const char* key) {
-    return o.value(QLatin1String(key)).toString();
+char upperAscii(char c) {
+    return c >= 'a' && c <= 'z' ? char(c - 'a' + 'A') : c;
 }
 
-QByteArray hms(const QJsonObject& duration) {
-    return fmt("%02d:%02d:%02d", intOf(duration, "Hours"), intOf(duration, "Minutes"),
-               intOf(duration, "Seconds"));
+std::string lower(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), lowerAscii);
+    return s;
+}
+
+std::string upper(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), upperAscii);
+    return s;
+}
+
+std::string hms(const json::Value& duration) {
+    return fmt("%02d:%02d:%02d", duration["Hours"].toInt(), duration["Minutes"].toInt(),
+               duration["Seconds"].toInt());
 }
 
 // Files of any kind can be opened by the text-art demuxers; what they
 // render is not a movie.
-bool isMovie(const QJsonObject& title) {
-    static const QStringList textArt = {QStringLiteral("bintext"), QStringLiteral("xbin"),
-                                        QStringLiteral("idf"), QStringLiteral("ansi"),
-                                        QStringLiteral("tty")};
-    const QJsonObject geometry = title.value(QLatin1String("Geometry")).toObject();
-    return !textArt.contains(stringOf(title, "VideoCodec")) && intOf(geometry, "Width") > 0 &&
-           intOf(geometry, "Height") > 0;
+bool isMovie(const json::Value& title) {
+    static const std::string_view textArt[] = {"bintext", "xbin", "idf", "ansi", "tty"};
+    const json::Value& geometry = title["Geometry"];
+    return std::find(std::begin(textArt), std::end(textArt), title["VideoCodec"].toString()) ==
+               std::end(textArt) &&
+           geometry["Width"].toInt() > 0 && geometry["Height"].toInt() > 0;
 }
 
-QList<QJsonObject> movieTitles(const QJsonObject& titleSet) {
-    QList<QJsonObject> titles;
-    for (const QJsonValue& v : titleSet.value(QLatin1String("TitleList")).toArray()) {
-        if (isMovie(v.toObject()))
-            titles << v.toObject();
+std::vector<const json::Value*> movieTitles(const json::Value& titleSet) {
+    std::vector<const json::Value*> titles;
+    for (const json::Value& v : titleSet["TitleList"].toArray()) {
+        if (isMovie(v))
+            titles.push_back(&v);
     }
     return titles;
 }
 
-QByteArray videoCodec(const QString& name) {
-    if (name == QLatin1String("mpeg2video"))
+std::string videoCodec(const std::string& name) {
+    if (name == "mpeg2video")
         return "mpeg2";
-    if (name == QLatin1String("mpeg1video"))
+    if (name == "mpeg1video")
         return "mpeg1";
-    return asciiOnly(name.toUtf8());
+    return asciiOnly(name);
 }
 
-QByteArray audioCodec(const QJsonObject& track) {
-    const QString name = stringOf(track, "CodecName").toLower();
-    static const QList<std::pair<const char*, const char*>> names = {
+std::string audioCodec(const json::Value& track) {
+    const std::string name = lower(track["CodecName"].toString());
+    static const std::pair<std::string_view, const char*> names[] = {
         {"ac3", "AC3"},   {"eac3", "E-AC3"},    {"aac", "AAC"},        {"aac_latm", "AAC"},
         {"dts", "DTS"},   {"truehd", "TrueHD"}, {"mp3", "MP3"},        {"mp2", "MP2"},
         {"mp1", "MP1"},   {"flac", "FLAC"},     {"vorbis", "Vorbis"},  {"opus", "Opus"},
         {"alac", "ALAC"}, {"pcm_dvd", "LPCM"},  {"pcm_bluray", "LPCM"}};
     for (const auto& [from, to] : names) {
-        if (name == QLatin1String(from))
+        if (name == from)
             return to;
     }
-    if (name.startsWith(QLatin1String("pcm_")))
+    if (name.starts_with("pcm_"))
         return "PCM";
-    if (!name.isEmpty())
-        return asciiOnly(name.toUpper().toUtf8());
+    if (!name.empty())
+        return asciiOnly(upper(name));
     // Without a codec name the description's first parenthesis names it.
-    const QString description = stringOf(track, "Description");
-    const qsizetype open = description.indexOf(u'(');
-    const qsizetype close = description.indexOf(u')', open + 1);
-    if (open >= 0 && close > open)
-        return asciiOnly(description.mid(open + 1, close - open - 1).toUtf8());
+    const std::string& description = track["Description"].toString();
+    const std::size_t open = description.find('(');
+    const std::size_t close =
+        open == std::string::npos ? std::string::npos : description.find(')', open + 1);
+    if (close != std::string::npos)
+        return asciiOnly(description.substr(open + 1, close - open - 1));
     return "Unknown";
 }
 
-QByteArray channels(const QJsonObject& track) {
-    const int count = intOf(track, "ChannelCount");
-    const int lfe = intOf(track, "LFECount");
+std::string channels(const json::Value& track) {
+    const int count = track["ChannelCount"].toInt();
+    const int lfe = track["LFECount"].toInt();
     if (count > 0)
         return num(count - lfe) + '.' + num(lfe) + " ch";
-    const QString description = stringOf(track, "Description");
-    const qsizetype at = description.indexOf(QLatin1String(" ch)"));
-    if (at > 0) {
-        const qsizetype open = description.lastIndexOf(u'(', at);
-        if (open >= 0)
-            return asciiOnly(description.mid(open + 1, at + 3 - open - 1).toUtf8());
+    const std::string& description = track["Description"].toString();
+    const std::size_t at = description.find(" ch)");
+    if (at != std::string::npos && at > 0) {
+        const std::size_t open = description.rfind('(', at);
+        if (open != std::string::npos)
+            return asciiOnly(description.substr(open + 1, at + 3 - open - 1));
     }
     return "0.0 ch";
 }
 
-QByteArray isoCode(const QJsonObject& track) {
-    const QString code = stringOf(track, "LanguageCode").toLower();
-    if (code.size() == 3 && code.at(0).isLetter() && code.at(1).isLetter() &&
-        code.at(2).isLetter() && code.at(0).unicode() < 0x80 && code.at(1).unicode() < 0x80 &&
-        code.at(2).unicode() < 0x80)
-        return code.toLatin1();
+std::string isoCode(const json::Value& track) {
+    const std::string code = lower(track["LanguageCode"].toString());
+    if (code.size() == 3 &&
+        std::all_of(code.begin(), code.end(), [](char c) { return c >= 'a' && c <= 'z'; }))
+        return code;
     return "und";
 }
 
-// A language name the parser can read back: ASCII, no parentheses (they
-// delimit the codec), capitalised like the rest of the report's names.
-QByteArray languageName(const QJsonObject& track) {
-    QString name = stringOf(track, "Language");
-    // Attributes follow the language: "English (Wide Screen) [VOBSUB]".
-    for (const char* tail : {" [", " ("}) {
-        const qsizetype at = name.indexOf(QLatin1String(tail));
-        if (at > 0)
-            name.truncate(at);
-    }
-    const QString decomposed = name.normalized(QString::NormalizationForm_KD);
-    QString plain;
-    for (QChar c : decomposed) {
-        if (c.unicode() >= 0x20 && c.unicode() < 0x7f && c != u'(' && c != u')')
-            plain.append(c);
-    }
-    plain = plain.simplified();
-    bool hasLetter = false;
-    for (QChar c : plain)
-        hasLetter = hasLetter || c.isLetter();
-    if (!hasLetter) {
-        // A name in another script: fall back to the English one.
-        const QLocale::Language language =
-            QLocale::codeToLanguage(QString::fromLatin1(isoCode(track)), QLocale::ISO639Part2);
-        plain = language == QLocale::AnyLanguage || language == QLocale::C
-                    ? QStringLiteral("Unknown")
-                    : QLocale::languageToString(language);
-    }
-    plain[0] = plain.at(0).toUpper();
-    return asciiOnly(plain.toUtf8());
+std::string languageName(const json::Value& track) {
+    return reportLanguageName(track["Language"].toString(), isoCode(track));
 }
 
-QByteArray frameRate(const QJsonObject& rate) {
-    const double den = rate.value(QLatin1String("Den")).toDouble();
-    const double fps = den > 0 ? rate.value(QLatin1String("Num")).toDouble() / den : 0.0;
+std::string frameRate(const json::Value& rate) {
+    const double den = rate["Den"].toDouble();
+    const double fps = den > 0 ? rate["Num"].toDouble() / den : 0.0;
     if (std::fabs(fps - std::round(fps)) < 0.0005)
-        return num(qint64(std::llround(fps)));
-    return QByteArray::number(fps, 'f', 3);
+        return num(std::llround(fps));
+    return fixedPoint(fps, 3);
+}
+
+// Up to `size` bytes from the start of a regular file; fewer on failure.
+std::string fileHead(const std::string& path, std::size_t size) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return {};
+    std::string head(size, '\0');
+    std::size_t got = 0;
+    while (got < size) {
+        const ssize_t n = ::read(fd, head.data() + got, size - got);
+        if (n > 0)
+            got += std::size_t(n);
+        else if (n == 0 || errno != EINTR)
+            break;
+    }
+    ::close(fd);
+    head.resize(got);
+    return head;
 }
 
 // HandBrakeCLI 1.6 names the region only on standard output, and not for
 // every source; the disc's own IFO carries the same mask.
-QByteArray dvdRegionLine(const QString& path) {
-    const QStringList candidates = {path + QStringLiteral("/VIDEO_TS/VIDEO_TS.IFO"),
-                                    path + QStringLiteral("/VIDEO_TS.IFO"), path};
-    for (const QString& candidate : candidates) {
-        QFile ifo(candidate);
-        if (!ifo.open(QIODevice::ReadOnly))
+std::string dvdRegionLine(const std::string& path) {
+    for (const std::string& candidate :
+         {path + "/VIDEO_TS/VIDEO_TS.IFO", path + "/VIDEO_TS.IFO", path}) {
+        const std::string head = fileHead(candidate, 0x24);
+        if (head.size() < 0x24 || !head.starts_with("DVDVIDEO-VMG"))
             continue;
-        const QByteArray head = ifo.read(0x24);
-        if (head.size() < 0x24 || !head.startsWith("DVDVIDEO-VMG"))
-            continue;
-        const auto mask = static_cast<unsigned char>(head.at(0x23));
-        QByteArray line = "libdvdnav: DVD disk reports itself with Region mask " +
-                          fmt("0x%08x", unsigned(mask) << 16) + ". Regions:";
+        const auto mask = static_cast<unsigned char>(head[0x23]);
+        std::string line = "libdvdnav: DVD disk reports itself with Region mask " +
+                           fmt("0x%08x", unsigned(mask) << 16) + ". Regions:";
         for (int region = 1; region <= 8; ++region) {
             if (!(mask & (1u << (region - 1))))
                 line += fmt(" %02d", region);
@@ -180,56 +177,53 @@ QByteArray dvdRegionLine(const QString& path) {
     return "libdvdnav: DVD disk reports no region information";
 }
 
-QByteArray titleBlock(const QJsonObject& title, int mainFeature) {
-    const int type = intOf(title, "Type");
-    const int index = intOf(title, "Index");
-    QByteArray out = "+ title " + num(index) + ":\n";
+std::string titleBlock(const json::Value& title, int mainFeature) {
+    const int type = title["Type"].toInt();
+    const int index = title["Index"].toInt();
+    std::string out = "+ title " + num(index) + ":\n";
     if (index == mainFeature)
         out += "  + Main Feature\n";
     if (type == kBlurayTitle) {
-        if (intOf(title, "Playlist") >= 0)
-            out += fmt("  + playlist: %05d.MPLS\n", intOf(title, "Playlist"));
+        if (title["Playlist"].toInt() >= 0)
+            out += fmt("  + playlist: %05d.MPLS\n", title["Playlist"].toInt());
     } else if (type != kDvdTitle) {
-        out += "  + stream: " + asciiOnly(stringOf(title, "Path").toUtf8()) + '\n';
+        out += "  + stream: " + asciiOnly(title["Path"].toString()) + '\n';
     }
-    out += "  + codec: " + videoCodec(stringOf(title, "VideoCodec")) + '\n';
-    out += "  + duration: " + hms(title.value(QLatin1String("Duration")).toObject()) + '\n';
+    out += "  + codec: " + videoCodec(title["VideoCodec"].toString()) + '\n';
+    out += "  + duration: " + hms(title["Duration"]) + '\n';
 
-    const QJsonObject geometry = title.value(QLatin1String("Geometry")).toObject();
-    const QJsonObject par = geometry.value(QLatin1String("PAR")).toObject();
-    const int width = intOf(geometry, "Width"), height = intOf(geometry, "Height");
-    const int parNum = qMax(1, intOf(par, "Num")), parDen = qMax(1, intOf(par, "Den"));
+    const json::Value& geometry = title["Geometry"];
+    const json::Value& par = geometry["PAR"];
+    const int width = geometry["Width"].toInt(), height = geometry["Height"].toInt();
+    const int parNum = std::max(1, par["Num"].toInt()), parDen = std::max(1, par["Den"].toInt());
     const double aspect = double(width) * parNum / (double(height) * parDen);
     out += "  + size: " + num(width) + 'x' + num(height) + ", pixel aspect: " + num(parNum) + '/' +
-           num(parDen) + ", display aspect: " + QByteArray::number(aspect, 'f', 2) + ", " +
-           frameRate(title.value(QLatin1String("FrameRate")).toObject()) + " FPS\n";
+           num(parDen) + ", display aspect: " + fixedPoint(aspect, 2) + ", " +
+           frameRate(title["FrameRate"]) + " FPS\n";
 
-    const QJsonArray crop = title.value(QLatin1String("Crop")).toArray();
+    const std::vector<json::Value>& crop = title["Crop"].toArray();
     if (crop.size() == 4)
         out += "  + autocrop: " + num(crop[0].toInt()) + '/' + num(crop[1].toInt()) + '/' +
                num(crop[2].toInt()) + '/' + num(crop[3].toInt()) + '\n';
 
     out += "  + chapters:\n";
     int chapter = 0;
-    for (const QJsonValue& c : title.value(QLatin1String("ChapterList")).toArray())
-        out += "    + " + num(++chapter) + ": duration " +
-               hms(c.toObject().value(QLatin1String("Duration")).toObject()) + '\n';
+    for (const json::Value& c : title["ChapterList"].toArray())
+        out += "    + " + num(++chapter) + ": duration " + hms(c["Duration"]) + '\n';
 
     // Both headers always appear: the parser ends a title's audio list at
     // the subtitle header.
     out += "  + audio tracks:\n";
     int position = 0;
-    for (const QJsonValue& v : title.value(QLatin1String("AudioList")).toArray()) {
-        const QJsonObject track = v.toObject();
+    for (const json::Value& track : title["AudioList"].toArray()) {
         ++position;
-        const int number =
-            track.contains(QLatin1String("TrackNumber")) ? intOf(track, "TrackNumber") : position;
+        const int number = track.contains("TrackNumber") ? track["TrackNumber"].toInt() : position;
         out += "    + " + num(number) + ", " + languageName(track) + " (" + audioCodec(track) +
                ") (" + channels(track) + ") (iso639-2: " + isoCode(track) + ')';
         // HandBrake reports 1 for a bit rate it does not know; rate and bit
         // rate come as a pair or not at all.
-        const int rate = intOf(track, "SampleRate");
-        const int bitRate = intOf(track, "BitRate");
+        const int rate = track["SampleRate"].toInt();
+        const int bitRate = track["BitRate"].toInt();
         if (rate > 0 && bitRate > 1)
             out += ", " + num(rate) + "Hz, " + num(bitRate) + "bps";
         out += '\n';
@@ -237,53 +231,68 @@ QByteArray titleBlock(const QJsonObject& title, int mainFeature) {
 
     out += "  + subtitle tracks:\n";
     position = 0;
-    for (const QJsonValue& v : title.value(QLatin1String("SubtitleList")).toArray()) {
-        const QJsonObject track = v.toObject();
+    for (const json::Value& track : title["SubtitleList"].toArray()) {
         ++position;
-        const int number =
-            track.contains(QLatin1String("TrackNumber")) ? intOf(track, "TrackNumber") : position;
-        QString format = stringOf(track, "Format").toLower();
-        format =
-            format == QLatin1String("bitmap") ? QStringLiteral("Bitmap") : QStringLiteral("Text");
-        QByteArray source = asciiOnly(stringOf(track, "SourceName").toUtf8());
-        source.replace('(', '[').replace(')', ']');
-        if (source.isEmpty())
+        const int number = track.contains("TrackNumber") ? track["TrackNumber"].toInt() : position;
+        const char* format = lower(track["Format"].toString()) == "bitmap" ? "Bitmap" : "Text";
+        std::string source = asciiOnly(track["SourceName"].toString());
+        std::replace(source.begin(), source.end(), '(', '[');
+        std::replace(source.begin(), source.end(), ')', ']');
+        if (source.empty())
             source = "Unknown";
         out += "    + " + num(number) + ", " + languageName(track) +
-               " (iso639-2: " + isoCode(track) + ") (" + format.toLatin1() + ")(" + source + ")\n";
+               " (iso639-2: " + isoCode(track) + ") (" + format + ")(" + source + ")\n";
     }
 
-    if (title.value(QLatin1String("InterlaceDetected")).toBool())
+    if (title["InterlaceDetected"].toBool())
         out += "+ combing detected, may be interlaced or telecined\n";
     return out;
 }
 
 } // namespace
 
-int reportedTitleCount(const QJsonObject& titleSet) {
+std::string fixedPoint(double value, int decimals) {
+    // printf rounds an exact tie to even; step past it to round it away
+    // from zero instead. Scaled by a power of ten and two, a double is
+    // exact in long double for the few decimals used here.
+    long double twice = static_cast<long double>(value) * 2;
+    for (int i = 0; i < decimals; ++i)
+        twice *= 10;
+    if (std::isfinite(twice) && twice == std::trunc(twice) && std::fmod(twice, 2.0L) != 0)
+        value = std::nextafter(value, value > 0 ? HUGE_VAL : -HUGE_VAL);
+    if (value == 0)
+        value = 0; // no "-0.00"
+    const int n = std::snprintf(nullptr, 0, "%.*f", decimals, value);
+    std::string out(std::size_t(std::max(n, 0)), '\0');
+    std::snprintf(out.data(), out.size() + 1, "%.*f", decimals, value);
+    return out;
+}
+
+int reportedTitleCount(const json::Value& titleSet) {
     return int(movieTitles(titleSet).size());
 }
 
-QByteArray scanReport(const QJsonObject& titleSet, const QByteArray& dvdMarker) {
-    const QList<QJsonObject> titles = movieTitles(titleSet);
-    if (titles.isEmpty())
+std::string scanReport(const json::Value& titleSet, std::string_view dvdMarker) {
+    const std::vector<const json::Value*> titles = movieTitles(titleSet);
+    if (titles.empty())
         return "No title found.\nHandBrake has exited.\n";
 
-    QByteArray out;
+    std::string out;
     bool dvd = false, bluray = false;
-    for (const QJsonObject& t : titles) {
-        dvd = dvd || intOf(t, "Type") == kDvdTitle;
-        bluray = bluray || intOf(t, "Type") == kBlurayTitle;
+    for (const json::Value* t : titles) {
+        dvd = dvd || (*t)["Type"].toInt() == kDvdTitle;
+        bluray = bluray || (*t)["Type"].toInt() == kBlurayTitle;
     }
     if (dvd)
-        out += (dvdMarker.isEmpty() ? dvdRegionLine(stringOf(titles.front(), "Path")) : dvdMarker) +
+        out += (dvdMarker.empty() ? dvdRegionLine(titles.front()->operator[]("Path").toString())
+                                  : std::string(dvdMarker)) +
                '\n';
     else if (bluray)
-        out += "scan: BD has " + num(titles.size()) + " title(s)\n";
+        out += "scan: BD has " + num(static_cast<long long>(titles.size())) + " title(s)\n";
 
-    const int mainFeature = intOf(titleSet, "MainFeature");
-    for (const QJsonObject& t : titles)
-        out += titleBlock(t, mainFeature);
+    const int mainFeature = titleSet["MainFeature"].toInt();
+    for (const json::Value* t : titles)
+        out += titleBlock(*t, mainFeature);
     out += "HandBrake has exited.\n";
     return out;
 }

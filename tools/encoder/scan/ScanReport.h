@@ -1,7 +1,9 @@
 #pragma once
 
-#include <QByteArray>
-#include <QJsonObject>
+#include "Json.h"
+
+#include <string>
+#include <string_view>
 
 // The scan report the core's parser reads, made from HandBrakeCLI's JSON
 // title set: titles with stream, codec, duration, size, audio and subtitle
@@ -9,8 +11,13 @@
 // and the closing line. ASCII only.
 //
 // `dvdMarker` is the line libdvdnav printed for a DVD, if any.
-QByteArray scanReport(const QJsonObject& titleSet, const QByteArray& dvdMarker);
+std::string scanReport(const json::Value& titleSet, std::string_view dvdMarker);
 
 // Number of titles the report lists (titles whose video is not a movie,
 // such as a text-art rendering of an arbitrary file, are left out).
-int reportedTitleCount(const QJsonObject& titleSet);
+int reportedTitleCount(const json::Value& titleSet);
+
+// `value` with `decimals` digits after the point, independent of the C
+// library's locale; a value exactly half-way rounds away from zero, as the
+// report has always written it.
+std::string fixedPoint(double value, int decimals);

@@ -7,12 +7,17 @@
 // before our own exit; terminate, interrupt and continue signals are
 // forwarded, and a stop of this process is mirrored onto the scan by a small
 // watcher.
+//
+// Plain C++ with its own JSON reader, like the launcher: loading Qt would add
+// milliseconds to the start of every scan.
 #include "ScanRelay.h"
 #include "ScanReport.h"
 
 #include <csignal>
+#include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -28,12 +33,7 @@ int main(int argc, char** argv) {
                                 "with HandBrakeCLI's path and the scan arguments\n");
         return kCannotRunStatus;
     }
-    const QString program = QString::fromLocal8Bit(argv[1]);
-    QStringList args;
-    for (int i = 2; i < argc; ++i)
-        args << QString::fromLocal8Bit(argv[i]);
-
-    const ScanOutcome outcome = runScan(program, args);
+    const ScanOutcome outcome = runScan(std::vector<std::string>(argv + 1, argv + argc));
     if (!outcome.started) {
         writeAll(STDERR_FILENO, "No title found.\nHandBrake has exited.\n");
         return kCannotRunStatus;
