@@ -7,8 +7,8 @@
 // the encode itself.
 //
 // Scan mode (no --output): the scan relay beside us takes over, also in
-// place. It needs Qt for the JSON title set; this launcher does not, so an
-// encode starts without loading it.
+// place; it stays in between as HandBrakeCLI's parent to turn the JSON title
+// set into the report. An encode never starts the relay.
 #include "HandBrakeCli.h"
 
 #include <cerrno>
