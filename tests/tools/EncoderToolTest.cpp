@@ -1022,6 +1022,24 @@ TEST(EncoderToolEncode, LauncherLinksNoQtAndNeedsItsRelayOnlyToScan) {
     EXPECT_TRUE(err.endsWith("No title found.\nHandBrake has exited.\n")) << err.toStdString();
 }
 
+// HandBrakeCLI polls its standard input for keyboard commands between
+// status checks; an idle pipe there (the core's) would hold up the end of
+// every scan and encode, so both modes hand it no input at all.
+TEST(EncoderToolEncode, HandBrakeGetsNoInputFromThePipeTheToolWasGiven) {
+    FakeHandBrake fake("readlink /proc/$$/fd/0 > \"$0.stdin\"\n");
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("TARNWICK_HANDBRAKE", fake.path());
+    for (const QStringList& args : {QStringList{"--input", "/in.mkv", "--output", "/out.m4v"},
+                                    QStringList{"-i", "/in.mkv", "-t", "1", "--scan"}}) {
+        QProcess p;
+        p.setProcessEnvironment(env);
+        p.start(kTool, args); // standard input: a pipe left open and idle
+        ASSERT_TRUE(p.waitForStarted());
+        ASSERT_TRUE(p.waitForFinished(20000));
+        EXPECT_EQ(fake.file(".stdin").trimmed(), "/dev/null") << args.join(' ').toStdString();
+    }
+}
+
 TEST(EncoderToolEncode, EncodesAPlayableM4vWithProgressAndFrameCounts) {
     const QString mkv = sample("movie.mkv");
     ASSERT_FALSE(mkv.isEmpty());

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -73,8 +74,20 @@ int main(int argc, char** argv) {
             writeAll(STDERR_FILENO, "No title found.\nHandBrake has exited.\n");
         return kCannotRunStatus;
     }
-    if (!scanning)
+    if (!scanning) {
+        // HandBrakeCLI waits on its standard input for keyboard commands
+        // between status checks; an open pipe nobody writes to (the core's)
+        // delays noticing the end of the encode by up to a tenth of a second.
+        // A terminal is left alone for a user typing at it.
+        if (!::isatty(STDIN_FILENO)) {
+            const int devNull = ::open("/dev/null", O_RDONLY);
+            if (devNull >= 0 && devNull != STDIN_FILENO) {
+                ::dup2(devNull, STDIN_FILENO);
+                ::close(devNull);
+            }
+        }
         return execOrReport(program, handbrake::encodeArguments(args));
+    }
 
     // The relay gets HandBrakeCLI's path first, then the arguments it is to scan with.
     handbrake::Args relayArgs{program};
