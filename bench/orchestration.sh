@@ -111,14 +111,15 @@ best_alone=""
 best_standin=""
 bare_run() {
   t0=$(now)
-  "$HANDBRAKE" -i "$SAMPLE" -t 0 --scan >/dev/null 2>&1
-  "$HANDBRAKE" "${handbrake_args[@]}" >/dev/null 2>&1
+  # No input: HandBrakeCLI polls an open standard input between status checks.
+  "$HANDBRAKE" -i "$SAMPLE" -t 0 --scan </dev/null >/dev/null 2>&1
+  "$HANDBRAKE" "${handbrake_args[@]}" </dev/null >/dev/null 2>&1
   t1=$(now)
   bare=$(elapsed "$t0" "$t1")
 }
 ours_run() {
   t0=$(now)
-  "$CLI" encode "$SAMPLE" --skip-tagging --yes --dest "$WORK/ours" >"$WORK/ours.log" 2>&1 ||
+  "$CLI" encode "$SAMPLE" --skip-tagging --yes --dest "$WORK/ours" </dev/null >"$WORK/ours.log" 2>&1 ||
     { cat "$WORK/ours.log" >&2; exit 1; }
   t1=$(now)
   ours=$(elapsed "$t0" "$t1")
