@@ -1,5 +1,6 @@
 #include "FastMux.h"
 
+#include "FileBoxes.h"
 #include "Progress.h"
 #include "VideoIndex.h"
 
@@ -58,15 +59,7 @@ uint64_t timescaleOf(const Box* header) {
 }
 
 uint32_t handlerOf(const Box* trak) {
-    const Box* hdlr = trak->find("mdia.hdlr");
-    return hdlr ? uint32_t(readBE(hdlr->data(), 8, 4)) : 0;
-}
-
-uint32_t trackIdOf(const Box* trak) {
-    const Box* tkhd = trak->child(fourcc("tkhd"));
-    if (!tkhd || tkhd->data().empty())
-        return 0;
-    return uint32_t(readBE(tkhd->data(), tkhd->data()[0] == 1 ? 20 : 12, 4));
+    return handlerType(trak->find("mdia.hdlr"));
 }
 
 bool isEnabled(const Box* trak) {
@@ -102,37 +95,6 @@ int64_t rescale(int64_t v, int64_t num, int64_t den) {
 bool sysFail(std::string* error, const std::string& what) {
     *error = what + ": " + std::strerror(errno);
     return false;
-}
-
-bool preadAll(int fd, uint8_t* p, size_t n, int64_t at) {
-    while (n > 0) {
-        const ssize_t r = ::pread(fd, p, n, off_t(at));
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0) {
-            if (r == 0)
-                errno = EIO; // the file shrank under us
-            return false;
-        }
-        p += r;
-        n -= size_t(r);
-        at += r;
-    }
-    return true;
-}
-
-bool pwriteAll(int fd, const uint8_t* p, size_t n, int64_t at) {
-    while (n > 0) {
-        const ssize_t w = ::pwrite(fd, p, n, off_t(at));
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w < 0)
-            return false;
-        p += w;
-        n -= size_t(w);
-        at += w;
-    }
-    return true;
 }
 
 // Presentation of the stand-by video's first picture on the movie's time

@@ -1,5 +1,6 @@
 #include "MetadataCopy.h"
 
+#include "FileBoxes.h"
 #include "mp4/Mp4File.h"
 
 #include <algorithm>
@@ -33,13 +34,6 @@ std::unique_ptr<Box> clone(const Box& box, uint32_t parentType) {
     return Box::parse(bytes.data(), bytes.size(), &used, parentType);
 }
 
-uint32_t trackIdOf(const Box* trak) {
-    const Box* tkhd = trak->child(fourcc("tkhd"));
-    if (!tkhd || tkhd->data().empty())
-        return 0;
-    return uint32_t(readBE(tkhd->data(), tkhd->data()[0] == 1 ? 20 : 12, 4));
-}
-
 Box* trackById(const Box* moov, uint32_t id) {
     for (Box* trak : moov->childrenOfType(fourcc("trak")))
         if (trackIdOf(trak) == id)
@@ -49,10 +43,6 @@ Box* trackById(const Box* moov, uint32_t id) {
 
 size_t languageOffset(const Box* mdhd) {
     return mdhd->data()[0] == 1 ? 32 : 20;
-}
-
-uint32_t handlerType(const Box* hdlr) {
-    return hdlr ? uint32_t(readBE(hdlr->data(), 8, 4)) : 0;
 }
 
 void copyTrack(const Box& from, Box& to, bool video) {
@@ -97,21 +87,6 @@ void copyTrack(const Box& from, Box& to, bool video) {
 
 std::string sysError(const std::string& what) {
     return what + ": " + std::strerror(errno);
-}
-
-bool pwriteAll(int fd, uint64_t offset, const uint8_t* p, size_t n) {
-    while (n > 0) {
-        const ssize_t w = ::pwrite(fd, p, n, off_t(offset));
-        if (w < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        p += w;
-        n -= size_t(w);
-        offset += uint64_t(w);
-    }
-    return true;
 }
 
 Bytes header32(uint64_t size, const char (&type)[5]) {
@@ -299,20 +274,20 @@ bool copyMetadata(const File& source, const std::string& outputPath,
     bool ok = true;
     uint64_t placed = start;
     if (last) {
-        ok = pwriteAll(fd, start, bytes.data(), bytes.size()) &&
+        ok = pwriteAll(fd, bytes.data(), bytes.size(), int64_t(start)) &&
              ::ftruncate(fd, off_t(start + n)) == 0;
     } else if (room == n || room >= n + 8) {
-        ok = pwriteAll(fd, start, bytes.data(), bytes.size());
+        ok = pwriteAll(fd, bytes.data(), bytes.size(), int64_t(start));
         if (ok && room > n) {
             const Bytes pad = header32(room - n, "free");
-            ok = pwriteAll(fd, start + n, pad.data(), pad.size());
+            ok = pwriteAll(fd, pad.data(), pad.size(), int64_t(start + n));
         }
     } else {
         // No room in front: the old moov becomes free space, the new one goes last.
         placed = fileSize;
         const Bytes freeType = {'f', 'r', 'e', 'e'};
-        ok = pwriteAll(fd, fileSize, bytes.data(), bytes.size()) &&
-             pwriteAll(fd, start + 4, freeType.data(), 4);
+        ok = pwriteAll(fd, bytes.data(), bytes.size(), int64_t(fileSize)) &&
+             pwriteAll(fd, freeType.data(), 4, int64_t(start + 4));
     }
     if (!ok) {
         *error = sysError(outputPath);

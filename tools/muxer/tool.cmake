@@ -4,9 +4,9 @@
 set(muxer_demuxing_sources ${tool_sources})
 list(FILTER muxer_demuxing_sources INCLUDE REGEX "/(DemuxMain|Remux|Sink|MetadataCopy)\\.(cpp|h)$")
 set(muxer_shared_sources ${tool_sources})
-list(FILTER muxer_shared_sources INCLUDE REGEX "/(Command|Progress|VideoIndex)\\.(cpp|h)$")
+list(FILTER muxer_shared_sources INCLUDE REGEX "/(Command|FileBoxes|Progress|VideoIndex)\\.(cpp|h)$")
 set(muxer_fast_sources ${tool_sources})
-list(FILTER muxer_fast_sources EXCLUDE REGEX "/(DemuxMain|Remux|Sink|MetadataCopy|Command|Progress|VideoIndex)\\.(cpp|h)$")
+list(FILTER muxer_fast_sources EXCLUDE REGEX "/(DemuxMain|Remux|Sink|MetadataCopy|Command|FileBoxes|Progress|VideoIndex)\\.(cpp|h)$")
 
 add_library(tarnwick_muxer_shared STATIC ${muxer_shared_sources})
 target_link_libraries(tarnwick_muxer_shared PUBLIC tarnwick_mp4)
