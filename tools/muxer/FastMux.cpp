@@ -43,14 +43,6 @@ constexpr int64_t kPage = 4096;
 constexpr size_t kCopyStep = 64u << 20;
 constexpr uint16_t kUndetermined = 0x55c4;
 
-struct FdCloser {
-    int fd = -1;
-    ~FdCloser() {
-        if (fd >= 0)
-            ::close(fd);
-    }
-};
-
 // Of a movie or media header.
 uint64_t timescaleOf(const Box* header) {
     if (!header || header->data().empty())

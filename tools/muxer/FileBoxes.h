@@ -6,8 +6,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <unistd.h>
 
 namespace muxer {
+
+// Closes the descriptor it holds when it goes.
+struct FdCloser {
+    int fd = -1;
+    ~FdCloser() {
+        if (fd >= 0)
+            ::close(fd);
+    }
+};
 
 // Whole reads and writes at an offset, across interruptions. A read that
 // meets the end of the file fails with EIO (the file shrank under us).

@@ -1,5 +1,6 @@
 #include "Remux.h"
 
+#include "FileBoxes.h"
 #include "Progress.h"
 #include "Sink.h"
 #include "VideoIndex.h"
@@ -106,14 +107,6 @@ constexpr size_t kAlignFrom = 256u << 10;
 // Packets not found as they are in the source (Annex B, laced or
 // compressed blocks) after this many tries are written from memory.
 constexpr int kMaxVerbatimMisses = 32;
-
-struct FdCloser {
-    int fd = -1;
-    ~FdCloser() {
-        if (fd >= 0)
-            ::close(fd);
-    }
-};
 
 struct Input {
     AVFormatContext* ctx = nullptr;
