@@ -1,5 +1,7 @@
 #include "cli/Commands.h"
 
+#include "core/Startup.h"
+
 #include <map>
 
 namespace cli {
@@ -74,6 +76,16 @@ int run(const QStringList& arguments) {
     out().flush();
     err().flush();
     return status;
+}
+
+StartupScope::~StartupScope() {
+    if (m_started)
+        Startup::cleanupAtExit();
+}
+
+bool StartupScope::begin(QString* error) {
+    m_started = Startup::run(error);
+    return m_started;
 }
 
 } // namespace cli

@@ -35,6 +35,21 @@ int usageError(const QString& command, const QString& message);
 // Prints "tarnwick-cli: MESSAGE" on standard error; answers kExitFailure.
 int failure(const QString& message);
 
+// The program's start-up for a command (settings, scratch folder, presets),
+// undone when the command ends: the scratch folder goes with it.
+class StartupScope {
+public:
+    StartupScope() = default;
+    ~StartupScope();
+    StartupScope(const StartupScope&) = delete;
+    StartupScope& operator=(const StartupScope&) = delete;
+    // False with the reason when start-up failed (nothing to undo then).
+    bool begin(QString* error);
+
+private:
+    bool m_started = false;
+};
+
 // Runs one command line (element 0 is the program) and answers its exit status.
 int run(const QStringList& arguments);
 

@@ -9,7 +9,6 @@
 
 #include "core/Bookmark.h"
 #include "core/SettingsKeys.h"
-#include "core/Startup.h"
 #include "core/UserDefaults.h"
 #include "library/MoviesBrowserController.h"
 
@@ -139,11 +138,9 @@ int runLibrary(const QStringList& args) {
     }
 
     QString error;
-    if (!Startup::run(&error))
+    cli::StartupScope startup;
+    if (!startup.begin(&error))
         return cli::failure(error);
-    const struct Cleanup {
-        ~Cleanup() { Startup::cleanupAtExit(); }
-    } cleanup;
 
     if (folder.isEmpty()) {
         folder = MoviesBrowserController::iTunesMoviesFolder();

@@ -10,7 +10,6 @@
 #include "cli/Commands.h"
 
 #include "core/SettingsKeys.h"
-#include "core/Startup.h"
 #include "core/UserDefaults.h"
 #include "lookup/MDB_TheMovieDb.h"
 #include "metadata/TagNames.h"
@@ -141,11 +140,9 @@ int runLookup(const QStringList& args) {
         return cli::usageError(kCommand, QStringLiteral("no title given"));
 
     QString error;
-    if (!Startup::run(&error))
+    cli::StartupScope startup;
+    if (!startup.begin(&error))
         return cli::failure(error);
-    const struct Cleanup {
-        ~Cleanup() { Startup::cleanupAtExit(); }
-    } cleanup;
     if (language.isEmpty())
         language = UserDefaults::standard().stringForKey(SettingsKey::LanguageRegion);
     if (language.size() < 5)

@@ -5,7 +5,6 @@
 
 #include "core/Resources.h"
 #include "core/SettingsKeys.h"
-#include "core/Startup.h"
 #include "core/UserDefaults.h"
 #include "presets/MDB_Devices.h"
 
@@ -195,11 +194,9 @@ int runPresets(const QStringList& args) {
 
     // Start-up makes the user's copy of the presets on the first run.
     QString error;
-    if (!Startup::run(&error))
+    cli::StartupScope startup;
+    if (!startup.begin(&error))
         return cli::failure(error);
-    const struct Cleanup {
-        ~Cleanup() { Startup::cleanupAtExit(); }
-    } cleanup;
     if (MDB_Devices::defaultDevices().isEmpty())
         return cli::failure(
             QStringLiteral("the shipped presets (Devices.plist) cannot be read from %1")

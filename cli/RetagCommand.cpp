@@ -19,7 +19,6 @@
 #include "cli/Terminal.h"
 
 #include "core/Resources.h"
-#include "core/Startup.h"
 #include "library/RetagBrowserController.h"
 #include "metadata/TagNames.h"
 
@@ -156,11 +155,9 @@ int runRetag(const QStringList& args) {
     }
 
     QString error;
-    if (!Startup::run(&error))
+    cli::StartupScope startup;
+    if (!startup.begin(&error))
         return cli::failure(error);
-    const struct Cleanup {
-        ~Cleanup() { Startup::cleanupAtExit(); }
-    } cleanup;
 
     cli::ProgressLine progress(cli::stderrIsTerminal());
     const bool terminal = cli::interactive();

@@ -16,7 +16,6 @@
 
 #include "core/Resources.h"
 #include "core/SettingsKeys.h"
-#include "core/Startup.h"
 #include "core/UserDefaults.h"
 #include "media/EncodeBrowserController.h"
 #include "metadata/TagNames.h"
@@ -204,11 +203,9 @@ int runScan(const QStringList& args) {
     }
 
     QString error;
-    if (!Startup::run(&error))
+    cli::StartupScope startup;
+    if (!startup.begin(&error))
         return cli::failure(error);
-    const struct Cleanup {
-        ~Cleanup() { Startup::cleanupAtExit(); }
-    } cleanup;
 
     // --skip-tagging holds for this run only: the stored setting comes back
     // before the settings are written at exit.
