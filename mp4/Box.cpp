@@ -51,6 +51,45 @@ bool isVisualSampleEntry(uint32_t t) {
     }
 }
 
+// Boxes whose payload is nothing but boxes (after their fixed fields); bytes
+// there that are not a box mean damage, not a layout we do not know.
+bool holdsOnlyBoxes(uint32_t type, uint32_t parentType) {
+    if (parentType == fourcc("ilst"))
+        return true;
+    switch (type) {
+    case fourcc("moov"):
+    case fourcc("trak"):
+    case fourcc("mdia"):
+    case fourcc("minf"):
+    case fourcc("stbl"):
+    case fourcc("dinf"):
+    case fourcc("edts"):
+    case fourcc("mvex"):
+    case fourcc("tref"):
+    case fourcc("udta"):
+    case fourcc("meta"):
+    case fourcc("ilst"):
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Why the bytes at p are not one box within avail bytes.
+std::string sizeProblem(const uint8_t* p, size_t avail, int depth) {
+    const uint64_t size = readBE(p, avail, 0, 4);
+    std::string what = "'" + fourccString(uint32_t(readBE(p, avail, 4, 4))) + "' box ";
+    if (avail < 8)
+        return "a torn box header";
+    if (size == 0 && depth > 0)
+        return what + "of size 0";
+    if (size == 1 && (avail < 16 || readBE(p, avail, 8, 8) < 16 || readBE(p, avail, 8, 8) > avail))
+        return what + "with a bad 64-bit size";
+    if (size > 1 && size < 8)
+        return what + "of size " + std::to_string(size);
+    return what + "running past its parent";
+}
+
 } // namespace
 
 uint32_t fourcc(std::string_view s) {
@@ -132,7 +171,7 @@ int containerPrefix(uint32_t type, uint32_t parentType, const uint8_t* payload, 
 }
 
 std::unique_ptr<Box> Box::parse(const uint8_t* p, size_t avail, size_t* consumed,
-                                uint32_t parentType, int depth) {
+                                uint32_t parentType, int depth, std::string* problem) {
     if (avail < 8)
         return nullptr;
     uint64_t size = readBE(p, avail, 0, 4);
@@ -158,10 +197,14 @@ std::unique_ptr<Box> Box::parse(const uint8_t* p, size_t avail, size_t* consumed
     const uint8_t* payload = p + header;
     const size_t n = size_t(size - header);
     const int prefix = depth < kMaxDepth ? containerPrefix(type, parentType, payload, n) : -1;
+    const bool strict = holdsOnlyBoxes(type, parentType);
     if (prefix >= 0 && size_t(prefix) <= n) {
         box->m_data.assign(payload, payload + prefix);
-        box->parseChildren(payload + prefix, n - prefix, depth + 1);
+        box->parseChildren(payload + prefix, n - prefix, depth + 1, strict, problem);
     } else {
+        if (strict && problem && problem->empty())
+            *problem = "'" + fourccString(type) + "' box " +
+                       (prefix < 0 ? "nested too deeply" : "too short for its fields");
         box->m_data.assign(payload, payload + n);
     }
     if (consumed)
@@ -169,13 +212,16 @@ std::unique_ptr<Box> Box::parse(const uint8_t* p, size_t avail, size_t* consumed
     return box;
 }
 
-void Box::parseChildren(const uint8_t* p, size_t n, int depth) {
+void Box::parseChildren(const uint8_t* p, size_t n, int depth, bool strict, std::string* problem) {
     std::vector<std::unique_ptr<Box>> kids;
     size_t pos = 0;
     while (n - pos >= 8) {
         size_t used = 0;
-        auto kid = parse(p + pos, n - pos, &used, m_type, depth);
+        auto kid = parse(p + pos, n - pos, &used, m_type, depth, problem);
         if (!kid) {
+            if (strict && problem && problem->empty())
+                *problem =
+                    sizeProblem(p + pos, n - pos, depth) + " inside '" + fourccString(m_type) + "'";
             // Not a sequence of boxes after all: keep the bytes untouched.
             m_data.insert(m_data.end(), p, p + n);
             return;

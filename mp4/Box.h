@@ -71,11 +71,15 @@ public:
 
     // Parses one box tree from memory; nullptr when the bytes are not a box.
     // parentType decides how boxes whose layout depends on their place are read.
+    // A container that must hold only boxes but does not (a child of size 0,
+    // a bad 64-bit size, a child running past its parent) is kept as opaque
+    // bytes, and the first such damage is described in *problem.
     static std::unique_ptr<Box> parse(const uint8_t* p, size_t avail, size_t* consumed,
-                                      uint32_t parentType = 0, int depth = 0);
+                                      uint32_t parentType = 0, int depth = 0,
+                                      std::string* problem = nullptr);
 
 private:
-    void parseChildren(const uint8_t* p, size_t n, int depth);
+    void parseChildren(const uint8_t* p, size_t n, int depth, bool strict, std::string* problem);
     uint64_t contentSize() const;
     bool needsLargeHeader(uint64_t content) const;
 

@@ -39,15 +39,18 @@ Box* Handle::trak(MP4TrackId id) const {
 
 namespace {
 
+thread_local std::string lastError;
+
 Handle* openHandle(const char* fileName, bool writable, bool syncedWrites = true) {
+    lastError.clear();
     if (!fileName) {
+        lastError = "no file name";
         qCWarning(lcMp4) << "MP4 open: no file name";
         return nullptr;
     }
-    std::string error;
-    auto file = File::open(fileName, writable, &error);
+    auto file = File::open(fileName, writable, &lastError);
     if (!file) {
-        qCInfo(lcMp4).noquote() << "MP4 open failed:" << QString::fromStdString(error);
+        qCInfo(lcMp4).noquote() << "MP4 open failed:" << QString::fromStdString(lastError);
         return nullptr;
     }
     file->setSyncedWrites(syncedWrites);
@@ -385,24 +388,31 @@ MP4FileHandle MP4Modify(const char* fileName, uint32_t flags) {
     return openHandle(fileName, true, !(flags & MP4_MODIFY_FRESH_OUTPUT));
 }
 
-void MP4Close(MP4FileHandle hFile, uint32_t) {
+bool MP4Close(MP4FileHandle hFile, uint32_t) {
     Handle* h = Handle::from(hFile);
+    lastError.clear();
     if (!h)
-        return;
+        return true;
+    bool ok = true;
     if (h->file->writable() && h->file->dirty()) {
-        std::string error;
-        if (!h->file->commit(&error))
-            qCWarning(lcMp4).noquote() << "MP4 write failed:" << QString::fromStdString(error);
+        ok = h->file->commit(&lastError);
+        if (!ok)
+            qCWarning(lcMp4).noquote() << "MP4 write failed:" << QString::fromStdString(lastError);
     }
-    delete h;
+    delete h; // the lock of a Modify handle goes only now
+    return ok;
+}
+
+const char* MP4GetLastError() {
+    return lastError.c_str();
 }
 
 bool MP4Optimize(const char* fileName, const char* newFileName) {
+    lastError.clear();
     if (!fileName)
         return false;
-    std::string error;
-    if (!optimize(fileName, newFileName ? newFileName : "", &error)) {
-        qCWarning(lcMp4).noquote() << "MP4 optimize failed:" << QString::fromStdString(error);
+    if (!optimize(fileName, newFileName ? newFileName : "", &lastError)) {
+        qCWarning(lcMp4).noquote() << "MP4 optimize failed:" << QString::fromStdString(lastError);
         return false;
     }
     return true;

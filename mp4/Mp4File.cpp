@@ -5,7 +5,10 @@
 #include <cstring>
 #include <map>
 
+#include <QElapsedTimer>
+
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -90,9 +93,20 @@ void setWriteStepHook(WriteStepHook hook) {
     stepHook() = std::move(hook);
 }
 
+namespace {
+int& lockWaitMs() {
+    static int ms = 10000;
+    return ms;
+}
+} // namespace
+
+void setLockWait(int milliseconds) {
+    lockWaitMs() = milliseconds;
+}
+
 File::~File() {
     if (m_fd >= 0)
-        ::close(m_fd);
+        ::close(m_fd); // also releases the lock
 }
 
 std::unique_ptr<File> File::open(const std::string& path, bool writable, std::string* error) {
@@ -111,34 +125,193 @@ std::unique_ptr<File> File::open(const std::string& path, bool writable, std::st
             *error = path + ": not a regular file";
         return nullptr;
     }
-    if (!f->scanTopLevel(error))
+    // The layout is read only once no other writer can change it.
+    if (writable && !f->lock(error))
         return nullptr;
-    const TopLevelBox* moov = f->topLevelMoov();
-    if (!moov) {
+    std::string problem;
+    if (f->scanTopLevel(&problem) && f->loadMoov(&problem)) {
+        if (!writable)
+            return f;
+        problem = f->structureProblem();
+        if (problem.empty())
+            return f->repairMoovs(error) ? std::move(f) : nullptr;
+    } else if (!writable) {
         if (error)
-            *error = path + ": no moov box";
+            *error = problem;
         return nullptr;
+    } else if (problem.compare(0, path.size() + 2, path + ": ") == 0) {
+        problem.erase(0, path.size() + 2);
     }
-    if (moov->size > kMaxMoov) {
+    // What we cannot vouch for, we do not write to.
+    if (error)
+        *error = path + ": not a valid MP4 file (" + problem + "); left unchanged";
+    return nullptr;
+}
+
+bool File::lock(std::string* error) {
+    QElapsedTimer waited;
+    waited.start();
+    for (;;) {
+        if (::flock(m_fd, LOCK_EX | LOCK_NB) == 0) {
+            // A writer that replaced the file (a rename over it) leaves us
+            // holding the lock of a file no longer under this name.
+            struct stat held {
+            }, named{};
+            if (::fstat(m_fd, &held) == 0 && ::stat(m_path.c_str(), &named) == 0 &&
+                (held.st_ino != named.st_ino || held.st_dev != named.st_dev)) {
+                const int fd = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+                if (fd < 0) {
+                    if (error)
+                        *error = sysError(m_path.c_str());
+                    return false;
+                }
+                ::close(m_fd);
+                m_fd = fd;
+                continue;
+            }
+            return true;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno != EWOULDBLOCK)
+            return true; // a file system without locks: nothing to wait for
+        if (waited.elapsed() >= lockWaitMs()) {
+            if (error) {
+                const int ms = lockWaitMs();
+                *error =
+                    m_path + ": another program is writing to this file (gave up after " +
+                    (ms % 1000 ? std::to_string(ms) + " ms" : std::to_string(ms / 1000) + " s") +
+                    ")";
+            }
+            return false;
+        }
+        ::usleep(10000);
+    }
+}
+
+// The live moov: of several (a write interrupted between its two steps leaves
+// two), the last that parses completely, as that is the one a write put last.
+bool File::loadMoov(std::string* error) {
+    m_moov.reset();
+    m_moovProblem.clear();
+    std::string firstError;
+    for (auto it = m_top.rbegin(); it != m_top.rend(); ++it) {
+        const TopLevelBox& b = *it;
+        if (b.type != fourcc("moov"))
+            continue;
+        std::string why;
+        if (b.size > kMaxMoov) {
+            why = "moov box too large";
+        } else {
+            Bytes raw(size_t(b.size));
+            if (!preadAll(m_fd, b.offset, raw.data(), raw.size())) {
+                if (error)
+                    *error = sysError(m_path.c_str());
+                return false;
+            }
+            size_t used = 0;
+            std::string problem;
+            auto moov = Box::parse(raw.data(), raw.size(), &used, 0, 0, &problem);
+            if (!moov || !moov->isContainer()) {
+                why = "unreadable moov box" + (problem.empty() ? "" : " (" + problem + ")");
+            } else if (!problem.empty() && m_moov) {
+                why = problem; // keep looking for a complete one
+            } else {
+                const bool complete = problem.empty();
+                m_moov = std::move(moov);
+                m_moovOffset = b.offset;
+                m_moovProblem = problem;
+                m_moovOriginal = std::move(raw);
+                if (complete)
+                    return true;
+                continue;
+            }
+        }
+        if (firstError.empty())
+            firstError = why;
+    }
+    if (m_moov)
+        return true;
+    if (error)
+        *error = m_path + ": " + (firstError.empty() ? "no moov box" : firstError);
+    return false;
+}
+
+// Why writing into this file could harm it: structure we could not parse,
+// a moov that swallows the rest of the file, or media data where a write
+// would land (inside moov or free space).
+std::string File::structureProblem() const {
+    if (!m_moovProblem.empty())
+        return m_moovProblem;
+    // A moov "to the end of the file" is fine as the real last box; one that
+    // swallowed boxes of the top level would free them along with itself.
+    if (topLevelMoov()->toEnd) {
+        for (const auto& c : m_moov->children()) {
+            switch (c->type()) {
+            case fourcc("mdat"):
+            case fourcc("moov"):
+            case fourcc("ftyp"):
+            case fourcc("moof"):
+            case fourcc("mfra"):
+                return "moov box of size 0 holding the '" + c->typeName() + "' box";
+            default:
+                break;
+            }
+        }
+    }
+    std::vector<const Box*> stack = {m_moov.get()};
+    while (!stack.empty()) {
+        const Box* b = stack.back();
+        stack.pop_back();
+        for (const auto& c : b->children())
+            stack.push_back(c.get());
+        if (b->type() != fourcc("stco") && b->type() != fourcc("co64"))
+            continue;
+        const int width = b->type() == fourcc("co64") ? 8 : 4;
+        const Bytes& d = b->data();
+        const uint64_t count = readBE(d, 4, 4);
+        if (d.size() < 8 || (d.size() - 8) / width < count)
+            return "chunk offset table shorter than its count";
+        for (uint64_t i = 0; i < count; ++i) {
+            const uint64_t off = readBE(d, size_t(8 + i * width), width);
+            auto it =
+                std::upper_bound(m_top.begin(), m_top.end(), off,
+                                 [](uint64_t v, const TopLevelBox& t) { return v < t.offset; });
+            if (it == m_top.begin() || off >= (it - 1)->end())
+                return "media data at offset " + std::to_string(off) + " past the end of the file";
+            const uint32_t holder = (it - 1)->type;
+            if (holder == fourcc("moov") || holder == fourcc("ftyp") || isFree(holder))
+                return "media data at offset " + std::to_string(off) + " overlaps the '" +
+                       fourccString(holder) + "' box";
+        }
+    }
+    return {};
+}
+
+// Turns every moov but the live one into free space, so that all readers
+// agree on the tags and later writes cannot revive a stale one.
+bool File::repairMoovs(std::string* error) {
+    bool changed = false;
+    const Bytes freeType = {'f', 'r', 'e', 'e'};
+    for (const auto& b : m_top) {
+        if (b.type != fourcc("moov") || b.offset == m_moovOffset)
+            continue;
+        if (!pwriteAll(m_fd, b.offset + 4, freeType.data(), 4)) {
+            if (error)
+                *error = sysError(m_path.c_str());
+            return false;
+        }
+        changed = true;
+    }
+    if (!changed)
+        return true;
+    if (!sync()) {
         if (error)
-            *error = path + ": moov box too large";
-        return nullptr;
+            *error = sysError(m_path.c_str());
+        return false;
     }
-    Bytes raw(size_t(moov->size));
-    if (!preadAll(f->m_fd, moov->offset, raw.data(), raw.size())) {
-        if (error)
-            *error = sysError(path.c_str());
-        return nullptr;
-    }
-    size_t used = 0;
-    f->m_moov = Box::parse(raw.data(), raw.size(), &used);
-    if (!f->m_moov || !f->m_moov->isContainer()) {
-        if (error)
-            *error = path + ": unreadable moov box";
-        return nullptr;
-    }
-    f->m_moovOriginal = std::move(raw);
-    return f;
+    step("repaired");
+    return scanTopLevel(error);
 }
 
 bool File::scanTopLevel(std::string* error) {
@@ -219,7 +392,10 @@ const TopLevelBox* File::topLevelBox(uint32_t type) const {
 }
 
 const TopLevelBox* File::topLevelMoov() const {
-    return topLevelBox(fourcc("moov"));
+    for (const auto& b : m_top)
+        if (b.type == fourcc("moov") && b.offset == m_moovOffset)
+            return &b;
+    return nullptr;
 }
 
 bool File::readAt(uint64_t offset, void* buffer, size_t n) const {
@@ -229,6 +405,12 @@ bool File::readAt(uint64_t offset, void* buffer, size_t n) const {
 }
 
 bool File::writeAll(uint64_t offset, const uint8_t* p, size_t n, WriteStats* stats, bool chunked) {
+    if (m_journaling && offset < m_sizeBefore) {
+        Saved saved{offset, Bytes(size_t(std::min<uint64_t>(n, m_sizeBefore - offset)))};
+        if (!preadAll(m_fd, offset, saved.bytes.data(), saved.bytes.size()))
+            return false;
+        m_journal.push_back(std::move(saved));
+    }
     while (n > 0) {
         const size_t len = chunked ? std::min(n, kChunk) : n;
         if (!pwriteAll(m_fd, offset, p, len))
@@ -253,10 +435,39 @@ bool File::sync() {
     return ::fdatasync(m_fd) == 0 || errno == EINVAL || errno == ENOTSUP;
 }
 
+bool File::rollBack() {
+    bool ok = true;
+    struct stat st {};
+    if (::fstat(m_fd, &st) != 0 || uint64_t(st.st_size) != m_sizeBefore)
+        ok = ::ftruncate(m_fd, off_t(m_sizeBefore)) == 0;
+    for (auto it = m_journal.rbegin(); it != m_journal.rend(); ++it) {
+        // Only blocks that differ go back: one never written needs no new
+        // space, which a full disk may not have.
+        Bytes now(it->bytes.size());
+        if (!preadAll(m_fd, it->offset, now.data(), now.size())) {
+            ok = false;
+            continue;
+        }
+        for (size_t at = 0; at < now.size(); at += 4096) {
+            const size_t len = std::min<size_t>(4096, now.size() - at);
+            if (std::memcmp(now.data() + at, it->bytes.data() + at, len) != 0)
+                ok = pwriteAll(m_fd, it->offset + at, it->bytes.data() + at, len) && ok;
+        }
+    }
+    if (m_syncedWrites && ::fdatasync(m_fd) != 0 && errno != EINVAL && errno != ENOTSUP)
+        ok = false;
+    m_journal.clear();
+    m_journaling = false;
+    return ok;
+}
+
 bool File::commit(std::string* error, WriteStats* stats) {
     auto fail = [&](const std::string& what) {
+        std::string message = what.empty() ? sysError(m_path.c_str()) : m_path + ": " + what;
+        if (m_journaling && !rollBack())
+            message += " (and the file could not be put back as it was)";
         if (error)
-            *error = what.empty() ? sysError(m_path.c_str()) : m_path + ": " + what;
+            *error = message;
         return false;
     };
     if (!m_writable)
@@ -270,18 +481,24 @@ bool File::commit(std::string* error, WriteStats* stats) {
     const TopLevelBox* live = topLevelMoov();
     if (!live)
         return fail("no moov box");
+    struct stat st {};
+    if (::fstat(m_fd, &st) != 0)
+        return fail({});
+    // Writers that take no lock may have changed it; our layout is stale then.
+    if (uint64_t(st.st_size) != m_fileSize)
+        return fail("the file changed while it was open; left unchanged");
     const TopLevelBox old = *live;
     const uint64_t n = moov.size();
-    std::vector<uint64_t> stale;
+    std::vector<TopLevelBox> stale;
     for (const auto& b : m_top)
         if (b.type == fourcc("moov") && b.offset != old.offset)
-            stale.push_back(b.offset);
+            stale.push_back(b);
 
     // Candidate places: runs of free boxes (not before ftyp), then the end of the file.
     struct Region {
         uint64_t start = 0, size = 0;
         size_t boxes = 0;
-        bool atEnd = false;
+        bool damaged = false;     // holds a box without a size or running past the end
         bool plainHeader = false; // one free box with an 8-byte header covering the region
     };
     std::vector<Region> regions;
@@ -294,50 +511,59 @@ bool File::commit(std::string* error, WriteStats* stats) {
         }
         Region r;
         r.start = m_top[i].offset;
-        r.plainHeader = m_top[i].headerSize == 8 && !m_top[i].toEnd && !m_top[i].truncated;
+        r.plainHeader = m_top[i].headerSize == 8;
         size_t j = i;
         while (j < m_top.size() && isFree(m_top[j].type)) {
             r.size += m_top[j].size;
+            r.damaged = r.damaged || m_top[j].toEnd || m_top[j].truncated;
             ++r.boxes;
             ++j;
         }
-        r.atEnd = j == m_top.size();
         r.plainHeader = r.plainHeader && r.boxes == 1;
         regions.push_back(r);
         i = j;
     }
     const Region* chosen = nullptr;
     for (const auto& r : regions) {
-        if (r.atEnd) {
-            chosen = &r;
-            break;
-        }
         // The header written at the region's start must not straddle a page,
         // or a kill could tear its size field.
         const bool fits = r.size == n || r.size >= n + 8;
-        if (fits && r.size <= 0xffffffffULL && r.start % 4096 <= 4088) {
+        if (fits && !r.damaged && r.size <= 0xffffffffULL && r.start % 4096 <= 4088) {
             chosen = &r;
             break;
         }
     }
 
-    if (!chosen || chosen->atEnd) {
-        // Append: padding at the end of the file is dropped, then the new moov
-        // is written as `free` and only turned into `moov` once it is on disk.
-        uint64_t start = chosen ? chosen->start : m_fileSize;
-        if (!chosen) {
-            const TopLevelBox& last = m_top.back();
-            if (last.toEnd) {
-                // A box running "to the end" would swallow what we append: give it its real size.
-                if (last.size > 0xffffffffULL || last.headerSize != 8)
-                    return fail("last box has no explicit size and is too large to fix");
-                const Bytes h = header32(last.size, last.type);
-                if (!pwriteAll(m_fd, last.offset, h.data(), 4) || !sync())
-                    return fail({});
-                step("sized");
+    // Everything overwritten from here on is kept, to be put back on failure.
+    m_journal.clear();
+    m_journaling = true;
+    m_sizeBefore = m_fileSize;
+    // Free space this write leaves behind, which the trim below may drop.
+    std::vector<std::pair<uint64_t, uint64_t>> owned = {{old.offset, old.end()}};
+    for (const auto& b : stale)
+        owned.emplace_back(b.offset, b.end());
+
+    if (!chosen) {
+        // Append: the new moov is written as `free` after the last box and
+        // only turned into `moov` once it is on disk.
+        const TopLevelBox& last = m_top.back();
+        const uint64_t start = last.end(); // a torn header (< 8 bytes) after it is overwritten
+        if (last.toEnd || last.truncated) {
+            // A box without a size, or running past the end, would swallow
+            // what we append: give it its real size.
+            Bytes h;
+            uint64_t at = last.offset;
+            if (last.headerSize == 16) {
+                appendBE(h, 8, last.size);
+                at += 8;
+            } else if (last.size <= 0xffffffffULL) {
+                appendBE(h, 4, last.size);
+            } else {
+                return fail("last box has no explicit size and is too large to fix");
             }
-        } else if (::ftruncate(m_fd, off_t(start)) != 0 || !sync()) {
-            return fail({});
+            if (!writeAll(at, h.data(), h.size(), stats, false) || !sync())
+                return fail({});
+            step("sized");
         }
         writeBE(moov, 4, 4, fourcc("free"));
         if (!writeAll(start, moov.data(), moov.size(), stats, true) || !sync())
@@ -347,6 +573,7 @@ bool File::commit(std::string* error, WriteStats* stats) {
         if (!writeAll(start + 4, type.data(), 4, stats, false) || !sync())
             return fail({});
         step("moov");
+        m_moovOffset = start;
         if (stats)
             stats->appended = true;
     } else {
@@ -362,6 +589,7 @@ bool File::commit(std::string* error, WriteStats* stats) {
             const Bytes h = header32(r.size - n, fourcc("free"));
             if (!writeAll(r.start + n, h.data(), 8, stats, false))
                 return fail({});
+            owned.emplace_back(r.start + n, r.start + r.size);
         }
         if (!writeAll(r.start + 8, moov.data() + 8, moov.size() - 8, stats, true) || !sync())
             return fail({});
@@ -371,6 +599,7 @@ bool File::commit(std::string* error, WriteStats* stats) {
         if (!writeAll(r.start, moov.data(), 8, stats, false) || !sync())
             return fail({});
         step("moov");
+        m_moovOffset = r.start;
     }
 
     // From here the new moov is live for readers that take the first moov
@@ -378,13 +607,10 @@ bool File::commit(std::string* error, WriteStats* stats) {
     // Moovs left behind by an interrupted write go first, while the old moov
     // still hides them, so none of them can ever become the first one.
     const Bytes freeType = {'f', 'r', 'e', 'e'};
-    bool staleFreed = false;
-    for (uint64_t offset : stale) {
-        if (!writeAll(offset + 4, freeType.data(), 4, stats, false))
+    for (const auto& b : stale)
+        if (!writeAll(b.offset + 4, freeType.data(), 4, stats, false))
             return fail({});
-        staleFreed = true;
-    }
-    if (staleFreed) {
+    if (!stale.empty()) {
         if (!sync())
             return fail({});
         step("stale-freed");
@@ -395,23 +621,31 @@ bool File::commit(std::string* error, WriteStats* stats) {
     if (!writeAll(old.offset + 4, freeType.data(), 4, stats, false))
         return fail({});
     step("old-freed");
+    m_journaling = false;
+    m_journal.clear();
+    m_moovOriginal = std::move(moov);
+    writeBE(m_moovOriginal, 4, 4, fourcc("moov"));
+    m_dirty = false;
 
     if (!scanTopLevel(error))
         return false;
-    // Padding at the end of the file is worthless (the end can always grow).
+    // Padding at the end of the file is worthless (the end can always grow),
+    // but only what this write freed is ours to drop: anything else there
+    // belongs to someone we do not know about.
+    auto isOwned = [&](const TopLevelBox& b) {
+        for (const auto& [from, to] : owned)
+            if (b.offset >= from && b.end() <= to)
+                return true;
+        return false;
+    };
     size_t k = m_top.size();
-    while (k > 0 && isFree(m_top[k - 1].type))
+    while (k > 0 && isFree(m_top[k - 1].type) && !m_top[k - 1].truncated && isOwned(m_top[k - 1]))
         --k;
-    if (k < m_top.size() && k > 0) {
-        if (::ftruncate(m_fd, off_t(m_top[k].offset)) != 0)
-            return fail({});
+    if (k < m_top.size() && k > 0 && ::ftruncate(m_fd, off_t(m_top[k].offset)) == 0) {
         step("trimmed");
         if (!scanTopLevel(error))
             return false;
     }
-    m_moovOriginal = std::move(moov);
-    writeBE(m_moovOriginal, 4, 4, fourcc("moov"));
-    m_dirty = false;
     return true;
 }
 
@@ -480,6 +714,14 @@ bool copyRange(int in, uint64_t from, int out, uint64_t to, uint64_t n) {
 } // namespace
 
 bool optimize(const std::string& path, const std::string& target, std::string* error) {
+    // Replacing the file in place: a tag write during the copy would be lost
+    // by the rename, so writers wait for it.
+    std::unique_ptr<File> guard;
+    if (target.empty() || target == path) {
+        guard = File::open(path, true, error);
+        if (!guard)
+            return false;
+    }
     auto file = File::open(path, false, error);
     if (!file)
         return false;

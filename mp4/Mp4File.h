@@ -28,6 +28,10 @@ struct TopLevelBox {
 using WriteStepHook = std::function<void(const char* step)>;
 void setWriteStepHook(WriteStepHook hook);
 
+// How long opening for modification waits for another writer of the same
+// file to finish before it gives up (10 s unless a test says otherwise).
+void setLockWait(int milliseconds);
+
 struct WriteStats {
     uint64_t bytesWritten = 0;
     bool appended = false; // new moov went to the end of the file rather than into free space
@@ -40,6 +44,9 @@ public:
     File& operator=(const File&) = delete;
 
     // nullptr with a message in *error when the file is missing or not a usable MP4.
+    // Writable opens hold an exclusive advisory lock on the file until the
+    // File is destroyed, refuse files whose structure they cannot vouch for,
+    // and turn every moov but the live one into free space.
     static std::unique_ptr<File> open(const std::string& path, bool writable, std::string* error);
 
     const std::string& path() const { return m_path; }
@@ -60,13 +67,26 @@ public:
 
     // Writes moov back when it changed: into free space when a region fits,
     // else appended; the old moov becomes `free`. Never touches media data.
+    // When any step fails the bytes written so far are put back, so the file
+    // is as it was before, and *error says why.
     bool commit(std::string* error, WriteStats* stats = nullptr);
 
 private:
     File() = default;
+    bool lock(std::string* error);
     bool scanTopLevel(std::string* error);
+    bool loadMoov(std::string* error);
+    bool repairMoovs(std::string* error);
+    std::string structureProblem() const;
     bool writeAll(uint64_t offset, const uint8_t* p, size_t n, WriteStats* stats, bool chunked);
     bool sync();
+    bool rollBack();
+
+    // What a commit overwrote, to put back when a later step fails.
+    struct Saved {
+        uint64_t offset;
+        Bytes bytes;
+    };
 
     std::string m_path;
     int m_fd = -1;
@@ -76,7 +96,12 @@ private:
     uint64_t m_fileSize = 0;
     std::vector<TopLevelBox> m_top;
     std::unique_ptr<Box> m_moov;
+    uint64_t m_moovOffset = 0;
+    std::string m_moovProblem; // damage found while parsing the live moov
     Bytes m_moovOriginal;
+    bool m_journaling = false;
+    uint64_t m_sizeBefore = 0;
+    std::vector<Saved> m_journal;
 };
 
 // Rewrites `path` with ftyp, moov and free padding ahead of the media data,

@@ -60,8 +60,12 @@ MP4FileHandle MP4Read(const char* fileName);
 // on disk itself yet, so ordering the moov write with syncs protects nothing.
 #define MP4_MODIFY_FRESH_OUTPUT 0x00000001
 MP4FileHandle MP4Modify(const char* fileName, uint32_t flags = 0);
-// Writes the pending changes of a Modify handle (moov only, crash-safe), then closes.
-void MP4Close(MP4FileHandle hFile, uint32_t flags = 0);
+// Writes the pending changes of a Modify handle (moov only, crash-safe), then
+// closes. False when the write failed; the file is then as it was before.
+bool MP4Close(MP4FileHandle hFile, uint32_t flags = 0);
+// Why the last MP4Read, MP4Modify, MP4Close or MP4Optimize of this thread
+// failed ("" after a success).
+const char* MP4GetLastError();
 // Rewrites the file with moov in front of the media data. Without newFileName
 // the result replaces fileName (written beside it, then renamed over it).
 bool MP4Optimize(const char* fileName, const char* newFileName = nullptr);
