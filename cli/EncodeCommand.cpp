@@ -375,8 +375,12 @@ void EncodeRun::noteStatusChanges() {
         last = status;
         if (!m_encoded.contains(item.get()))
             continue;
-        if (status == 19)
+        // A movie whose tags could not be written is not done.
+        const QString& tagError = item->tagWriteError();
+        if (status == 19 && tagError.isEmpty())
             m_progress.message(item->name() + QStringLiteral(": done"));
+        else if (status == 19)
+            m_progress.message(item->name() + QStringLiteral(": failed: ") + tagError);
         else if (status == 0)
             m_progress.message(item->name() +
                                (m_partial.contains(item.get()) ? QStringLiteral(": partial: ")
@@ -504,7 +508,10 @@ QList<Outcome> EncodeRun::outcomes() const {
         o.name = item->name();
         o.status = item->status();
         o.warnings = item->warnings();
-        if (o.status == 19)
+        if (o.status == 19 && !item->tagWriteError().isEmpty()) {
+            o.state = QStringLiteral("failed");
+            o.warnings = item->tagWriteError();
+        } else if (o.status == 19)
             o.state = QStringLiteral("done");
         else if (o.status == 0)
             o.state = m_partial.contains(item.get()) ? QStringLiteral("partial")
@@ -656,7 +663,7 @@ int EncodeRun::run() {
         return finish(m_interrupts.exitStatus());
     bool allDone = !m_items.isEmpty();
     for (const std::shared_ptr<MDI_Media>& item : m_items)
-        allDone = allDone && item->status() == 19;
+        allDone = allDone && item->status() == 19 && item->tagWriteError().isEmpty();
     return finish(allDone ? cli::kExitOk : cli::kExitFailure);
 }
 

@@ -96,13 +96,17 @@ public:
     // Writes the record's tags into the file at `outPath` and labels the
     // file's audio and subtitle tracks after the main title's included tracks
     // (status 11 while writing, 12 when done, 0 with a warning when the file
-    // cannot be opened). `freshOutput`: the file is an encode just made, not
-    // yet on disk itself, so the write skips its syncs.
+    // cannot be opened or the write fails). `freshOutput`: the file is an
+    // encode just made, not yet on disk itself, so the write skips its syncs.
     void writeMetadataToFile(bool isTV, bool freshOutput = false);
+    // Why the last writeMetadataToFile wrote nothing; empty after a success.
+    // Kept apart from `warnings`, which later steps may replace.
+    const QString& tagWriteError() const { return m_tagWriteError; }
     // Reads a file's tags into the record: the file at `inPath`, else at
     // `outPath`. Cover art is copied into the scratch folder and selected.
     void readMetadataFromFile(bool isTV);
     static const char* const kWriteFailed;
+    static const char* const kWriteNotDone;
     static const char* const kReadFailed;
 
     // Search results (records of the hits) and the chosen one.
@@ -201,6 +205,7 @@ protected:
     QString m_outPath;
     QString m_cmdArgs;
     QString m_warnings;
+    QString m_tagWriteError;
     QString m_languageRegion;
     QString m_primaryDevice;
     QString m_secondaryDevice;

@@ -82,9 +82,22 @@ void labelAudio(MP4FileHandle handle, const QList<FileTrack>& tracks, const Titl
 const char* const MDI_Media::kWriteFailed =
     "Unable to write the tags to the movie file! The file was either missing or unable to be "
     "opened.";
+const char* const MDI_Media::kWriteNotDone =
+    "Unable to write the tags to the movie file! The file was left as it was.";
 const char* const MDI_Media::kReadFailed =
     "Unable to access the movie file! The file was missing, unable to be opened, or an "
     "unsupported format.";
+
+namespace {
+
+// The message with the MP4 layer's reason for the last failure, when it gave one.
+QString withReason(const char* message) {
+    const QString reason = QString::fromUtf8(MP4GetLastError());
+    return reason.isEmpty() ? QString::fromLatin1(message)
+                            : QStringLiteral("%1 (%2)").arg(QString::fromLatin1(message), reason);
+}
+
+} // namespace
 
 void MDI_Media::writeMetadataToFile(bool isTV, bool freshOutput) {
     MP4FileHandle handle = m_outPath.isEmpty()
@@ -93,7 +106,9 @@ void MDI_Media::writeMetadataToFile(bool isTV, bool freshOutput) {
                                            freshOutput ? MP4_MODIFY_FRESH_OUTPUT : 0);
     if (handle == MP4_INVALID_FILE_HANDLE) {
         m_status = 0;
-        m_warnings = QString::fromLatin1(kWriteFailed);
+        m_warnings =
+            m_outPath.isEmpty() ? QString::fromLatin1(kWriteFailed) : withReason(kWriteFailed);
+        m_tagWriteError = m_warnings;
         return;
     }
     m_status = 11;
@@ -106,6 +121,7 @@ void MDI_Media::writeMetadataToFile(bool isTV, bool freshOutput) {
         MP4Close(handle, MP4_CLOSE_DO_NOT_COMPUTE_BITRATE);
         m_status = 0;
         m_warnings = error;
+        m_tagWriteError = error;
         return;
     }
 
@@ -124,8 +140,15 @@ void MDI_Media::writeMetadataToFile(bool isTV, bool freshOutput) {
             labelAudio(handle, tracks, *title);
     }
 
+    // The tags reach the file only on close; a failed write leaves it as it was.
+    if (!MP4Close(handle, MP4_CLOSE_DO_NOT_COMPUTE_BITRATE)) {
+        m_status = 0;
+        m_warnings = withReason(kWriteNotDone);
+        m_tagWriteError = m_warnings;
+        return;
+    }
+    m_tagWriteError.clear();
     m_status = 12;
-    MP4Close(handle, MP4_CLOSE_DO_NOT_COMPUTE_BITRATE);
 }
 
 void MDI_Media::readMetadataFromFile(bool isTV) {

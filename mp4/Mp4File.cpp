@@ -98,6 +98,50 @@ int& lockWaitMs() {
     static int ms = 10000;
     return ms;
 }
+
+// Takes the writers' lock on fd (open on path), waiting a bounded time. A
+// writer that replaced the file meanwhile (a rename over it) leaves us
+// holding the lock of a file no longer under this name: fd is then reopened.
+bool lockExclusive(int& fd, const std::string& path, std::string* error) {
+    QElapsedTimer waited;
+    waited.start();
+    for (;;) {
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            struct stat held {
+            }, named{};
+            if (::fstat(fd, &held) == 0 && ::stat(path.c_str(), &named) == 0 &&
+                (held.st_ino != named.st_ino || held.st_dev != named.st_dev)) {
+                const int fresh =
+                    ::open(path.c_str(), (::fcntl(fd, F_GETFL) & O_ACCMODE) | O_CLOEXEC);
+                if (fresh < 0) {
+                    if (error)
+                        *error = sysError(path.c_str());
+                    return false;
+                }
+                ::close(fd);
+                fd = fresh;
+                continue;
+            }
+            return true;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno != EWOULDBLOCK)
+            return true; // a file system without locks: nothing to wait for
+        if (waited.elapsed() >= lockWaitMs()) {
+            if (error) {
+                const int ms = lockWaitMs();
+                *error =
+                    path + ": another program is writing to this file (gave up after " +
+                    (ms % 1000 ? std::to_string(ms) + " ms" : std::to_string(ms / 1000) + " s") +
+                    ")";
+            }
+            return false;
+        }
+        ::usleep(10000);
+    }
+}
+
 } // namespace
 
 void setLockWait(int milliseconds) {
@@ -149,44 +193,7 @@ std::unique_ptr<File> File::open(const std::string& path, bool writable, std::st
 }
 
 bool File::lock(std::string* error) {
-    QElapsedTimer waited;
-    waited.start();
-    for (;;) {
-        if (::flock(m_fd, LOCK_EX | LOCK_NB) == 0) {
-            // A writer that replaced the file (a rename over it) leaves us
-            // holding the lock of a file no longer under this name.
-            struct stat held {
-            }, named{};
-            if (::fstat(m_fd, &held) == 0 && ::stat(m_path.c_str(), &named) == 0 &&
-                (held.st_ino != named.st_ino || held.st_dev != named.st_dev)) {
-                const int fd = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
-                if (fd < 0) {
-                    if (error)
-                        *error = sysError(m_path.c_str());
-                    return false;
-                }
-                ::close(m_fd);
-                m_fd = fd;
-                continue;
-            }
-            return true;
-        }
-        if (errno == EINTR)
-            continue;
-        if (errno != EWOULDBLOCK)
-            return true; // a file system without locks: nothing to wait for
-        if (waited.elapsed() >= lockWaitMs()) {
-            if (error) {
-                const int ms = lockWaitMs();
-                *error =
-                    m_path + ": another program is writing to this file (gave up after " +
-                    (ms % 1000 ? std::to_string(ms) + " ms" : std::to_string(ms / 1000) + " s") +
-                    ")";
-            }
-            return false;
-        }
-        ::usleep(10000);
-    }
+    return lockExclusive(m_fd, m_path, error);
 }
 
 // The live moov: of several (a write interrupted between its two steps leaves
@@ -716,12 +723,24 @@ bool copyRange(int in, uint64_t from, int out, uint64_t to, uint64_t n) {
 bool optimize(const std::string& path, const std::string& target, std::string* error) {
     // Replacing the file in place: a tag write during the copy would be lost
     // by the rename, so writers wait for it.
-    std::unique_ptr<File> guard;
+    int guard = -1;
     if (target.empty() || target == path) {
-        guard = File::open(path, true, error);
-        if (!guard)
+        guard = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (guard < 0 || !lockExclusive(guard, path, error)) {
+            if (guard < 0 && error)
+                *error = sysError(path.c_str());
+            if (guard >= 0)
+                ::close(guard);
             return false;
+        }
     }
+    struct Unlock {
+        int& fd;
+        ~Unlock() {
+            if (fd >= 0)
+                ::close(fd);
+        }
+    } unlock{guard};
     auto file = File::open(path, false, error);
     if (!file)
         return false;

@@ -174,8 +174,14 @@ TEST_F(MediaTaggingTest, MissingFilesLeaveTheMessages) {
     movie->setOutPath(dir.filePath(QStringLiteral("gone.m4v")));
     movie->writeMetadataToFile(false);
     EXPECT_EQ(movie->status(), 0);
-    EXPECT_EQ(movie->warnings(), QStringLiteral("Unable to write the tags to the movie file! The "
-                                                "file was either missing or unable to be opened."));
+    // The message, then why.
+    EXPECT_TRUE(movie->warnings().startsWith(
+        QStringLiteral("Unable to write the tags to the movie file! The file was either missing or "
+                       "unable to be opened. (")))
+        << movie->warnings().toStdString();
+    EXPECT_TRUE(movie->warnings().endsWith(QStringLiteral("gone.m4v: No such file or directory)")))
+        << movie->warnings().toStdString();
+    EXPECT_EQ(movie->tagWriteError(), movie->warnings());
 
     MDI_Movie reader;
     reader.setInPath(dir.filePath(QStringLiteral("gone.m4v")));

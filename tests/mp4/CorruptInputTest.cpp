@@ -136,7 +136,7 @@ TEST(Mp4CorruptInput, FuzzedFilesNeverCrash) {
         MP4TagsStore(t, h);
         MP4TagsFree(t);
         MP4SetTrackLanguage(h, MP4FindTrackId(h, 0), "eng");
-        MP4Close(h);
+        ASSERT_TRUE(MP4Close(h)) << "case " << i << ": " << MP4GetLastError();
         MP4FileHandle again = MP4Read(path.toUtf8().constData());
         ASSERT_NE(again, MP4_INVALID_FILE_HANDLE)
             << "our own write must stay readable (case " << i << ")";

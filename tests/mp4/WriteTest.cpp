@@ -3,6 +3,7 @@
 // first; files over 4 GiB with co64 tables; a writer killed at any moment.
 
 #include "Mp4TestMedia.h"
+#include "SmallDisk.h"
 #include "mp4/Mp4File.h"
 #include "mp4/mp4.h"
 
@@ -19,7 +20,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -619,27 +619,15 @@ TEST_F(Mp4Write, SecondWriterGivesUpAfterItsWait) {
 // MP4 layer and for the media item, and leaves the file byte for byte as it was.
 TEST_F(Mp4Write, FullDiskFailsAndLeavesTheFileAsItWas) {
     const QString mount = dir.filePath(QStringLiteral("small-disk"));
-    ASSERT_TRUE(QDir().mkpath(mount));
-    const QByteArray point = QFile::encodeName(mount);
-    if (::mount("tmpfs", point.constData(), "tmpfs", 0, "size=1m") != 0)
-        GTEST_SKIP() << "cannot mount a small tmpfs here (" << std::strerror(errno)
-                     << "); the full-disk case needs root allowed to mount";
-    struct Unmount {
-        QByteArray point;
-        ~Unmount() { ::umount2(point.constData(), MNT_DETACH); }
-    } unmount{point};
+    const testsupport::SmallDisk disk(mount);
+    if (!disk.mounted())
+        GTEST_SKIP() << disk.why();
 
     const std::string path = copyInto(dir, aacSample()).toStdString();
     const std::string onDisk = (mount + QStringLiteral("/movie.mp4")).toStdString();
     ASSERT_TRUE(QFile::copy(QString::fromStdString(path), QString::fromStdString(onDisk)));
     ASSERT_TRUE(writeTags(onDisk, "Fits", art(40, 1)));
-    {
-        QFile filler(mount + QStringLiteral("/filler"));
-        ASSERT_TRUE(filler.open(QIODevice::WriteOnly));
-        const QByteArray block(4096, 'x');
-        while (filler.write(block) == block.size() && filler.flush()) {
-        }
-    }
+    disk.fill();
     const QByteArray before = readAll(QString::fromStdString(onDisk));
     EXPECT_FALSE(writeTags(onDisk, "Does not fit", art(300, 5)));
     EXPECT_NE(std::string(MP4GetLastError()).find("No space left on device"), std::string::npos)

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "Processes.h"
+#include "SmallDisk.h"
 
 using retagtest::tag;
 
@@ -123,4 +124,64 @@ TEST_F(RetagCliTest, BadArgumentsAreReported) {
     r = runRetag({"a.m4v", "--bogus"});
     EXPECT_EQ(r.status, 2);
     EXPECT_TRUE(r.err.contains("unknown option --bogus"));
+}
+
+// Two `retag --yes` on one file at the same time take turns: both report
+// "written", and the file plays with its media as it was and one of the two
+// matches' titles and a cover.
+TEST_F(RetagCliTest, TwoRetagsAtOnceTakeTurns) {
+    auto media = [](const QString& path) {
+        const testsupport::RunResult r = testsupport::run(
+            QStringLiteral("ffmpeg"), {"-v", "error", "-i", path, "-map", "0:v:0", "-map", "0:a",
+                                       "-c", "copy", "-f", "framemd5", "-"});
+        EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+        EXPECT_TRUE(r.err.trimmed().isEmpty()) << r.err.toStdString();
+        QByteArray body;
+        for (const QByteArray& line : r.out.split('\n'))
+            if (!line.startsWith('#'))
+                body += line + '\n';
+        return body;
+    };
+    const QByteArray packets = media(retagtest::plainMovie());
+    for (int round = 0; round < 3; ++round) {
+        const QString folder = dir.filePath(QStringLiteral("round-%1").arg(round));
+        ASSERT_TRUE(QDir().mkpath(folder));
+        const QString file =
+            retagtest::taggedCopy(folder, QStringLiteral("Harbour Lights.m4v"), {});
+        QProcess one, two;
+        const QString cli = QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli");
+        one.start(cli, {"retag", file, "--yes"});
+        two.start(cli, {"retag", file, "--search", "The Lighthouse Keeper", "--yes"});
+        for (QProcess* p : {&one, &two}) {
+            p->closeWriteChannel();
+            ASSERT_TRUE(p->waitForFinished(120000));
+            const QString out = QString::fromUtf8(p->readAllStandardOutput());
+            EXPECT_EQ(p->exitCode(), 0)
+                << QString::fromUtf8(p->readAllStandardError()).toStdString();
+            EXPECT_TRUE(out.contains(file + ": written\n")) << out.toStdString();
+        }
+        const QString title = retagtest::probeTags(file).value("title").toString();
+        EXPECT_TRUE(title == "Harbour Lights" || title == "The Lighthouse Keeper")
+            << title.toStdString();
+        EXPECT_TRUE(retagtest::probeHasCover(file));
+        EXPECT_EQ(media(file), packets) << "round " << round;
+    }
+}
+
+// On a full disk the tags cannot be written: no "written", a non-zero exit,
+// the reason in the summary, and the file byte for byte as it was.
+TEST_F(RetagCliTest, AFullDiskFailsWithTheReasonAndLeavesTheFile) {
+    const testsupport::SmallDisk disk(dir.filePath(QStringLiteral("small-disk")));
+    if (!disk.mounted())
+        GTEST_SKIP() << disk.why();
+    const QString file =
+        retagtest::taggedCopy(dir.filePath(QStringLiteral("small-disk")), "Harbour Lights.m4v", {});
+    disk.fill();
+    const QByteArray before = retagtest::fileHash(file);
+    const CliResult r = runRetag({file, QStringLiteral("--yes")});
+    EXPECT_NE(r.status, 0);
+    EXPECT_FALSE(r.out.contains(": written")) << r.out.toStdString();
+    EXPECT_TRUE(r.out.contains(file + ": failed (")) << r.out.toStdString();
+    EXPECT_TRUE(r.out.contains("No space left on device")) << r.out.toStdString();
+    EXPECT_EQ(retagtest::fileHash(file), before);
 }
