@@ -243,6 +243,24 @@ TEST_F(Mp4Write, OpenEndedLastBoxIsSizedBeforeAppending) {
     EXPECT_EQ(packetHash(QString::fromStdString(path)), packets);
 }
 
+// Padding at the end that this write did not free (another program's, or a
+// box someone is still writing) is never cut away.
+TEST_F(Mp4Write, TrailingPaddingThatIsNotOursIsKept) {
+    const std::string path = copy(aacSample(), "padded.mp4");
+    const uint64_t end = layoutOf(path).fileSize;
+    Bytes pad = {0, 0, 0x10, 0, 'f', 'r', 'e', 'e'};
+    pad.resize(4096, 'p');
+    {
+        QFile f(QString::fromStdString(path));
+        ASSERT_TRUE(f.open(QIODevice::Append));
+        f.write(reinterpret_cast<const char*>(pad.data()), qint64(pad.size()));
+    }
+    const QByteArray padHash = rangeHash(path, end, pad.size());
+    ASSERT_TRUE(writeTags(path, "Grown", art(200)));
+    EXPECT_EQ(rangeHash(path, end, pad.size()), padHash);
+    EXPECT_EQ(readTags(path).name, "Grown");
+}
+
 TEST_F(Mp4Write, TagWriteCostsTheMoovNotTheFile) {
     QStringList args = lavfi("testsrc2=size=640x360:rate=25:duration=6,noise=alls=40:allf=t") +
                        lavfi("sine=duration=6");
