@@ -300,8 +300,8 @@ ScanOutcome runScan(const std::vector<std::string>& args) {
     // status checks, and an idle pipe or terminal there delays the end of
     // every scan by up to a tenth of a second.
     const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const pid_t pid = ::fork();
     const pid_t self = ::getpid();
+    const pid_t pid = ::fork();
     if (pid == 0) {
         // The scan must not outlive us, however we end.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
