@@ -32,8 +32,6 @@ bool fail(QString* error, const char* step, int code) {
 bool write(const QString& path, const QByteArray& bytes, QString* error) {
     const QFileInfo target(path);
     const QString folder = target.absolutePath();
-    if (!QDir().mkpath(folder))
-        return fail(error, "cannot create the folder", errno ? errno : EACCES);
     QByteArray temp = QFile::encodeName(folder + QStringLiteral("/.") + target.fileName() +
                                         QStringLiteral(".XXXXXX"));
     const int fd = ::mkostemp(temp.data(), O_CLOEXEC);

@@ -8,7 +8,7 @@
 // the flush to disk and the close are checked, and only a complete file is
 // renamed over the target. On any failure the old file is left as it was,
 // the temporary file is removed and `error` says why (the system's words,
-// "No space left on device" on a full disk).
+// "No space left on device" on a full disk). The folder must exist.
 namespace AtomicFile {
 
 bool write(const QString& path, const QByteArray& bytes, QString* error = nullptr);

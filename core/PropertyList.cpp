@@ -245,6 +245,7 @@ bool writeFile(const QString& path, const QVariant& value, QString* error) {
             *error = QStringLiteral("cannot serialise the property list");
         return false;
     }
+    QDir().mkpath(QFileInfo(path).absolutePath());
     return AtomicFile::write(path, xml, error);
 }
 
