@@ -36,8 +36,8 @@ bool editable() {
 }
 
 int writeFailed() {
-    return cli::failure(
-        QStringLiteral("cannot write the user preset file %1").arg(MDB_Devices::userFilePath()));
+    return cli::failure(QStringLiteral("cannot write the user preset file %1: %2")
+                            .arg(MDB_Devices::userFilePath(), MDB_Devices::lastWriteError()));
 }
 
 // The settings keep naming a preset that was renamed or deleted; point it out.
@@ -141,6 +141,8 @@ int remove(const QString& name) {
         return cli::kExitFailure;
     if (!MDB_Devices::deviceNames().contains(name) && !MDB_Devices::device(name))
         return unknownPreset(name);
+    if (const QString refused = MDB_Devices::deletionRefusal(name); !refused.isEmpty())
+        return cli::failure(refused);
     if (!MDB_Devices::deleteDevice(name))
         return writeFailed();
     cli::out() << "Deleted \"" << name << "\"\n";

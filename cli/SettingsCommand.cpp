@@ -116,9 +116,13 @@ int settingsCommand(const QStringList& args) {
         QString why;
         if (!parse(like, args[2], &value, &why))
             return cli::usageError(cmd, QStringLiteral("bad value for '%1': %2").arg(args[1], why));
+        if (const QString refused = PreferencesPanelController::validateSetting(args[1], value);
+            !refused.isEmpty())
+            return cli::usageError(cmd,
+                                   QStringLiteral("cannot set '%1': %2").arg(args[1], refused));
         d.setObject(value, args[1]);
-        if (!d.synchronize())
-            return cli::failure(QStringLiteral("cannot write %1").arg(d.storePath()));
+        if (!d.synchronize(&why))
+            return cli::failure(QStringLiteral("cannot write %1: %2").arg(d.storePath(), why));
         return cli::kExitOk;
     }
     if (sub == QLatin1String("reset") && args.size() == 1) {

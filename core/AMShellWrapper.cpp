@@ -17,7 +17,8 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -72,58 +73,77 @@ void setNonBlocking(int fd) {
         fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 }
 
-// Starts the child with posix_spawn: it shares our address space until
-// exec (vfork semantics) instead of copying it, which a fork of a process
-// holding Qt's libraries pays for on every run. The child gets default
-// signal dispositions, an empty mask, a process group of its own, the three
-// streams, the working folder, and no other descriptor of ours. Returns 0 or
-// the error number of the failed step.
+// Starts the child with vfork: it shares our address space until exec
+// instead of copying it, which a fork of a process holding Qt's libraries
+// pays for on every run. Unlike posix_spawn, this lets the child ask to be
+// ended with us (PR_SET_PDEATHSIG): a child must not outlive the process
+// that runs it, whether that ends normally, through _Exit or by a signal,
+// SIGKILL included. It gets SIGTERM, so the tools can end their own helpers.
+// The child gets default signal dispositions, an empty mask, a process
+// group of its own, the three streams, the working folder, and no other
+// descriptor of ours. Between vfork and exec it makes system calls only.
+// Returns 0 or the error number of the failed step (the child is then
+// reaped).
 int spawnChild(pid_t* pid, const char* path, char* const* argv, char* const* envp, const char* cwd,
                const int streams[3]) {
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attr;
-    if (int e = posix_spawn_file_actions_init(&actions))
-        return e;
-    if (int e = posix_spawnattr_init(&attr)) {
-        posix_spawn_file_actions_destroy(&actions);
-        return e;
-    }
     // The sources go above 2 first so that a source that is itself 0, 1 or
     // 2 is not overwritten by an earlier dup2; these copies close at exec.
     int lifted[3] = {-1, -1, -1};
-    int error = 0;
-    for (int i = 0; i < 3 && !error; ++i) {
+    for (int i = 0; i < 3; ++i)
         if (streams[i] >= 0)
             lifted[i] = fcntl(streams[i], F_DUPFD_CLOEXEC, 3);
-        // A bad descriptor from the caller: no stream rather than ours.
-        error = lifted[i] >= 0 ? posix_spawn_file_actions_adddup2(&actions, lifted[i], i)
-                               : posix_spawn_file_actions_addclose(&actions, i);
-    }
-    if (!error && cwd)
-        error = posix_spawn_file_actions_addchdir_np(&actions, cwd);
-    if (!error)
-        error = posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-
-    sigset_t all, none;
+    // No handler of ours may run in the child while it shares our memory.
+    sigset_t all, previous;
     sigfillset(&all);
-    sigemptyset(&none);
-    if (!error)
-        error = posix_spawnattr_setsigdefault(&attr, &all);
-    if (!error)
-        error = posix_spawnattr_setsigmask(&attr, &none);
-    if (!error)
-        error = posix_spawnattr_setpgroup(&attr, 0);
-    if (!error)
-        error = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK |
-                                                    POSIX_SPAWN_SETPGROUP);
-    if (!error)
-        error = posix_spawn(pid, path, &actions, &attr, argv, envp);
-
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const pid_t parent = getpid();
+    volatile int childError = 0;
+    const pid_t child = vfork();
+    if (child == 0) {
+        struct sigaction dfl {};
+        dfl.sa_handler = SIG_DFL;
+        for (int sig = 1; sig < NSIG; ++sig)
+            if (sig != SIGKILL && sig != SIGSTOP)
+                sigaction(sig, &dfl, nullptr);
+        setpgid(0, 0);
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        // We may have gone before the request was made.
+        if (getppid() != parent)
+            _exit(127);
+        int step = 0;
+        for (int i = 0; i < 3 && !step; ++i) {
+            if (lifted[i] >= 0)
+                step = dup2(lifted[i], i) < 0 ? errno : 0;
+            else
+                close(i); // a bad descriptor from the caller: no stream rather than ours
+        }
+        if (!step && cwd && chdir(cwd) != 0)
+            step = errno;
+        if (!step) {
+            if (syscall(SYS_close_range, 3U, ~0U, 0U) != 0)
+                for (int fd = 3; fd < 1024; ++fd)
+                    close(fd);
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            execve(path, argv, envp);
+            step = errno;
+        }
+        childError = step;
+        _exit(127);
+    }
+    int error = child < 0 ? errno : childError;
+    if (child > 0 && error) {
+        int st = 0;
+        while (waitpid(child, &st, 0) < 0 && errno == EINTR) {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     for (int fd : lifted)
         if (fd >= 0)
             ::close(fd);
-    posix_spawnattr_destroy(&attr);
-    posix_spawn_file_actions_destroy(&actions);
+    if (!error)
+        *pid = child;
     return error;
 }
 
@@ -396,7 +416,7 @@ void AMShellWrapper::startProcess() {
 
     const int streams[3] = {childIn, childOut, childErr};
     const char* dir = cwd.isEmpty() ? nullptr : cwd.constData();
-    // posix_spawn cannot tell a bad working folder from a bad program: the
+    // The spawn's one error number cannot tell a bad working folder from a bad program: the
     // folder is checked first.
     int chdirError = 0;
     if (dir) {

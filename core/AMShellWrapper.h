@@ -54,6 +54,10 @@ public:
 //   number of runners (and QProcess) coexist. A process that sets SIGCHLD to
 //   SIG_IGN or reaps with waitpid(-1) breaks every child API, this one too
 //   (the status then reads -1).
+// - The child dies with the thread that started it (PR_SET_PDEATHSIG with
+//   SIGTERM, set between vfork and exec), so no tool outlives the
+//   application, however that ends (SIGKILL and _Exit included); the tools
+//   in turn end their own helpers on SIGTERM.
 // - The child gets its own process group (setpgid) and stop / suspend /
 //   resume signal that group, so a tool that runs helpers of its own (the
 //   encoder wrapper runs HandBrakeCLI) is stopped and continued as a whole.

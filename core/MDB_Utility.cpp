@@ -1,5 +1,6 @@
 #include "core/MDB_Utility.h"
 
+#include "core/AtomicFile.h"
 #include "core/PropertyList.h"
 #include "core/Resources.h"
 #include "core/SettingsKeys.h"
@@ -464,9 +465,10 @@ QUrl MDB_Utility::copyImageToTemp(const MDB_Image& image, const QString& name, b
         qWarning("Tarnwick: cannot copy the image to %s: %s", qPrintable(target), qPrintable(why));
         return {};
     }
-    QSaveFile file(target);
-    if (!file.open(QIODevice::WriteOnly) || file.write(png) != png.size() || !file.commit())
+    if (!AtomicFile::write(target, png, &why)) {
+        qWarning("Tarnwick: cannot write the image %s: %s", qPrintable(target), qPrintable(why));
         return {};
+    }
     return QUrl::fromLocalFile(target);
 }
 

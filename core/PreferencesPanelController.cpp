@@ -1,6 +1,7 @@
 #include "core/PreferencesPanelController.h"
 
 #include "core/Bookmark.h"
+#include "core/MDB_Utility.h"
 #include "core/Resources.h"
 #include "core/SettingsKeys.h"
 #include "core/Startup.h"
@@ -41,6 +42,46 @@ void PreferencesPanelController::applyPrimaryDevice(const QString& name) {
         m_secondaryVisible = true;
         m_hdsdEnabled = true;
     }
+}
+
+QString PreferencesPanelController::validateSetting(const QString& key, const QVariant& value) {
+    const auto& defaults = UserDefaults::standard();
+    if (key == QLatin1String(SettingsKey::PrimaryDevice) ||
+        key == QLatin1String(SettingsKey::SecondaryDevice)) {
+        const QString name = value.toString();
+        if (!MDB_Devices::device(name))
+            return QStringLiteral("there is no preset named \"%1\" (see tarnwick-cli presets list)")
+                .arg(name);
+        if (key == QLatin1String(SettingsKey::PrimaryDevice) && !MDB_Devices::isHD(name) &&
+            defaults.boolForKey(QLatin1String(SettingsKey::HDSD)))
+            return QStringLiteral("\"%1\" is not an HD preset while \"HD-SD\" is on; turn "
+                                  "\"HD-SD\" off first")
+                .arg(name);
+        return {};
+    }
+    if (key == QLatin1String(SettingsKey::LanguageRegion)) {
+        if (!MDB_Utility::hasLanguageRegion(value.toString()))
+            return QStringLiteral("\"%1\" is not a known language region (language-COUNTRY, "
+                                  "such as en-US or en-GB)")
+                .arg(value.toString());
+        return {};
+    }
+    if (key == QLatin1String(SettingsKey::HDSD)) {
+        const QString primary = defaults.stringForKey(QLatin1String(SettingsKey::PrimaryDevice));
+        if (value.toBool() && !MDB_Devices::isHD(primary))
+            return QStringLiteral("\"HD-SD\" needs an HD primary preset, and \"%1\" is not one")
+                .arg(primary);
+        return {};
+    }
+    if (key == QLatin1String(SettingsKey::ContentIDSource)) {
+        bool ok = false;
+        const qint64 n = value.toLongLong(&ok);
+        if (!ok || n < 0 || n > 2)
+            return QStringLiteral("\"ContentID Source\" must be 0 (the movie database id), 1 "
+                                  "(the IMDb id) or 2 (none)");
+        return {};
+    }
+    return {};
 }
 
 void PreferencesPanelController::primaryDeviceChanged(const QString& name) {

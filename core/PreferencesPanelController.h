@@ -2,6 +2,7 @@
 
 #include <QLocale>
 #include <QString>
+#include <QVariant>
 
 // The preferences panel without its widgets: every action writes its settings
 // key at once; the enabled and visible states the panel shows are exposed as
@@ -10,6 +11,12 @@ class PreferencesPanelController {
 public:
     inline static constexpr char kDestinationMissingText[] =
         "You must set your Destination Path before you can process any movies";
+
+    // Whether `value` may be stored under `key` as things stand: a known
+    // preset for the device keys, a known language region, "HD-SD" only with
+    // an HD primary preset, "ContentID Source" 0 to 2. Answers the reason in
+    // one sentence, or an empty string when the value is acceptable.
+    static QString validateSetting(const QString& key, const QVariant& value);
 
     // Loads the state from the store; a stale iTunes bookmark turns "Add iTunes" off.
     void PopulatePanel();

@@ -1,12 +1,13 @@
 #include "core/PropertyList.h"
 
+#include "core/AtomicFile.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
 #include <QMutex>
-#include <QSaveFile>
 #include <QTimeZone>
 
 #include <plist/plist.h>
@@ -238,20 +239,14 @@ QByteArray toXml(const QVariant& value) {
 }
 
 bool writeFile(const QString& path, const QVariant& value, QString* error) {
+    const QByteArray xml = toXml(value);
+    if (xml.isEmpty()) {
+        if (error)
+            *error = QStringLiteral("cannot serialise the property list");
+        return false;
+    }
     QDir().mkpath(QFileInfo(path).absolutePath());
-    QSaveFile f(path);
-    if (!f.open(QIODevice::WriteOnly)) {
-        if (error)
-            *error = f.errorString();
-        return false;
-    }
-    f.write(toXml(value));
-    if (!f.commit()) {
-        if (error)
-            *error = f.errorString();
-        return false;
-    }
-    return true;
+    return AtomicFile::write(path, xml, error);
 }
 
 } // namespace PropertyList

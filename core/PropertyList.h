@@ -23,7 +23,8 @@ QVariant readFileCached(const QString& path, QString* error = nullptr);
 // Serialises a value as an XML property list.
 QByteArray toXml(const QVariant& value);
 
-// Writes an XML property list atomically (a temporary file renamed over the target).
+// Writes an XML property list atomically (AtomicFile::write): on failure the
+// old file is left as it was and `error` says why.
 bool writeFile(const QString& path, const QVariant& value, QString* error = nullptr);
 
 } // namespace PropertyList

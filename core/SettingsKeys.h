@@ -41,6 +41,8 @@ inline constexpr char UpdatePresets[] = "Update Presets";
 inline constexpr char HideInstructions[] = "Hide Instructions";
 inline constexpr char HideDVDInstructions[] = "Hide DVD Instructions";
 inline constexpr char HideBlurayInstructions[] = "Hide Bluray Instructions";
+// Seconds a scan may take before it is stopped and its item fails.
+inline constexpr char ScanTimeLimit[] = "Scan Time Limit";
 
 // Segments of the "Metadata List" dictionary.
 inline constexpr char TVMetadataList[] = "TV Metadata List";

@@ -6,11 +6,18 @@
 #include "core/UserDefaults.h"
 #include "presets/MDB_Devices.h"
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace Startup {
 
@@ -48,21 +55,97 @@ bool run(QString* error) {
     return true;
 }
 
-QString repairTempDirectory() {
-    auto& defaults = UserDefaults::standard();
-    const QString stored = defaults.stringForKey(SettingsKey::TempDirectory);
-    if (!stored.isEmpty()) {
-        const QFileInfo info(stored);
-        if (info.isDir() && info.isReadable() && info.isWritable())
-            return stored;
+namespace {
+
+// This process's scratch folder and the write end of its watchdog's pipe.
+QString g_scratch;
+int g_watchdog = -1;
+
+// Tells the watchdog that the folder is taken care of; it then ends.
+void releaseWatchdog() {
+    if (g_watchdog < 0)
+        return;
+    const char done = 'x';
+    while (::write(g_watchdog, &done, 1) < 0 && errno == EINTR) {
     }
-    QByteArray templ = QDir::temp().filePath(QStringLiteral("Tarnwick.XXXXXX")).toLocal8Bit();
+    ::close(g_watchdog);
+    g_watchdog = -1;
+}
+
+// A small forked process that removes the scratch folder when this process
+// ends without doing so itself (killed, or ended by _Exit). It waits on a
+// pipe: end-of-file without the "done" byte means we are gone. Only
+// async-signal-safe calls follow the fork; the removal is rm's.
+void startWatchdog(const QString& folder) {
+    releaseWatchdog();
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0)
+        return;
+    const QByteArray path = QFile::encodeName(folder);
+    const char* const argv[] = {"rm", "-rf", "--", path.constData(), nullptr};
+    const int devNull = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE})
+            ::signal(sig, SIG_IGN);
+        if (devNull >= 0)
+            for (int fd = 0; fd < 3; ++fd)
+                ::dup2(devNull, fd);
+        // Nothing of ours stays open in it but its end of the pipe.
+        const int keep = ::dup2(fds[0], 3);
+        if (keep == 3)
+            ::syscall(SYS_close_range, 4U, ~0U, 0U);
+        if (::chdir("/") != 0) {
+        }
+        char byte = 0;
+        ssize_t n;
+        while ((n = ::read(3, &byte, 1)) < 0 && errno == EINTR) {
+        }
+        if (n == 0)
+            ::execv("/bin/rm", const_cast<char* const*>(argv));
+        ::_exit(0);
+    }
+    if (devNull >= 0)
+        ::close(devNull);
+    ::close(fds[0]);
+    if (pid < 0) {
+        ::close(fds[1]);
+        return;
+    }
+    g_watchdog = fds[1];
+}
+
+void removeScratch() {
+    if (!g_scratch.isEmpty())
+        QDir(g_scratch).removeRecursively();
+    g_scratch.clear();
+    UserDefaults::standard().setVolatileObject(QVariant(), SettingsKey::TempDirectory);
+    releaseWatchdog();
+}
+
+} // namespace
+
+QString repairTempDirectory() {
+    if (!g_scratch.isEmpty()) {
+        const QFileInfo info(g_scratch);
+        if (info.isDir() && info.isReadable() && info.isWritable())
+            return g_scratch;
+        removeScratch();
+    }
+    QByteArray templ = QFile::encodeName(QDir::temp().filePath(QStringLiteral("Tarnwick.XXXXXX")));
     if (!mkdtemp(templ.data()))
         return {};
-    const QString made = QString::fromLocal8Bit(templ);
-    defaults.setObject(made, SettingsKey::TempDirectory);
-    defaults.synchronize();
-    return made;
+    g_scratch = QFile::decodeName(templ);
+    // The folder belongs to this process alone: it is not stored, so two
+    // processes never share one and start-up writes nothing.
+    UserDefaults::standard().setVolatileObject(g_scratch, SettingsKey::TempDirectory);
+    startWatchdog(g_scratch);
+    static bool routine = false;
+    if (!routine && QCoreApplication::instance()) {
+        routine = true;
+        qAddPostRoutine(removeScratch);
+    }
+    return g_scratch;
 }
 
 QString regionForLocale(const QString& localeIdentifier) {
@@ -98,11 +181,8 @@ void acceptPresetUpdate() {
 }
 
 void cleanupAtExit() {
-    auto& defaults = UserDefaults::standard();
-    const QString temp = defaults.stringForKey(SettingsKey::TempDirectory);
-    if (!temp.isEmpty() && QFileInfo(temp).isDir())
-        QDir(temp).removeRecursively();
-    defaults.synchronize();
+    removeScratch();
+    UserDefaults::standard().synchronize();
 }
 
 } // namespace Startup

@@ -17,10 +17,13 @@ bool registerDefaults(QString* error = nullptr);
 // Hands the shipped presets to the preset store so the user file exists.
 void createUserPresets();
 
-// Makes "Temp Directory" name a usable scratch folder: a stored folder that still
-// exists and is readable and writable is kept; otherwise a new one is made with
-// mkdtemp from "Tarnwick.XXXXXX" in the system temporary folder. Answers the path
-// (empty when none could be made, in which case the setting is left as it was).
+// Makes "Temp Directory" name this process's own scratch folder, made with
+// mkdtemp from "Tarnwick.XXXXXX" in the system temporary folder at the first
+// call (and again when it has gone). The path lives in the store's volatile
+// layer, never in the settings file, so processes never share a folder and
+// start-up writes nothing. The folder is removed by cleanupAtExit, when the
+// application object goes, or, should the process be killed, by a small
+// watchdog process. Answers the path (empty when none could be made).
 QString repairTempDirectory();
 
 // The language region for a locale identifier such as fr_CA: the identifier with
@@ -42,7 +45,7 @@ inline constexpr char kUpdateNoticeText[] =
     "The device presets are out of date and must be updated. Any modifications you have made "
     "to your current device presets will be lost and must be added again.";
 
-// Removes the folder named by "Temp Directory" and writes the settings.
+// Removes this process's scratch folder and writes the settings.
 void cleanupAtExit();
 
 } // namespace Startup

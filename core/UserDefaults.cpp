@@ -1,5 +1,6 @@
 #include "core/UserDefaults.h"
 
+#include "core/AtomicFile.h"
 #include "core/PropertyList.h"
 
 #include <QCoreApplication>
@@ -95,6 +96,8 @@ QVariantMap UserDefaults::registeredDefaults() const {
 
 QVariant UserDefaults::objectForKey(const QString& key) const {
     QMutexLocker lock(&m_mutex);
+    if (const auto v = m_volatile.constFind(key); v != m_volatile.constEnd())
+        return *v;
     const auto it = m_values.constFind(key);
     if (it != m_values.constEnd())
         return *it;
@@ -176,6 +179,14 @@ void UserDefaults::removeObject(const QString& key) {
     m_changed.insert(key);
 }
 
+void UserDefaults::setVolatileObject(const QVariant& value, const QString& key) {
+    QMutexLocker lock(&m_mutex);
+    if (value.isValid())
+        m_volatile.insert(key, value);
+    else
+        m_volatile.remove(key);
+}
+
 bool UserDefaults::hasUserValue(const QString& key) const {
     QMutexLocker lock(&m_mutex);
     return m_values.contains(key);
@@ -192,9 +203,18 @@ QStringList UserDefaults::allKeys() const {
 }
 
 bool UserDefaults::synchronize() {
+    return synchronize(nullptr);
+}
+
+bool UserDefaults::synchronize(QString* errorOut) {
     QMutexLocker lock(&m_mutex);
-    // Another process may have written the file since we read it: take its
-    // values and lay only our own changes over them.
+    if (m_changed.isEmpty()) {
+        m_values = readStore(m_path, false);
+        return true;
+    }
+    // Another process may have written the file since we read it: under the
+    // lock, take its values and lay only our own changes over them.
+    const AtomicFile::Lock fileLock(m_path + QStringLiteral(".lock"));
     QVariantMap merged = readStore(m_path, false);
     const QVariantMap onDisk = merged;
     for (const QString& key : std::as_const(m_changed)) {
@@ -204,21 +224,26 @@ bool UserDefaults::synchronize() {
         else
             merged.insert(key, *it);
     }
-    m_values = merged;
-    if (m_changed.isEmpty())
-        return true;
     // Changes undone before they were written (a run's own settings put back
     // at exit) leave the file as it is: a write costs a sync.
     if (!onDisk.isEmpty() && merged == onDisk) {
+        m_values = merged;
         m_changed.clear();
         return true;
     }
     QString error;
-    if (!PropertyList::writeFile(m_path, m_values, &error)) {
-        std::fprintf(stderr, "Tarnwick: cannot write the settings file %s: %s\n",
-                     qPrintable(m_path), qPrintable(error));
+    if (!PropertyList::writeFile(m_path, merged, &error)) {
+        if (errorOut) {
+            *errorOut = error;
+            m_values = onDisk;
+            m_changed.clear();
+        } else {
+            std::fprintf(stderr, "Tarnwick: cannot write the settings file %s: %s\n",
+                         qPrintable(m_path), qPrintable(error));
+        }
         return false;
     }
+    m_values = merged;
     m_changed.clear();
     return true;
 }

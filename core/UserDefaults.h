@@ -32,12 +32,23 @@ public:
     void setInteger(qint64 value, const QString& key);
     void removeObject(const QString& key);
 
+    // A value for this process only, above the user's values and never
+    // written (the per-process scratch folder). An invalid value removes it.
+    void setVolatileObject(const QVariant& value, const QString& key);
+
     bool hasUserValue(const QString& key) const;
     // Every key that has a user value or a registered default, sorted.
     QStringList allKeys() const;
 
-    // Writes pending changes (atomically); false when the file cannot be written.
+    // Writes pending changes: under an exclusive lock on the lock file beside
+    // the store ("Tarnwick.plist.lock"), the file is read again, only this
+    // process's changes are laid over it and it is written atomically, so
+    // concurrent processes lose none of each other's keys. False when the
+    // file cannot be written; the old file then stays as it was. Without
+    // `error` the reason is printed and the changes stay pending; with it,
+    // the caller reports the reason and the unwritten changes are dropped.
     bool synchronize();
+    bool synchronize(QString* error);
 
     QString storePath() const;
     // Points the store at another file and drops the registered defaults; a
@@ -52,5 +63,6 @@ private:
     QVariantMap m_values;     // the user's values as last read or written
     QSet<QString> m_changed;  // keys set or removed since the last write
     QVariantMap m_registered; // never written
+    QVariantMap m_volatile;   // this process only, never written
     QString m_path;
 };

@@ -18,6 +18,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QTimer>
 
 #include <cstdlib>
 
@@ -49,6 +50,21 @@ QString resourceImage(const QString& name) {
 const char* const EncodeBrowserController::kDrmWarning =
     "Our apologies, but this media appears to be from a copyrighted or DRM protected Volume or "
     "file format and Tarnwick will not process it.";
+
+const char* const EncodeBrowserController::kScanTimeLimitWarning =
+    "The scan was stopped after %1 without finishing (the \"Scan Time Limit\" setting). The "
+    "source may be damaged or unreadable.";
+
+namespace {
+
+QString durationText(qint64 seconds) {
+    if (seconds % 60 == 0)
+        return seconds == 60 ? QStringLiteral("1 minute")
+                             : QStringLiteral("%1 minutes").arg(seconds / 60);
+    return seconds == 1 ? QStringLiteral("1 second") : QStringLiteral("%1 seconds").arg(seconds);
+}
+
+} // namespace
 
 void EncodeBrowserDelegate::runSearchPanel(SearchPanelController& panel) {
     panel.skipBtn();
@@ -191,7 +207,24 @@ bool EncodeBrowserController::startScanning(const std::shared_ptr<MDI_Media>& it
     item->setStatus(3);
     statusUpdate();
     m_shellWrapper->setOutputStringEncoding(AMShellWrapper::ASCIIStringEncoding);
+    m_scanTimedOut = false;
     m_shellWrapper->startProcess();
+    // A damaged disc can keep a scan busy for ever.
+    const qint64 limit =
+        UserDefaults::standard().integerForKey(QString::fromLatin1(SettingsKey::ScanTimeLimit));
+    if (limit > 0) {
+        if (!m_scanTimer) {
+            m_scanTimer = new QTimer(this);
+            m_scanTimer->setSingleShot(true);
+            connect(m_scanTimer, &QTimer::timeout, this, [this] {
+                if (m_shellWrapper && m_shellWrapper->isRunning()) {
+                    m_scanTimedOut = true;
+                    m_shellWrapper->stopProcess();
+                }
+            });
+        }
+        m_scanTimer->start(int(std::min<qint64>(limit, 24 * 3600) * 1000));
+    }
     if (m_viewVisible)
         setScanProgress(true);
     setProgressValue(0, 0);
@@ -206,6 +239,8 @@ bool EncodeBrowserController::startScanning(const std::shared_ptr<MDI_Media>& it
 void EncodeBrowserController::stopScanning() {
     if (!m_workMovie || m_workMovie->status() != 3)
         return;
+    if (m_scanTimer)
+        m_scanTimer->stop();
     if (m_shellWrapper)
         m_shellWrapper->stopProcess();
     setScanning(false);
@@ -263,10 +298,19 @@ void EncodeBrowserController::processFinished(AMShellWrapper* runner, int status
     if (!m_shellWrapper || runner != m_shellWrapper.get() || !m_workMovie)
         return;
     std::shared_ptr<MDI_Media> item = m_workMovie;
+    if (m_scanTimer)
+        m_scanTimer->stop();
     if (item->status() == 2) // stopped by the user
         return;
 
-    if (item->status() == 0) {
+    if (m_scanTimedOut) {
+        m_scanTimedOut = false;
+        item->setStatus(0);
+        const qint64 limit =
+            UserDefaults::standard().integerForKey(QString::fromLatin1(SettingsKey::ScanTimeLimit));
+        item->setWarnings(QString::fromLatin1(kScanTimeLimitWarning).arg(durationText(limit)));
+        statusUpdate();
+    } else if (item->status() == 0) {
         item->setWarnings(QString::fromLatin1(MDI_Utility::kNoValidTitle));
         statusUpdate();
     } else if (item->status() == 1) {

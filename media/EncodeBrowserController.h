@@ -18,6 +18,7 @@
 #include <vector>
 
 class SearchPanelController;
+class QTimer;
 
 Q_DECLARE_METATYPE(std::shared_ptr<MDI_Media>)
 
@@ -175,6 +176,9 @@ public:
     bool vidImageVisible() const { return m_vidImageVisible; }
 
     static const char* const kDrmWarning;
+    // The warning of an item whose scan ran past "Scan Time Limit"; %1 is
+    // the limit as text.
+    static const char* const kScanTimeLimitWarning;
 
 signals:
     void scanTitleChanged();
@@ -249,6 +253,9 @@ private:
     QList<int> m_selection;
     std::shared_ptr<MDI_Media> m_workMovie;
     std::unique_ptr<AMShellWrapper> m_shellWrapper;
+    // Ends a scan that runs past "Scan Time Limit".
+    QTimer* m_scanTimer = nullptr;
+    bool m_scanTimedOut = false;
     QString m_scanStr;
     bool m_isScanning = false;
     bool m_viewVisible = true;

@@ -2,6 +2,8 @@
 
 #include "core/PropertyList.h"
 #include "core/Resources.h"
+#include "core/SettingsKeys.h"
+#include "core/UserDefaults.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -41,7 +43,23 @@ bool usableName(const QString& name) {
     return !name.isEmpty() && name != kDevices && name != kSections;
 }
 
+QString g_lastWriteError;
+
+bool writeUserFile(const QString& file, const QVariantMap& dictionary) {
+    QString error;
+    if (!PropertyList::writeFile(file, dictionary, &error)) {
+        g_lastWriteError = error;
+        return false;
+    }
+    g_lastWriteError.clear();
+    return true;
+}
+
 } // namespace
+
+QString MDB_Devices::lastWriteError() {
+    return g_lastWriteError;
+}
 
 QString MDB_Devices::userFilePath() {
     return userFolder() + QStringLiteral("/User-Devices.plist");
@@ -124,9 +142,19 @@ bool MDB_Devices::changeDeviceName(const QString& oldName, const QString& toName
     return writeToUserFile(*root);
 }
 
+QString MDB_Devices::deletionRefusal(const QString& name) {
+    for (const char* key : {SettingsKey::PrimaryDevice, SettingsKey::SecondaryDevice}) {
+        if (UserDefaults::standard().stringForKey(QLatin1String(key)) == name)
+            return QStringLiteral("\"%1\" is the \"%2\" setting's preset and cannot be deleted; "
+                                  "choose another preset for \"%2\" first")
+                .arg(name, QLatin1String(key));
+    }
+    return {};
+}
+
 bool MDB_Devices::deleteDevice(const QString& name) {
     auto root = userDevices();
-    if (!root)
+    if (!root || !deletionRefusal(name).isEmpty())
         return false;
     QStringList list = names(*root);
     if (!usableName(name) || (list.removeAll(name) == 0 && !root->contains(name)))
@@ -140,10 +168,24 @@ bool MDB_Devices::resetDevice(const QString& name) {
     auto root = userDevices();
     if (!root)
         return false;
-    const QVariant shipped = defaultDevices().value(name);
+    const QVariantMap shippedRoot = defaultDevices();
+    const QVariant shipped = shippedRoot.value(name);
     if (shipped.typeId() != QMetaType::QVariantMap)
         return false;
     root->insert(name, shipped);
+    QStringList list = names(*root);
+    if (!list.contains(name)) {
+        // Back where it was shipped: after the shipped presets that precede it.
+        const QStringList shippedNames = names(shippedRoot);
+        qsizetype at = 0;
+        for (qsizetype i = 0; i < shippedNames.indexOf(name); ++i) {
+            const qsizetype found = list.indexOf(shippedNames[i]);
+            if (found >= 0)
+                at = found + 1;
+        }
+        list.insert(at, name);
+        root->insert(kDevices, list);
+    }
     return writeToUserFile(*root);
 }
 
@@ -184,9 +226,8 @@ bool MDB_Devices::createUserFile(const QVariantMap& dictionary) {
         qWarning("Tarnwick: cannot create the preset folder %s", qPrintable(folder));
         return false;
     }
-    QString error;
-    if (!PropertyList::writeFile(file, dictionary, &error)) {
-        qWarning("Tarnwick: cannot write %s: %s", qPrintable(file), qPrintable(error));
+    if (!writeUserFile(file, dictionary)) {
+        qWarning("Tarnwick: cannot write %s: %s", qPrintable(file), qPrintable(g_lastWriteError));
         return false;
     }
     return true;
@@ -194,12 +235,9 @@ bool MDB_Devices::createUserFile(const QVariantMap& dictionary) {
 
 bool MDB_Devices::writeToUserFile(const QVariantMap& dictionary) {
     const QString file = userFilePath();
-    if (!QFileInfo::exists(file))
-        return false;
-    QString error;
-    if (!PropertyList::writeFile(file, dictionary, &error)) {
-        qWarning("Tarnwick: cannot write %s: %s", qPrintable(file), qPrintable(error));
+    if (!QFileInfo::exists(file)) {
+        g_lastWriteError = QStringLiteral("the file does not exist");
         return false;
     }
-    return true;
+    return writeUserFile(file, dictionary);
 }

@@ -33,8 +33,14 @@ public:
     // Renaming onto an existing name overwrites that preset and leaves the
     // name twice in "Devices"; callers that care check first.
     static bool changeDeviceName(const QString& oldName, const QString& toName);
+    // Refused (false, nothing written) for a preset a device setting names;
+    // deletionRefusal() says why.
     static bool deleteDevice(const QString& name);
-    // False when the shipped file has no preset of that name.
+    // Why `name` cannot be deleted now ("Primary Device" or "Secondary
+    // Device" names it), or an empty string.
+    static QString deletionRefusal(const QString& name);
+    // False when the shipped file has no preset of that name. A shipped
+    // preset the user deleted comes back, at its shipped place in the list.
     static bool resetDevice(const QString& name);
     static bool resetAll();
     // "Custom N" with N one above the highest number already used.
@@ -45,6 +51,9 @@ public:
     static bool createUserFile(const QVariantMap& dictionary);
     // Replaces the user file, but never creates it.
     static bool writeToUserFile(const QVariantMap& dictionary);
+
+    // Why the last write of the user file failed (the system's words).
+    static QString lastWriteError();
 
     static QString userFilePath();
     static QString defaultFilePath();

@@ -12,6 +12,7 @@
 #include "processing/ITunesFolder.h"
 #include "processing/JobText.h"
 #include "processing/MuxerController.h"
+#include "processing/OutputFile.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -31,6 +32,9 @@ const char kPartialTagged[] =
     "movie file has been placed in the output folder.";
 const char kMuxingError[] =
     "An error has occurred during the muxing. The movie is not able to be processed.";
+
+// What is kept of the encoder's log of a pass, to name the cause of a failure.
+constexpr qsizetype kErrorLogTail = 16 * 1024;
 
 bool wantsSDPass(const MDI_Media& movie) {
     return movie.createHDSD() && !movie.createdSD();
@@ -78,6 +82,9 @@ bool EncoderController::encodeMovie(std::shared_ptr<MDI_Media> movie) {
     if (!movie)
         return false;
     const QString tool = Resources::auxiliaryExecutable(encoderName());
+    // A stopped pass's file goes before a new name is claimed.
+    releaseRunner();
+    m_errorLog.clear();
     m_curMovie = movie;
     movie->setStatus(9);
     // Each movie of a run decides for itself whether it starts with a scan.
@@ -123,8 +130,13 @@ bool EncoderController::encodeMovie(std::shared_ptr<MDI_Media> movie) {
     if (!QFileInfo(tool).isExecutable())
         return false;
 
+    // Never over another file: a taken name gets a number, and the name is
+    // claimed before the encoder writes into it.
+    const bool hdPass = movie->createHDSD() && !movie->createdHD();
+    path = OutputFile::claim(path, hdPass);
+    movie->setOutPath(path);
+
     const QStringList args = movie->getCmdArgs(preset, m_passThru, tool, path);
-    releaseRunner();
     m_shellWrapper = std::make_unique<AMShellWrapper>(this, QStringLiteral("./"), args);
     m_shellWrapper->setOutputStringEncoding(AMShellWrapper::ASCIIStringEncoding);
     m_shellWrapper->startProcess();
@@ -261,6 +273,9 @@ void EncoderController::stdOutput(const QString& text) {
 void EncoderController::stdError(const QString& text) {
     if (!m_curMovie)
         return;
+    m_errorLog += text;
+    if (m_errorLog.size() > kErrorLogTail)
+        m_errorLog.remove(0, m_errorLog.size() - kErrorLogTail);
     TextScanner cursor(text);
     // The tool stamps its log lines with the time, so the marker never
     // starts a chunk of its own.
@@ -354,14 +369,35 @@ void EncoderController::processFinished(AMShellWrapper* runner, int status) {
     } else {
         movie->setStatus(0);
         const float percent = expected > 0 ? received / expected * 100.0f : 0.0f;
-        if (status != 0)
-            movie->setWarnings(QString::fromLatin1(kConversionError));
-        else
-            movie->setWarnings(
-                QString::asprintf(m_passThru ? kPartialRemoved : kPartialTagged, double(percent)));
+        QString warnings =
+            status != 0
+                ? QString::fromLatin1(kConversionError)
+                : QString::asprintf(m_passThru ? kPartialRemoved : kPartialTagged, double(percent));
+        if (status != 0 || !m_passThru)
+            warnings += unfinishedOutput(*movie, status);
+        movie->setWarnings(warnings);
         reportStatusUpdate();
     }
     startNextMovie();
+}
+
+QString EncoderController::unfinishedOutput(MDI_Media& movie, int status) {
+    const QString out = movie.outPath();
+    QString text;
+    const QString cause =
+        status != 0 ? OutputFile::failureCause(out, status, m_errorLog) : QString();
+    if (!cause.isEmpty())
+        text += QLatin1Char(' ') + cause;
+    // An unfinished file never stays under the name of a finished movie.
+    const QString kept = OutputFile::keepIfPlayable(out);
+    if (kept.isEmpty()) {
+        text += QStringLiteral(" The unfinished file could not be played and was removed.");
+    } else if (kept != out) {
+        movie.setOutPath(kept);
+        text += QStringLiteral(" The unfinished file was kept as \"%1\".")
+                    .arg(QFileInfo(kept).fileName());
+    }
+    return text;
 }
 
 void EncoderController::muxStatusError() {

@@ -84,6 +84,9 @@ private:
     void scheduleEncode(std::shared_ptr<MDI_Media> movie);
     void refreshInformation(MDI_Media* movie);
     void releaseRunner();
+    // The end of the warning of a failed or partial pass: the cause, and
+    // what became of the file (kept as "(incomplete)" when it plays).
+    QString unfinishedOutput(MDI_Media& movie, int status);
 
     std::unique_ptr<AMShellWrapper> m_shellWrapper;
     std::shared_ptr<MDI_Media> m_curMovie;
@@ -100,6 +103,8 @@ private:
     bool m_passThru = false;
     // Output of a stopped pass, removed once the tool has let go of it.
     QString m_stoppedOutput;
+    // The tail of the encoder's log of the current pass.
+    QString m_errorLog;
     // Bumped by a stop so that passes scheduled before it do not start.
     quint64 m_runGeneration = 0;
     QString m_hdsdField;

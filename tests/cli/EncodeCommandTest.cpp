@@ -289,15 +289,16 @@ TEST_F(EncodeCliTest, ReportsFailedPartialAndDoneSourcesWithTheirWarnings) {
     EXPECT_TRUE(partialText.endsWith(
         "% of the movie has been converted. There may be an problem with the source media. The "
         "movie has been tagged, but no further processing was performed. The movie file has been "
-        "placed in the output folder."));
+        "placed in the output folder. The unfinished file was kept as \"Cut Short "
+        "(incomplete).m4v\"."));
     // About half the frames arrived.
     const int percent = partialText.mid(21).section(u'%', 0, 0).toInt();
     EXPECT_GT(percent, 20);
     EXPECT_LT(percent, 80);
-    // The partial movie stays, tagged, in the output folder.
+    // The partial movie stays, tagged, in the output folder, named as partial.
     EXPECT_EQ(partial.value("outputs").toArray().at(0).toString(),
-              dest() + QStringLiteral("/Cut Short.m4v"));
-    EXPECT_TRUE(QFileInfo::exists(dest() + QStringLiteral("/Cut Short.m4v")));
+              dest() + QStringLiteral("/Cut Short (incomplete).m4v"));
+    EXPECT_FALSE(QFileInfo::exists(dest() + QStringLiteral("/Cut Short.m4v")));
 
     const QJsonObject done = items.at(2).toObject();
     EXPECT_EQ(done.value("state").toString(), "done");

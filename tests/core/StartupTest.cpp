@@ -74,6 +74,19 @@ TEST_F(StartupTest, TemporaryFolderIsKeptWhenUsableAndRemadeOtherwise) {
     EXPECT_TRUE(QFileInfo(again).isDir());
     Startup::cleanupAtExit();
     EXPECT_FALSE(QFileInfo::exists(again));
+
+    // The folder is this process's own: never written to the settings file,
+    // and a folder the file names (another process's) is neither used nor
+    // removed.
+    QTemporaryDir other;
+    d().setObject(other.path(), SettingsKey::TempDirectory);
+    const QString mine = Startup::repairTempDirectory();
+    EXPECT_NE(mine, other.path());
+    EXPECT_EQ(d().stringForKey(SettingsKey::TempDirectory), mine);
+    Startup::cleanupAtExit();
+    EXPECT_FALSE(QFileInfo::exists(mine));
+    EXPECT_TRUE(QFileInfo(other.path()).isDir());
+    EXPECT_EQ(d().stringForKey(SettingsKey::TempDirectory), other.path());
 }
 
 TEST_F(StartupTest, ResetRestoresShippedValuesButNotTheRealBackdropKey) {

@@ -637,9 +637,8 @@ TEST_F(Mp4Write, SecondWriterGivesUpAfterItsWait) {
 // MP4 layer and for the media item, and leaves the file byte for byte as it was.
 TEST_F(Mp4Write, FullDiskFailsAndLeavesTheFileAsItWas) {
     const QString mount = dir.filePath(QStringLiteral("small-disk"));
-    const testsupport::SmallDisk disk(mount);
-    if (!disk.mounted())
-        GTEST_SKIP() << disk.why();
+    const testsupport::SmallDisk disk(mount, "1m");
+    SKIP_WITHOUT_SMALL_DISK(disk);
 
     const std::string path = copyInto(dir, aacSample()).toStdString();
     const std::string onDisk = (mount + QStringLiteral("/movie.mp4")).toStdString();

@@ -3,9 +3,12 @@
 #include "core/PropertyList.h"
 #include "presets/MDB_Devices.h"
 
+#include "SmallDisk.h"
+
 #include <QDir>
 #include <QFileInfo>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QStandardPaths>
 
@@ -31,8 +34,14 @@ protected:
     }
     void TearDown() override { QDir(folder).removeRecursively(); }
 
-    Result presets(const QStringList& args) const {
+    // `home`: another home folder (and so another Documents folder) for the run.
+    Result presets(const QStringList& args, const QString& home = QString()) const {
         QProcess process;
+        if (!home.isEmpty()) {
+            QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+            env.insert(QStringLiteral("HOME"), home);
+            process.setProcessEnvironment(env);
+        }
         process.start(program, QStringList{QStringLiteral("presets")} + args);
         Result r;
         if (!process.waitForFinished(30000)) {
@@ -97,6 +106,16 @@ TEST_F(PresetsCliTest, EditsPersistAndReportBadNames) {
     EXPECT_FALSE(MDB_Devices::deviceNames().contains("HD 720p"));
     EXPECT_EQ(presets({"reset", "HD 720p"}).status, 0);
     EXPECT_TRUE(MDB_Devices::device("HD 720p").has_value());
+    // Back in the list, at its shipped place.
+    EXPECT_EQ(MDB_Devices::deviceNames(), MDB_Devices::defaultDeviceNames() + QStringList{"Study"});
+
+    // The presets the device settings name cannot go.
+    const Result primary = presets({"delete", "HD 1080p"});
+    EXPECT_EQ(primary.status, 1);
+    EXPECT_TRUE(primary.err.contains("\"Primary Device\"")) << qPrintable(primary.err);
+    EXPECT_EQ(presets({"delete", "SD 480p"}).status, 1);
+    EXPECT_TRUE(MDB_Devices::deviceNames().contains("HD 1080p"));
+    EXPECT_TRUE(MDB_Devices::deviceNames().contains("SD 480p"));
 
     EXPECT_EQ(presets({"reset"}).status, 0);
     EXPECT_EQ(PropertyList::readFile(MDB_Devices::userFilePath()).toMap(),
@@ -111,6 +130,36 @@ TEST_F(PresetsCliTest, EditsPersistAndReportBadNames) {
         EXPECT_EQ(r.status, 1) << qPrintable(args.join(' '));
         EXPECT_EQ(r.err, "tarnwick-cli: no preset named \"Nope\"\n") << qPrintable(r.err);
     }
+}
+
+TEST_F(PresetsCliTest, FullDiskFailsEveryEditAndKeepsTheUserFile) {
+    const QString home = QDir::temp().filePath(QStringLiteral("presets-disk"));
+    testsupport::SmallDisk disk(home, "128k");
+    SKIP_WITHOUT_SMALL_DISK(disk);
+    ASSERT_EQ(presets({"add", "Den", "SD 480p"}, home).status, 0);
+    const QString file = home + QStringLiteral("/Documents/Oswenna/User-Devices.plist");
+    QFile user(file);
+    ASSERT_TRUE(user.open(QIODevice::ReadOnly));
+    const QByteArray old = user.readAll();
+    user.close();
+    disk.fill();
+
+    for (const QStringList& args : {QStringList{"add", "Nook", "HD 720p"},
+                                    {"rename", "Den", "Study"},
+                                    {"delete", "Den"},
+                                    {"reset", "HD 720p"},
+                                    {"reset"}}) {
+        const Result r = presets(args, home);
+        EXPECT_EQ(r.status, 1) << qPrintable(args.join(' '));
+        EXPECT_TRUE(r.out.isEmpty()) << qPrintable(r.out);
+        EXPECT_TRUE(r.err.contains("No space left")) << qPrintable(r.err);
+        EXPECT_EQ(r.err.count('\n'), 1) << qPrintable(r.err);
+    }
+    ASSERT_TRUE(user.open(QIODevice::ReadOnly));
+    EXPECT_EQ(user.readAll(), old);
+    const Result listed = presets({"list"}, home);
+    EXPECT_EQ(listed.status, 0);
+    EXPECT_TRUE(listed.out.contains("\nDen ")) << qPrintable(listed.out);
 }
 
 TEST_F(PresetsCliTest, UsageErrorsExitWithTwo) {

@@ -5,6 +5,7 @@
 // the tool's report has to be exact.
 #include "ImageTestSupport.h"
 #include "ProcessingTestSupport.h"
+#include "SmallDisk.h"
 #include "TestSupport.h"
 
 #include "core/Startup.h"
@@ -210,6 +211,9 @@ TEST_P(EncoderVerdict, JudgesFramesAndExitStatus) {
     EXPECT_EQ(movie->frameTotal(), v.expected);
     EXPECT_EQ(movie->warnings().toStdString(), v.warnings ? std::string(v.warnings) : "");
     EXPECT_EQ(QFileInfo::exists(movie->outPath()), v.outputKept);
+    if (v.status != 19)
+        EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("Movie.m4v"))))
+            << "an unfinished file under the final name";
     if (v.outputKept && v.exitCode == 0) {
         EXPECT_EQ(formatTags(movie->outPath()).value(QStringLiteral("title")).toString(),
                   QStringLiteral("Test Pattern"))
@@ -229,7 +233,8 @@ INSTANTIATE_TEST_SUITE_P(
         Verdict{"JustBelowTheMark", 9949, 10000, 0, false, 0,
                 "It appears that only 99% of the movie has been converted. There may be an "
                 "problem with the source media. The movie has been tagged, but no further "
-                "processing was performed. The movie file has been placed in the output folder.",
+                "processing was performed. The movie file has been placed in the output folder. "
+                "The unfinished file was kept as \"Movie (incomplete).m4v\".",
                 true},
         Verdict{"PartialPassThroughIsRemoved", 60, 100, 0, true, 0,
                 "It appears that only 60% of the movie has been converted. There may be an "
@@ -240,11 +245,14 @@ INSTANTIATE_TEST_SUITE_P(
         Verdict{"NoFramesExpected", 0, 0, 0, false, 0,
                 "It appears that only 0% of the movie has been converted. There may be an "
                 "problem with the source media. The movie has been tagged, but no further "
-                "processing was performed. The movie file has been placed in the output folder.",
+                "processing was performed. The movie file has been placed in the output folder. "
+                "The unfinished file was kept as \"Movie (incomplete).m4v\".",
                 true},
         Verdict{"ToolFailed", 75, 75, 3, false, 0,
                 "An error has occurred during the conversion. The movie is not able to be "
-                "processed. The movie file has been placed in the output folder.",
+                "processed. The movie file has been placed in the output folder. The encoder "
+                "ended with exit status 3. The unfinished file was kept as \"Movie "
+                "(incomplete).m4v\".",
                 true}),
     [](const ::testing::TestParamInfo<Verdict>& info) { return std::string(info.param.name); });
 
@@ -429,10 +437,12 @@ TEST_F(EncoderJob, FailedMovieCarriesTheWarningAndTheNextReadyOneFollows) {
     ASSERT_TRUE(m_encoder.startMovieEncoding(first));
     ASSERT_TRUE(waitForRunEnd());
     EXPECT_EQ(first->status(), 0);
-    EXPECT_EQ(first->warnings(),
-              QStringLiteral("An error has occurred during the conversion. The movie is not able "
-                             "to be processed. The movie file has been placed in the output "
-                             "folder."));
+    EXPECT_TRUE(first->warnings().startsWith(
+        QStringLiteral("An error has occurred during the conversion. The movie is not able "
+                       "to be processed. The movie file has been placed in the output "
+                       "folder. The encoder ended with exit status ")))
+        << first->warnings().toStdString();
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("First.m4v"))));
     EXPECT_EQ(second->status(), 19) << second->warnings().toStdString();
     EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("Second.m4v"))));
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("Done.m4v"))));
@@ -562,6 +572,65 @@ TEST_F(EncoderJob, StopBetweenPassesStartsNothingMore) {
     EXPECT_EQ(loggedRuns().size(), 1);
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("Movie.m4v"))));
     EXPECT_FALSE(m_encoder.progressViewVisible());
+}
+
+TEST_F(EncoderJob, KilledEncoderLeavesNoUnplayableFileAndSaysWhy) {
+    useScriptedEncoder(QStringLiteral("head -c 4096 '%1' > \"$out\"\nkill -9 $$\n").arg(m_source));
+    auto movie = scannedMovie(QStringLiteral("Movie.m4v"));
+    ASSERT_TRUE(m_encoder.startMovieEncoding(movie));
+    ASSERT_TRUE(waitForRunEnd());
+    EXPECT_EQ(movie->status(), 0);
+    EXPECT_TRUE(movie->warnings().contains(QStringLiteral("ended by signal 9")))
+        << movie->warnings().toStdString();
+    EXPECT_TRUE(movie->warnings().endsWith(
+        QStringLiteral("The unfinished file could not be played and was removed.")));
+    EXPECT_EQ(QDir(path(QString())).entryList({"Movie*"}), QStringList());
+}
+
+TEST_F(EncoderJob, FullOrReadOnlyDestinationNamesTheCause) {
+    testsupport::SmallDisk full(path(QStringLiteral("full")));
+    SKIP_WITHOUT_SMALL_DISK(full);
+    full.fill();
+    testsupport::SmallDisk readOnly(path(QStringLiteral("ro")), "64k", true);
+    ASSERT_TRUE(readOnly.mounted());
+    useScriptedEncoder(QStringLiteral("cp '%1' \"$out\"").arg(m_source));
+    auto first = scannedMovie(QStringLiteral("full/Movie.m4v"));
+    auto second = scannedMovie(QStringLiteral("ro/Movie.m4v"));
+    ASSERT_TRUE(m_encoder.startMovieEncoding(first));
+    ASSERT_TRUE(waitForRunEnd());
+    EXPECT_TRUE(first->warnings().contains(QStringLiteral("No space is left")))
+        << first->warnings().toStdString();
+    EXPECT_TRUE(second->warnings().contains(QStringLiteral("read-only file system")))
+        << second->warnings().toStdString();
+    for (const auto& movie : {first, second})
+        EXPECT_EQ(movie->status(), 0);
+    EXPECT_EQ(QDir(path(QStringLiteral("full"))).entryList(QDir::Files), QStringList());
+}
+
+TEST_F(EncoderJob, TakenOutputNamesGetNumbers) {
+    useScriptedEncoder(reportingFrames(75, 75));
+    for (const char* earlier : {"Movie.m4v", "Pair.m4v"}) {
+        QFile file(path(QLatin1String(earlier)));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("an earlier run's movie");
+    }
+    auto first = scannedMovie(QStringLiteral("Movie.m4v"));
+    auto second = scannedMovie(QStringLiteral("Movie.m4v"));
+    auto pair = scannedMovie(QStringLiteral("Pair.m4v"));
+    pair->setCreateHDSD(true);
+    ASSERT_TRUE(m_encoder.startMovieEncoding(first));
+    ASSERT_TRUE(waitForRunEnd());
+    for (const auto& movie : {first, second, pair})
+        EXPECT_EQ(movie->status(), 19) << movie->warnings().toStdString();
+    EXPECT_EQ(first->outPath(), path(QStringLiteral("Movie (2).m4v")));
+    EXPECT_EQ(second->outPath(), path(QStringLiteral("Movie (3).m4v")));
+    EXPECT_EQ(pair->outPath(), path(QStringLiteral("Pair (2).m4v")));
+    EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("Pair (2)(HD).m4v"))));
+    for (const char* earlier : {"Movie.m4v", "Pair.m4v"}) {
+        QFile file(path(QLatin1String(earlier)));
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        EXPECT_EQ(file.readAll(), QByteArray("an earlier run's movie")) << earlier;
+    }
 }
 
 TEST_F(EncoderJob, MissingToolIsRefusedWithTheMovieConverting) {

@@ -171,9 +171,8 @@ TEST_F(RetagCliTest, TwoRetagsAtOnceTakeTurns) {
 // On a full disk the tags cannot be written: no "written", a non-zero exit,
 // the reason in the summary, and the file byte for byte as it was.
 TEST_F(RetagCliTest, AFullDiskFailsWithTheReasonAndLeavesTheFile) {
-    const testsupport::SmallDisk disk(dir.filePath(QStringLiteral("small-disk")));
-    if (!disk.mounted())
-        GTEST_SKIP() << disk.why();
+    const testsupport::SmallDisk disk(dir.filePath(QStringLiteral("small-disk")), "1m");
+    SKIP_WITHOUT_SMALL_DISK(disk);
     const QString file =
         retagtest::taggedCopy(dir.filePath(QStringLiteral("small-disk")), "Harbour Lights.m4v", {});
     disk.fill();

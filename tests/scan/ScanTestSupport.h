@@ -185,6 +185,8 @@ inline void resetSettings(const QString& languageRegion = QStringLiteral("en-US"
     UserDefaults::standard().reopen(QDir::homePath() + QStringLiteral("/scan-test-settings.plist"));
     for (const QString& key : UserDefaults::standard().allKeys())
         UserDefaults::standard().removeObject(key);
+    // A scratch folder of the test's own, as a new run would have.
+    Startup::cleanupAtExit();
     QString error;
     ASSERT_TRUE(Startup::run(&error)) << error.toStdString();
     UserDefaults::standard().setObject(languageRegion,

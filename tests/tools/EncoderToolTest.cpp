@@ -775,6 +775,74 @@ TEST(EncoderToolScan, StopContinueAndTerminateReachTheScan) {
     EXPECT_EQ(lineCount(ticks), afterEnd) << "the scan outlived the tool";
 }
 
+// A scan by tarnwick-cli itself, with a stand-in HandBrakeCLI that makes its
+// "hb.<pid>" folder, notes its parent (the relay) and then hangs.
+class HangingScan : public ::testing::Test {
+protected:
+    HangingScan() : fake("mkdir \"$TMPDIR/hb.$$\"\necho $PPID > \"$0.relay\"\nexec sleep 60\n") {}
+    void start(const QStringList& args) {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("TARNWICK_HANDBRAKE", fake.path());
+        env.insert("TARNWICK_SETTINGS", home.filePath("Tarnwick.plist"));
+        QDir().mkpath(tmp());
+        env.insert("TMPDIR", tmp());
+        cli.setProcessEnvironment(env);
+        cli.start(QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"), args);
+        ASSERT_TRUE(cli.waitForStarted());
+    }
+    QString tmp() const { return home.filePath("tmp"); }
+    QStringList leftInTmp() const {
+        return QDir(tmp()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    }
+    // Gone, or a zombie waiting for a parent that does not reap.
+    static bool ended(qint64 pid) {
+        const char state = processState(pid);
+        return state == 0 || state == 'Z';
+    }
+
+    FakeHandBrake fake;
+    QTemporaryDir home;
+    QProcess cli;
+};
+
+TEST_F(HangingScan, KillingTheCliLeavesNoHelperAndNoTemporaryFolder) {
+    start({"scan", fake.path()});
+    QElapsedTimer clock;
+    clock.start();
+    while (fake.file(".relay").isEmpty() && clock.elapsed() < 20000)
+        QThread::msleep(50);
+    const qint64 scanPid = fake.file(".pid").trimmed().toLongLong();
+    const qint64 relayPid = fake.file(".relay").trimmed().toLongLong();
+    ASSERT_GT(relayPid, 0) << "the scan never started";
+    EXPECT_TRUE(leftInTmp().contains(QStringLiteral("hb.%1").arg(scanPid)));
+
+    ::kill(pid_t(cli.processId()), SIGKILL);
+    ASSERT_TRUE(cli.waitForFinished(5000));
+    clock.restart();
+    while ((!ended(scanPid) || !ended(relayPid) || !leftInTmp().isEmpty()) &&
+           clock.elapsed() < 10000)
+        QThread::msleep(50);
+    EXPECT_TRUE(ended(scanPid)) << "HandBrakeCLI outlived tarnwick-cli";
+    EXPECT_TRUE(ended(relayPid)) << "tarnwick-encoder-scan outlived tarnwick-cli";
+    EXPECT_EQ(leftInTmp(), QStringList());
+}
+
+TEST_F(HangingScan, ScanPastItsTimeLimitFailsWithAWarning) {
+    start({"settings", "set", "Scan Time Limit", "1"});
+    ASSERT_TRUE(cli.waitForFinished(30000));
+    ASSERT_EQ(cli.exitCode(), 0) << cli.readAllStandardError().toStdString();
+    QElapsedTimer clock;
+    clock.start();
+    start({"scan", fake.path()});
+    ASSERT_TRUE(cli.waitForFinished(30000));
+    EXPECT_LT(clock.elapsed(), 15000);
+    EXPECT_NE(cli.exitCode(), 0);
+    const QByteArray said = cli.readAllStandardOutput() + cli.readAllStandardError();
+    EXPECT_TRUE(said.contains("stopped after 1 second")) << said.toStdString();
+    EXPECT_TRUE(said.contains("Scan Time Limit")) << said.toStdString();
+    EXPECT_EQ(leftInTmp(), QStringList());
+}
+
 // The relay runs for every scan, so it must not load Qt (it reads the JSON
 // itself) nor the C++ runtime's shared libraries.
 TEST(EncoderToolScan, RelayLinksNoQt) {

@@ -5,10 +5,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
+#include <ftw.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -16,12 +20,42 @@
 namespace {
 
 volatile sig_atomic_t g_scanPid = 0;
+// When we were asked to end (seconds of the monotonic clock), 0 before.
+volatile sig_atomic_t g_endRequested = 0;
+
+// A scan asked to end gets this long to do so before it is killed.
+constexpr int kEndGraceSeconds = 3;
+
+long monotonicSeconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return long(now.tv_sec);
+}
 
 void forwardSignal(int sig) {
     const int saved = errno;
     if (g_scanPid > 0)
         ::kill(g_scanPid, sig);
+    if (sig != SIGCONT && g_endRequested == 0)
+        g_endRequested = sig_atomic_t(monotonicSeconds() + 1);
     errno = saved;
+}
+
+int removeEntry(const char* path, const struct stat*, int, FTW*) {
+    ::remove(path);
+    return 0;
+}
+
+// HandBrakeCLI keeps its previews in "hb.<pid>" in the temporary folder and
+// removes it only when it ends normally.
+void removeEncoderTemp(pid_t pid) {
+    const char* base = std::getenv("TMPDIR");
+    if (!base || !*base)
+        base = std::getenv("TEMP");
+    if (!base || !*base)
+        base = "/tmp";
+    const std::string folder = std::string(base) + "/hb." + std::to_string(int(pid));
+    ::nftw(folder.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
 void installForwarding() {
@@ -251,6 +285,10 @@ ScanOutcome runScan(const std::vector<std::string>& args) {
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
+    // A reader that has gone (our parent killed) must not end us before the
+    // scan and its temporary folder are gone: writes then simply fail.
+    ::signal(SIGPIPE, SIG_IGN);
+
     // Signals sent before the child exists are held until it can receive them.
     sigset_t block, previous;
     sigemptyset(&block);
@@ -262,8 +300,14 @@ ScanOutcome runScan(const std::vector<std::string>& args) {
     // status checks, and an idle pipe or terminal there delays the end of
     // every scan by up to a tenth of a second.
     const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const pid_t self = ::getpid();
     const pid_t pid = ::fork();
     if (pid == 0) {
+        // The scan must not outlive us, however we end.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != self)
+            ::_exit(127);
+        ::signal(SIGPIPE, SIG_DFL);
         ::sigprocmask(SIG_SETMASK, &previous, nullptr);
         if (devNull >= 0)
             ::dup2(devNull, STDIN_FILENO);
@@ -302,7 +346,11 @@ ScanOutcome runScan(const std::vector<std::string>& args) {
     while (outOpen || errOpen) {
         pollfd fds[2] = {{outOpen ? master : -1, POLLIN, 0},
                          {errOpen ? errPipe[0] : -1, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
+        // Once asked to end, the scan gets a grace period, then is killed.
+        const long endAt = g_endRequested;
+        if (endAt != 0 && monotonicSeconds() - endAt >= kEndGraceSeconds)
+            ::kill(pid, SIGKILL);
+        if (::poll(fds, 2, endAt != 0 ? 250 : -1) < 0) {
             if (errno == EINTR)
                 continue;
             break;
@@ -334,6 +382,7 @@ ScanOutcome runScan(const std::vector<std::string>& args) {
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     g_scanPid = 0;
+    removeEncoderTemp(pid);
     outcome.waitStatus = status;
     if (watcher > 0) {
         ::kill(watcher, SIGKILL);

@@ -17,7 +17,10 @@ struct ScanOutcome {
 // Runs `argv` (HandBrakeCLI's path first, then a --json scan's arguments).
 // Its log lines and its scan progress reach our standard error while it
 // works; the JSON it prints is collected. Terminate, interrupt, stop and
-// continue signals sent to us reach the scan as well.
+// continue signals sent to us reach the scan as well; a scan asked to end
+// that has not ended a few seconds later is killed. The scan dies with us
+// (PR_SET_PDEATHSIG), and its "hb.<pid>" temporary folder is removed
+// however it ended.
 ScanOutcome runScan(const std::vector<std::string>& argv);
 
 // Writes all of `bytes` to a descriptor, across interruptions.
