@@ -291,10 +291,17 @@ void EncoderController::stdError(const QString& text) {
     m_curMovie->setFrameTotal(expected);
 }
 
-void EncoderController::tagOutput(MDI_Media& movie) {
+bool EncoderController::tagOutput(MDI_Media& movie) {
     movie.setStatus(11);
     movie.writeMetadataToFile(false, true);
+    // A movie whose tags did not reach the file is not done; the warning the
+    // write left says why.
+    if (!movie.tagWriteError().isEmpty()) {
+        movie.setStatus(0);
+        return false;
+    }
     movie.setStatus(12);
+    return true;
 }
 
 void EncoderController::moveToITunes(MDI_Media& movie) {
@@ -332,7 +339,11 @@ void EncoderController::processFinished(AMShellWrapper* runner, int status) {
         setTimeField(QStringLiteral("(Transcoding Complete)"));
         if (complete) {
             setStatusField(QStringLiteral("(Tagging)"));
-            tagOutput(*movie);
+            if (!tagOutput(*movie)) {
+                reportStatusUpdate();
+                startNextMovie();
+                return;
+            }
             if (m_passThru) {
                 // The muxer job carries the movie on and reports back.
                 m_isEncoding = false;

@@ -76,7 +76,7 @@ private:
     // "(Transcoding HD)", "(Transcoding SD)" or "(Transcoding)" for the pass
     // the movie is in.
     static QString transcodingText(const MDI_Media& movie);
-    void tagOutput(MDI_Media& movie);
+    bool tagOutput(MDI_Media& movie);
     void moveToITunes(MDI_Media& movie);
     // Starts the next ready movie, or ends the run when none is left.
     void startNextMovie();

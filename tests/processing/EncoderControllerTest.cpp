@@ -421,6 +421,19 @@ TEST_F(EncoderJob, CompleteEncodeIsTaggedAndDone) {
     EXPECT_FALSE(m_encoder.progressViewVisible());
 }
 
+// A complete encode whose tags cannot be written is failed with the reason,
+// never done with only the encoder's own tags.
+TEST_F(EncoderJob, OutputThatTakesNoTagsFailsWithTheReason) {
+    auto movie = scannedMovie(QStringLiteral("Junk.m4v"));
+    useScriptedEncoder(QStringLiteral("echo junk > \"$out\"\n"
+                                      "echo '[00:00:01] sync: got 75 frames, 75 expected' >&2"));
+    ASSERT_TRUE(m_encoder.startMovieEncoding(movie));
+    ASSERT_TRUE(waitForRunEnd());
+    EXPECT_EQ(movie->status(), 0);
+    EXPECT_FALSE(movie->tagWriteError().isEmpty());
+    EXPECT_EQ(movie->warnings(), movie->tagWriteError());
+}
+
 TEST_F(EncoderJob, FailedMovieCarriesTheWarningAndTheNextReadyOneFollows) {
     // A source that is gone by the time it is converted.
     const QString doomed = path(QStringLiteral("doomed.mp4"));

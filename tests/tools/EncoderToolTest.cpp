@@ -843,6 +843,31 @@ TEST_F(HangingScan, ScanPastItsTimeLimitFailsWithAWarning) {
     EXPECT_EQ(leftInTmp(), QStringList());
 }
 
+// An encode that outlives its caller takes its output with it; while the
+// caller lives, the output stays for the caller to judge.
+TEST(EncoderToolEncode, OutputOfACallerThatDiedIsRemoved) {
+    const FakeHandBrake fake("while [ $# -gt 0 ]; do [ \"$1\" = -o ] && out=$2; shift; done\n"
+                             "echo partial > \"$out\"\nsleep 1\n");
+    QTemporaryDir dir;
+    for (const bool callerDies : {true, false}) {
+        const QString out = dir.filePath(callerDies ? "orphan.m4v" : "kept.m4v");
+        QProcess caller;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("TARNWICK_HANDBRAKE", fake.path());
+        caller.setProcessEnvironment(env);
+        const QString run = callerDies ? "\"$0\" -i x -o \"$1\" >/dev/null 2>&1 & sleep 0.3"
+                                       : "\"$0\" -i x -o \"$1\" >/dev/null 2>&1";
+        caller.start("sh", {"-c", run,
+                            QStringLiteral(TARNWICK_BINARY_DIR "/bin/Tarnwick_Pro_Encoder"), out});
+        ASSERT_TRUE(caller.waitForFinished(10000));
+        QElapsedTimer clock;
+        clock.start();
+        while (QFile::exists(out) == callerDies && clock.elapsed() < 4000)
+            QThread::msleep(50);
+        EXPECT_EQ(QFile::exists(out), !callerDies) << out.toStdString();
+    }
+}
+
 // The relay runs for every scan, so it must not load Qt (it reads the JSON
 // itself) nor the C++ runtime's shared libraries.
 TEST(EncoderToolScan, RelayLinksNoQt) {

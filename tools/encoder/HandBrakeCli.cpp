@@ -74,6 +74,16 @@ bool isScanRequest(const Args& args) {
     return true;
 }
 
+std::string outputPath(const Args& args) {
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if ((args[i] == "--output" || args[i] == "-o") && i + 1 < args.size())
+            return args[i + 1];
+        if (args[i].rfind("--output=", 0) == 0)
+            return args[i].substr(9);
+    }
+    return {};
+}
+
 Args encodeArguments(const Args& args) {
     Args out;
     for (std::size_t i = 0; i < args.size(); ++i) {

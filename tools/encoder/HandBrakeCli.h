@@ -20,6 +20,9 @@ std::string missingMessage(const std::string& tried);
 // A run without --output/-o is a scan.
 bool isScanRequest(const Args& args);
 
+// The file an encode writes, empty for a scan.
+std::string outputPath(const Args& args);
+
 // Encode arguments: options 1.6 rejects are dropped (it stops without
 // encoding on an unknown option), separate values of options whose value
 // 1.6 takes only as "=value" are joined to them.

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -59,6 +60,30 @@ int execOrReport(const std::string& program, const std::vector<std::string>& arg
     return kCannotRunStatus;
 }
 
+// When the caller dies mid-encode, HandBrakeCLI gets the terminate signal
+// and closes a short but playable movie under the final name, and nobody is
+// left to clean it up. A small watcher outlives the exec below and removes
+// the output when the encode ends after its caller did; while the caller
+// lives, the output is the caller's to judge.
+void removeOutputIfOrphaned(const std::string& output) {
+    if (output.empty())
+        return;
+    const pid_t encoder = ::getpid();
+    const pid_t caller = ::getppid();
+    if (::fork() != 0)
+        return;
+    ::setsid();
+    // No inherited descriptor may stay open: the caller reads the encoder's
+    // pipes until every writer is gone.
+    for (int fd = 0; fd < 1024; ++fd)
+        ::close(fd);
+    while (::kill(encoder, 0) == 0 || errno == EPERM)
+        ::usleep(200 * 1000);
+    if (::kill(caller, 0) != 0 && errno == ESRCH)
+        ::unlink(output.c_str());
+    ::_exit(0);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -86,6 +111,7 @@ int main(int argc, char** argv) {
                 ::close(devNull);
             }
         }
+        removeOutputIfOrphaned(handbrake::outputPath(args));
         return execOrReport(program, handbrake::encodeArguments(args));
     }
 
