@@ -13,7 +13,7 @@
 
 #include <cerrno>
 #include <climits>
-#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -60,11 +60,31 @@ int execOrReport(const std::string& program, const std::vector<std::string>& arg
     return kCannotRunStatus;
 }
 
+// A process's state letter and parent, from /proc; false once it is gone.
+bool processStat(pid_t pid, char* state, pid_t* parent) {
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", int(pid));
+    const int fd = ::open(path, O_RDONLY);
+    if (fd < 0)
+        return false;
+    char buf[512];
+    const ssize_t n = ::read(fd, buf, sizeof buf - 1);
+    ::close(fd);
+    if (n <= 0)
+        return false;
+    buf[n] = '\0';
+    // The command name in parentheses may itself hold blanks and parentheses.
+    const char* rest = std::strrchr(buf, ')');
+    int ppid = 0;
+    return rest && std::sscanf(rest + 1, " %c %d", state, &ppid) == 2 && (*parent = ppid, true);
+}
+
 // When the caller dies mid-encode, HandBrakeCLI gets the terminate signal
 // and closes a short but playable movie under the final name, and nobody is
-// left to clean it up. A small watcher outlives the exec below and removes
-// the output when the encode ends after its caller did; while the caller
-// lives, the output is the caller's to judge.
+// left to clean it up. A small watcher outlives the exec below: when it sees
+// the running encode handed to another parent (its caller died first), it
+// removes the output once the encode has ended. An encode whose caller
+// outlives it is the caller's to judge.
 void removeOutputIfOrphaned(const std::string& output) {
     if (output.empty())
         return;
@@ -77,9 +97,16 @@ void removeOutputIfOrphaned(const std::string& output) {
     // pipes until every writer is gone.
     for (int fd = 0; fd < 1024; ++fd)
         ::close(fd);
-    while (::kill(encoder, 0) == 0 || errno == EPERM)
-        ::usleep(200 * 1000);
-    if (::kill(caller, 0) != 0 && errno == ESRCH)
+    bool orphaned = false;
+    char state = 0;
+    pid_t parent = 0;
+    // A zombie has ended, whether or not its new parent ever reaps it.
+    while (processStat(encoder, &state, &parent) && state != 'Z') {
+        if (parent != caller)
+            orphaned = true;
+        ::usleep(100 * 1000);
+    }
+    if (orphaned)
         ::unlink(output.c_str());
     ::_exit(0);
 }
