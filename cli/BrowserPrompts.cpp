@@ -1,12 +1,24 @@
 #include "cli/BrowserPrompts.h"
 
 #include "cli/Commands.h"
+#include "cli/Describe.h"
 #include "cli/Terminal.h"
 #include "lookup/SearchPanelController.h"
 
 namespace cli {
 
 void TerminalBrowserDelegate::runSearchPanel(SearchPanelController& panel) {
+    const MDI_Media* item = m_browser ? m_browser->workMovie().get() : nullptr;
+    if (item)
+        m_unmatched.insert(item);
+    if (panel.lookupFailed()) {
+        // Another name would fail the same way.
+        if (!InterruptWatcher::pending())
+            m_progress.message(QStringLiteral("%1: lookup failed: %2")
+                                   .arg(panel.startName(), panel.lookupError()));
+        panel.skipBtn();
+        return;
+    }
     if (m_assumeYes || !m_interactive) {
         m_progress.message(QStringLiteral("No match for \"%1\"; skipped.").arg(panel.startName()));
         panel.skipBtn();
@@ -27,7 +39,22 @@ void TerminalBrowserDelegate::runSearchPanel(SearchPanelController& panel) {
     } else {
         panel.setNewName(name);
         panel.searchBtn();
+        // Searched again: it is no longer unmatched unless that finds nothing too.
+        if (item)
+            m_unmatched.remove(item);
     }
+}
+
+QString TerminalBrowserDelegate::lookupOutcome(const MDI_Media& item, bool skipTagging) const {
+    if (!item.lookupError().isEmpty())
+        return QString::fromLatin1(lookup::Failed);
+    if (!item.isValid() || item.status() < 8)
+        return QString::fromLatin1(lookup::NotRun);
+    if (m_unmatched.contains(&item))
+        return QString::fromLatin1(lookup::NoMatch);
+    if (skipTagging)
+        return QString::fromLatin1(lookup::Skipped);
+    return QString::fromLatin1(lookup::Matched);
 }
 
 bool TerminalBrowserDelegate::setPreferences() {

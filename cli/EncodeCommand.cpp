@@ -1,18 +1,20 @@
-// `tarnwick-cli encode SOURCE... [--dest DIR] [--preset NAME] [--secondary
-// NAME] [--hd-sd] [--title N] [--add-itunes DIR] [--skip-tagging] [--yes]
-// [--json]`: the whole road of a movie through the application controller.
-// Every source is scanned and matched, then the processing queue converts the
-// ready ones one after another (encode, tags, muxing, iTunes move) while a
-// progress line runs on stderr; a summary of every source goes to stdout.
+// `tarnwick-cli encode SOURCE... [options]`: the whole road of a movie
+// through the application controller. Every source is scanned and matched,
+// then the processing queue converts the ready ones one after another
+// (encode, tags, muxing, iTunes move) while a progress line runs on stderr; a
+// summary of every source goes to stdout.
 //
 // The options hold for this run only: the stored settings they stand for are
 // put back before the settings are written at exit. Ctrl-C or SIGTERM stops
 // the queue as the stop command does (the movie being converted goes back to
 // the queue and its unfinished file is removed); a second Ctrl-C quits at
-// once. Exit status: 0 when every source ended done, 1 otherwise, 2 for bad
+// once. A source whose lookup failed is encoded, but its file keeps the tags
+// the encoder wrote (nothing is written over them as if it were matched).
+// Exit status: 0 when every source ended done, 1 otherwise, 2 for bad
 // arguments, 128 + the signal after an interrupt.
 #include "cli/BrowserPrompts.h"
 #include "cli/Commands.h"
+#include "cli/Describe.h"
 #include "cli/Terminal.h"
 
 #include "core/Bookmark.h"
@@ -21,6 +23,8 @@
 #include "core/Startup.h"
 #include "core/UserDefaults.h"
 #include "media/EncodeBrowserController.h"
+#include "metadata/MDB_Metadata.h"
+#include "mp4/mp4.h"
 #include "presets/MDB_Devices.h"
 #include "processing/AppDelegate.h"
 #include "processing/EncoderController.h"
@@ -60,64 +64,57 @@ struct Options {
     std::optional<qint64> title;
     bool hdsd = false;
     bool skipTagging = false;
+    std::optional<bool> passthru;
     bool assumeYes = false;
     bool json = false;
 };
 
-// Answers the usage error's exit status, or nothing when the options are good.
-std::optional<int> parse(const QStringList& args, Options& o) {
-    auto value = [&](qsizetype& i, QString& into) -> bool {
-        if (i + 1 >= args.size() || args.at(i + 1).isEmpty())
-            return false;
-        into = args.at(++i);
-        return true;
+// Answers the exit status of a bad command line, or nothing when the options are good.
+std::optional<int> parse(const cli::Invocation& run, Options& o) {
+    o.sources = run.positional();
+    struct Valued {
+        const char* name;
+        QString* into;
     };
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        const QString& a = args.at(i);
-        if (a == QLatin1String("--dest") || a == QLatin1String("--preset") ||
-            a == QLatin1String("--secondary") || a == QLatin1String("--add-itunes")) {
-            QString v;
-            if (!value(i, v))
-                return cli::usageError(kCommand, QStringLiteral("%1 needs a value").arg(a));
-            (a == QLatin1String("--dest")        ? o.dest
-             : a == QLatin1String("--preset")    ? o.preset
-             : a == QLatin1String("--secondary") ? o.secondary
-                                                 : o.iTunes) = v;
-        } else if (a == QLatin1String("--title")) {
-            bool ok = false;
-            const qint64 n = i + 1 < args.size() ? args.at(i + 1).toLongLong(&ok) : 0;
-            if (!ok || n < 0)
-                return cli::usageError(kCommand,
-                                       QStringLiteral("--title needs a title number (0 = all)"));
-            o.title = n;
-            ++i;
-        } else if (a == QLatin1String("--hd-sd")) {
-            o.hdsd = true;
-        } else if (a == QLatin1String("--skip-tagging")) {
-            o.skipTagging = true;
-        } else if (a == QLatin1String("--yes") || a == QLatin1String("-y")) {
-            o.assumeYes = true;
-        } else if (a == QLatin1String("--json")) {
-            o.json = true;
-        } else if (a.startsWith(QLatin1Char('-')) && a.size() > 1) {
-            return cli::usageError(kCommand, QStringLiteral("unknown option %1").arg(a));
-        } else {
-            o.sources << a;
-        }
+    for (const Valued& v : {Valued{"dest", &o.dest}, Valued{"preset", &o.preset},
+                            Valued{"secondary", &o.secondary}, Valued{"add-itunes", &o.iTunes}}) {
+        const QString name = QLatin1String(v.name);
+        if (!run.isSet(name))
+            continue;
+        *v.into = run.value(name);
+        if (v.into->isEmpty())
+            return cli::usageError(kCommand, QStringLiteral("--%1 needs a value").arg(name));
     }
+    if (run.isSet(QStringLiteral("title"))) {
+        bool ok = false;
+        const qint64 n = run.value(QStringLiteral("title")).toLongLong(&ok);
+        if (!ok || n < 0)
+            return cli::usageError(kCommand,
+                                   QStringLiteral("--title needs a title number (0 = all)"));
+        o.title = n;
+    }
+    o.hdsd = run.isSet(QStringLiteral("hd-sd"));
+    o.skipTagging = run.isSet(QStringLiteral("skip-tagging"));
+    o.assumeYes = run.isSet(QStringLiteral("yes"));
+    o.json = run.json();
+    if (run.isSet(QStringLiteral("passthru")) && run.isSet(QStringLiteral("no-passthru")))
+        return cli::usageError(kCommand,
+                               QStringLiteral("--passthru and --no-passthru exclude each other"));
+    if (run.isSet(QStringLiteral("passthru")) || run.isSet(QStringLiteral("no-passthru")))
+        o.passthru = run.isSet(QStringLiteral("passthru"));
     if (o.sources.isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no source given"));
-    for (const QString& source : std::as_const(o.sources)) {
-        if (!QFileInfo::exists(source))
-            return cli::usageError(kCommand,
-                                   QStringLiteral("%1: no such file or folder").arg(source));
-    }
     for (const QString* folder : {&o.dest, &o.iTunes}) {
         if (folder->isEmpty())
             continue;
         const QFileInfo info(*folder);
         if (info.exists() && !info.isDir())
             return cli::usageError(kCommand, QStringLiteral("%1: not a folder").arg(*folder));
+    }
+    // A source that is not there is a failed source, not a bad command line.
+    for (const QString& source : std::as_const(o.sources)) {
+        if (!QFileInfo::exists(source))
+            return cli::failure(QStringLiteral("%1: no such file or folder").arg(source));
     }
     return std::nullopt;
 }
@@ -165,10 +162,12 @@ private:
 struct Outcome {
     QString source;
     QString name;
-    QString state; // done, failed, partial, stopped
+    QString state; // done, untagged, failed, partial, stopped
     qint32 status = 0;
     QStringList outputs;
-    QString warnings;
+    QStringList warnings;
+    std::shared_ptr<MDI_Media> item;
+    QString lookup;
 };
 
 QString etaText(const QString& timeField) {
@@ -278,6 +277,8 @@ bool EncodeRun::applyOptions(QString* error) {
         m_runSettings.set(key(SettingsKey::HDSD), true);
     if (m_options.skipTagging)
         m_runSettings.set(key(SettingsKey::SkipTagging), true);
+    if (m_options.passthru)
+        m_runSettings.set(key(SettingsKey::PassthruVideo), *m_options.passthru);
     if (!m_options.iTunes.isEmpty()) {
         const std::optional<QString> root = makeFolder(m_options.iTunes, error);
         if (!root)
@@ -375,12 +376,11 @@ void EncodeRun::noteStatusChanges() {
         last = status;
         if (!m_encoded.contains(item.get()))
             continue;
-        // A movie whose tags could not be written is not done.
-        const QString& tagError = item->tagWriteError();
-        if (status == 19 && tagError.isEmpty())
-            m_progress.message(item->name() + QStringLiteral(": done"));
+        if (status == 19 && !item->lookupError().isEmpty())
+            m_progress.message(item->name() +
+                               QStringLiteral(": done, but not tagged (the lookup failed)"));
         else if (status == 19)
-            m_progress.message(item->name() + QStringLiteral(": failed: ") + tagError);
+            m_progress.message(item->name() + QStringLiteral(": done"));
         else if (status == 0)
             m_progress.message(item->name() +
                                (m_partial.contains(item.get()) ? QStringLiteral(": partial: ")
@@ -504,20 +504,24 @@ QList<Outcome> EncodeRun::outcomes() const {
     QList<Outcome> results;
     for (const std::shared_ptr<MDI_Media>& item : m_items) {
         Outcome o;
+        o.item = item;
         o.source = item->inPath();
         o.name = item->name();
         o.status = item->status();
-        o.warnings = item->warnings();
-        if (o.status == 19 && !item->tagWriteError().isEmpty()) {
-            o.state = QStringLiteral("failed");
-            o.warnings = item->tagWriteError();
-        } else if (o.status == 19)
+        o.lookup = m_browserPrompts.lookupOutcome(*item, m_options.skipTagging);
+        o.warnings = cli::itemWarnings(*item);
+        if (o.status == 19 && !item->lookupError().isEmpty()) {
+            // Encoded, but nothing was written over the encoder's tags.
+            o.state = QStringLiteral("untagged");
+            o.warnings << QStringLiteral("the file keeps the tags the encoder wrote");
+        } else if (o.status == 19) {
             o.state = QStringLiteral("done");
-        else if (o.status == 0)
+        } else if (o.status == 0) {
             o.state = m_partial.contains(item.get()) ? QStringLiteral("partial")
                                                      : QStringLiteral("failed");
-        else
+        } else {
             o.state = QStringLiteral("stopped");
+        }
         // A failed scan never wrote anything; a name it would have used may
         // belong to another file.
         if (m_encoded.contains(item.get()))
@@ -531,18 +535,9 @@ void EncodeRun::printSummary(const QList<Outcome>& results) const {
     QTextStream& out = cli::out();
     if (m_options.json) {
         QJsonArray items;
-        for (const Outcome& o : results) {
-            QJsonObject item{{"source", o.source},
-                             {"name", o.name},
-                             {"state", o.state},
-                             {"status", o.status},
-                             {"outputs", QJsonArray::fromStringList(o.outputs)}};
-            if (!o.warnings.isEmpty())
-                item.insert("warnings", o.warnings);
-            items.append(item);
-        }
-        out << QJsonDocument(items).toJson(QJsonDocument::Indented);
-        out.flush();
+        for (const Outcome& o : results)
+            items.append(cli::itemJson(*o.item, {o.state, o.lookup, o.warnings, o.outputs, false}));
+        cli::setJsonMember(QStringLiteral("items"), items);
         return;
     }
     const QStringList header{QStringLiteral("SOURCE"), QStringLiteral("STATUS"),
@@ -552,7 +547,7 @@ void EncodeRun::printSummary(const QList<Outcome>& results) const {
         rows << QStringList{o.source, o.state,
                             o.outputs.isEmpty() ? QStringLiteral("-")
                                                 : o.outputs.join(QStringLiteral(", ")),
-                            o.warnings};
+                            o.warnings.join(QStringLiteral("; "))};
     QList<qsizetype> widths(header.size() - 1, 0);
     for (const QStringList& row : std::as_const(rows))
         for (qsizetype c = 0; c < widths.size(); ++c)
@@ -577,6 +572,7 @@ int EncodeRun::run() {
     m_app->setBrowserDelegate(&m_browserPrompts);
     m_app->applicationWillFinishLaunching();
     m_app->encodeBrowseController()->setViewVisible(false);
+    m_browserPrompts.setBrowser(m_app->encodeBrowseController());
     m_interrupts.poll();
 
     auto finish = [&](int exitStatus) {
@@ -663,24 +659,73 @@ int EncodeRun::run() {
         return finish(m_interrupts.exitStatus());
     bool allDone = !m_items.isEmpty();
     for (const std::shared_ptr<MDI_Media>& item : m_items)
-        allDone = allDone && item->status() == 19 && item->tagWriteError().isEmpty();
+        allDone = allDone && item->status() == 19 && item->lookupError().isEmpty();
     return finish(allDone ? cli::kExitOk : cli::kExitFailure);
 }
 
-int runEncode(const QStringList& args) {
+int runEncode(cli::Invocation& invocation) {
     Options options;
-    if (const std::optional<int> usage = parse(args, options))
-        return *usage;
+    if (const std::optional<int> status = parse(invocation, options))
+        return *status;
     cli::ProgressLine progress(cli::stderrIsTerminal());
     EncodeRun run(options, progress);
     return run.run();
 }
 
-const cli::CommandRegistration registration({
-    kCommand,
-    QStringLiteral("encode SOURCE... [--dest DIR] [--preset NAME] [--secondary NAME] [--hd-sd] "
-                   "[--title N] [--add-itunes DIR] [--skip-tagging] [--yes] [--json]"),
-    runEncode,
-});
+const cli::CommandRegistration registration(
+    {kCommand,
+     {QStringLiteral("encode SOURCE... [options]")},
+     QStringLiteral("scan, match, encode, tag and file every source"),
+     QStringLiteral(
+         "Scans and matches every source as scan does, then converts the ready ones one after "
+         "another with the device preset: encode, tags, cover art and track names, the muxer "
+         "where the source's video is passed through, and the move into the iTunes folder. A "
+         "progress line runs on standard error; a summary of every source (SOURCE, STATUS, "
+         "OUTPUT, WARNINGS) goes to standard output.\n\n"
+         "The options hold for this run only: the settings they stand for are put back "
+         "afterwards. A source whose lookup failed (a refused key, a server error, no answer, no "
+         "connection) is still encoded, but its file keeps the tags the encoder wrote; its "
+         "status is \"untagged\" and the run fails. Ctrl-C stops the queue as the stop command "
+         "does (the unfinished file is removed); a second Ctrl-C quits at once."),
+     {{QStringLiteral("SOURCE"), QStringLiteral("a video file, a DVD folder (VIDEO_TS) or an "
+                                                "unprotected Blu-ray folder (BDMV)")}},
+     {{{QStringLiteral("dest")},
+       QStringLiteral("DIR"),
+       QStringLiteral("the folder the movies go to (made when missing; default: the "
+                      "\"Destination Path Bookmark\" setting, else the current folder)")},
+      {{QStringLiteral("preset")},
+       QStringLiteral("NAME"),
+       QStringLiteral("the device preset to encode with (see tarnwick-cli presets list)")},
+      {{QStringLiteral("secondary")},
+       QStringLiteral("NAME"),
+       QStringLiteral("the preset of the second, SD version made with --hd-sd")},
+      {{QStringLiteral("hd-sd")},
+       {},
+       QStringLiteral("make an SD version beside the HD one of every HD source")},
+      {{QStringLiteral("title")},
+       QStringLiteral("N"),
+       QStringLiteral("encode title N of every source; 0, the default, takes the longest")},
+      {{QStringLiteral("add-itunes")},
+       QStringLiteral("DIR"),
+       QStringLiteral("move the finished movies into the \"Automatically Add to iTunes\" "
+                      "folder of the iTunes folder DIR")},
+      {{QStringLiteral("skip-tagging")},
+       {},
+       QStringLiteral("do not look the sources up in the movie database")},
+      {{QStringLiteral("passthru")},
+       {},
+       QStringLiteral("keep the source's H.264 video where it fits the preset (the setting "
+                      "\"Passthru Video\" otherwise decides)")},
+      {{QStringLiteral("no-passthru")}, {}, QStringLiteral("always encode the video")},
+      {{QStringLiteral("y"), QStringLiteral("yes")},
+       {},
+       QStringLiteral("ask nothing: a source without a match is skipped, and the presets' "
+                      "Update Notice is accepted")}},
+     true,
+     QStringLiteral("0 every source done, 1 some source failed, was encoded only in part, was not "
+                    "tagged because its lookup failed, or does not exist, 2 usage error, 130 "
+                    "interrupted (143 after SIGTERM)."),
+     runEncode,
+     QJsonObject{{QStringLiteral("items"), QJsonArray()}}});
 
 } // namespace

@@ -120,21 +120,16 @@ void printText(const QString& genre, const QList<MoviesBrowserController::CellPt
     }
 }
 
-int runLibrary(const QStringList& args) {
-    QString genre;
-    QString folder;
-    bool json = false;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        const QString& arg = args.at(i);
-        if (arg == QLatin1String("--json")) {
-            json = true;
-        } else if (arg == QLatin1String("--genre") || arg == QLatin1String("--folder")) {
-            if (i + 1 >= args.size() || args.at(i + 1).isEmpty())
-                return cli::usageError(kCommand, QStringLiteral("%1 needs a value").arg(arg));
-            (arg == QLatin1String("--genre") ? genre : folder) = args.at(++i);
-        } else {
-            return cli::usageError(kCommand, QStringLiteral("unknown argument \"%1\"").arg(arg));
-        }
+int runLibrary(cli::Invocation& run) {
+    if (!run.positional().isEmpty())
+        return cli::usageError(
+            kCommand, QStringLiteral("unknown argument \"%1\"").arg(run.positional().constFirst()));
+    const QString genre = run.value(QStringLiteral("genre"));
+    QString folder = run.value(QStringLiteral("folder"));
+    const bool json = run.json();
+    for (const char* name : {"genre", "folder"}) {
+        if (run.isSet(QLatin1String(name)) && run.value(QLatin1String(name)).isEmpty())
+            return cli::usageError(kCommand, QStringLiteral("--%1 needs a value").arg(name));
     }
 
     QString error;
@@ -162,8 +157,7 @@ int runLibrary(const QStringList& args) {
     progress.finish();
 
     for (const QUrl& url : browser.skippedFiles())
-        cli::err() << "tarnwick-cli: skipped " << pathOf(url) << ": not a readable MP4 file"
-                   << Qt::endl;
+        cli::warning(QStringLiteral("skipped %1: not a readable MP4 file").arg(pathOf(url)));
 
     const QString all = QString::fromLatin1(MoviesBrowserController::kAllMovies);
     QStringList shown;
@@ -185,8 +179,8 @@ int runLibrary(const QStringList& args) {
         QJsonObject genres;
         for (const QString& name : std::as_const(shown))
             genres.insert(name, cellsJson(genreMap.value(name)));
-        cli::out() << QJsonDocument(QJsonObject{{QStringLiteral("genres"), genres}})
-                          .toJson(QJsonDocument::Indented);
+        cli::setJsonMember(QStringLiteral("folder"), folder);
+        cli::setJsonMember(QStringLiteral("genres"), genres);
         return cli::kExitOk;
     }
     if (genreMap.value(all).isEmpty()) {
@@ -203,10 +197,26 @@ int runLibrary(const QStringList& args) {
     return cli::kExitOk;
 }
 
-const cli::CommandRegistration registration({
-    kCommand,
-    QStringLiteral("library [--genre NAME] [--json] [--folder DIR]"),
-    runLibrary,
-});
+const cli::CommandRegistration registration(
+    {kCommand,
+     {QStringLiteral("library [--genre NAME] [--folder DIR] [--json]")},
+     QStringLiteral("the movies of the iTunes library, grouped by genre"),
+     QStringLiteral(
+         "Reads every MP4 file of the library's movies folder and lists the movies by genre, one "
+         "entry per content id with the number of files that hold it ([HD] for HD video). Files "
+         "that are not MP4 are reported on standard error and left out."),
+     {},
+     {{{QStringLiteral("genre")},
+       QStringLiteral("NAME"),
+       QStringLiteral("only the movies of this genre")},
+      {{QStringLiteral("folder")},
+       QStringLiteral("DIR"),
+       QStringLiteral("the movies folder to read (default: \"Movies\" in the folder of the "
+                      "\"iTunes Path Bookmark\" setting)")}},
+     true,
+     QStringLiteral("0 done, 1 no such folder or genre, 2 usage error."),
+     runLibrary,
+     QJsonObject{{QStringLiteral("folder"), QJsonValue::Null},
+                 {QStringLiteral("genres"), QJsonObject()}}});
 
 } // namespace

@@ -1,13 +1,15 @@
 // `tarnwick-cli lookup TITLE [--language xx-YY] [--json]`: searches the movie
 // database for TITLE, takes the first hit as the match (as the browsers do),
 // queries its full record and prints it: one "Tag: value" line per non-empty
-// tag, or with --json one object keyed by tag names with the artwork lists,
-// web links and the names of all hits ("searchHits").
+// tag, or with --json the match and all hits in the shapes of cli/Describe.
 //
 // The language region defaults to the "Language Region" setting. The database
 // is the one named by TARNWICK_TMDB_URL when set (the loopback server of the
-// offline demo).
+// offline demo). A failed lookup (refused key, server error, time-out, no
+// connection) is told apart from "no match"; Ctrl-C ends it at once.
 #include "cli/Commands.h"
+#include "cli/Describe.h"
+#include "cli/Terminal.h"
 
 #include "core/SettingsKeys.h"
 #include "core/UserDefaults.h"
@@ -41,38 +43,6 @@ public:
 private:
     QEventLoop m_loop;
 };
-
-QJsonValue urlValue(const QVariant& value) {
-    const QUrl url = value.toUrl();
-    if (!value.isValid() || url.isEmpty())
-        return QJsonValue::Null;
-    return url.toString();
-}
-
-QJsonArray urlList(const QList<QUrl>& urls) {
-    QJsonArray list;
-    for (const QUrl& url : urls)
-        list.append(url.toString());
-    return list;
-}
-
-QJsonObject toJson(const MDB_Metadata& record, const QStringList& hitNames) {
-    QJsonObject object;
-    for (auto it = record.tagsDict().cbegin(); it != record.tagsDict().cend(); ++it)
-        object.insert(it.key(), it.value());
-    object.insert(QStringLiteral("artworkFullsizeURLs"), urlList(record.artworkFullsizeURLs()));
-    object.insert(QStringLiteral("artworkThumbURLs"), urlList(record.artworkThumbURLs()));
-    object.insert(QStringLiteral("backdropFullsizeURLs"), urlList(record.backdropFullsizeURLs()));
-    object.insert(QStringLiteral("tmdb"), urlValue(record.tmdb()));
-    object.insert(QStringLiteral("imdb"), urlValue(record.imdb()));
-    object.insert(QStringLiteral("trailer"), urlValue(record.trailer()));
-    object.insert(QStringLiteral("homepage"), urlValue(record.homepage()));
-    object.insert(QStringLiteral("tagLine"), record.tagLine().isValid()
-                                                 ? QJsonValue(record.tagLine().toString())
-                                                 : QJsonValue(QJsonValue::Null));
-    object.insert(QStringLiteral("searchHits"), QJsonArray::fromStringList(hitNames));
-    return object;
-}
 
 void printText(const MDB_Metadata& record, const QStringList& hitNames) {
     QTextStream& out = cli::out();
@@ -108,36 +78,21 @@ void printText(const MDB_Metadata& record, const QStringList& hitNames) {
     out.flush();
 }
 
-int runLookup(const QStringList& args) {
-    QString title;
-    QString language;
-    bool json = false;
-    bool titleSeen = false;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        const QString& arg = args.at(i);
-        if (arg == QLatin1String("--json")) {
-            json = true;
-        } else if (arg == QLatin1String("--language")) {
-            if (i + 1 >= args.size())
-                return cli::usageError(kCommand, QStringLiteral("--language needs a value"));
-            language = args.at(++i);
-            static const QRegularExpression region(QStringLiteral("^[a-z]{2}-[A-Za-z]{2,3}$"));
-            if (!region.match(language).hasMatch())
-                return cli::usageError(
-                    kCommand,
-                    QStringLiteral("not a language region (such as en-US): \"%1\"").arg(language));
-        } else if (arg.startsWith(QLatin1String("--"))) {
-            return cli::usageError(kCommand, QStringLiteral("unknown option \"%1\"").arg(arg));
-        } else if (titleSeen) {
-            return cli::usageError(kCommand,
-                                   QStringLiteral("one title only (quote a title with spaces)"));
-        } else {
-            title = arg;
-            titleSeen = true;
-        }
-    }
-    if (title.trimmed().isEmpty())
+int runLookup(cli::Invocation& run) {
+    if (run.positional().isEmpty() || run.positional().constFirst().trimmed().isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no title given"));
+    if (run.positional().size() > 1)
+        return cli::usageError(kCommand,
+                               QStringLiteral("one title only (quote a title with spaces)"));
+    const QString title = run.positional().constFirst();
+    QString language = run.value(QStringLiteral("language"));
+    if (run.isSet(QStringLiteral("language"))) {
+        static const QRegularExpression region(QStringLiteral("^[a-z]{2}-[A-Za-z]{2,3}$"));
+        if (!region.match(language).hasMatch())
+            return cli::usageError(
+                kCommand,
+                QStringLiteral("not a language region (such as en-US): \"%1\"").arg(language));
+    }
 
     QString error;
     cli::StartupScope startup;
@@ -147,41 +102,92 @@ int runLookup(const QStringList& args) {
         language = UserDefaults::standard().stringForKey(SettingsKey::LanguageRegion);
     if (language.size() < 5)
         language = QStringLiteral("en-US");
+    if (run.json()) {
+        cli::setJsonMember(QStringLiteral("query"), title);
+        cli::setJsonMember(QStringLiteral("language"), language);
+        cli::setJsonMember(QStringLiteral("match"), QJsonValue::Null);
+        cli::setJsonMember(QStringLiteral("hits"), QJsonArray());
+    }
 
+    // Ctrl-C ends a pending request at once.
+    cli::InterruptWatcher interrupts;
+    auto interrupted = [&] {
+        interrupts.poll();
+        if (interrupts.count() == 0 && !cli::InterruptWatcher::pending())
+            return false;
+        cli::err() << "tarnwick-cli: interrupted" << Qt::endl;
+        return true;
+    };
+    auto exitStatus = [&] {
+        return interrupts.exitStatus() ? interrupts.exitStatus() : cli::kExitInterrupted;
+    };
     MDB_TheMovieDb client;
+    if (interrupted())
+        return exitStatus();
     Waiter waiter;
     client.search(title, language, &waiter);
     waiter.wait();
+    if (interrupted())
+        return exitStatus();
     if (waiter.hits.empty()) {
-        if (MDB_TheMovieDb::cachedConfiguration().isEmpty())
-            return cli::failure(QStringLiteral("no match for \"%1\": the movie database at %2 "
-                                               "did not answer")
-                                    .arg(title, MDB_TheMovieDb::baseURL()));
+        const MDB_TheMovieDb::Error why = client.lastError();
+        if (why.failed())
+            return cli::failure(
+                QStringLiteral("lookup of \"%1\" failed: %2").arg(title, why.message()));
         return cli::failure(QStringLiteral("no match for \"%1\" in the movie database").arg(title));
     }
 
     QStringList hitNames;
-    for (const auto& hit : waiter.hits)
+    QJsonArray hits;
+    for (const auto& hit : waiter.hits) {
         hitNames.append(hit->getTag(QString::fromLatin1(TagName::Name)));
+        hits.append(cli::matchJson(*hit));
+    }
 
     // The first hit is the match; the query fills it in place.
     MDB_Metadata* match = waiter.hits.front().get();
     client.query(match, language, &waiter);
     waiter.wait();
+    if (interrupted())
+        return exitStatus();
+    const MDB_TheMovieDb::Error why = client.lastError();
+    if (why.failed())
+        return cli::failure(
+            QStringLiteral("lookup of \"%1\" failed: %2").arg(title, why.message()));
 
-    if (json) {
-        cli::out() << QJsonDocument(toJson(*match, hitNames)).toJson(QJsonDocument::Indented);
-        cli::out().flush();
+    if (run.json()) {
+        cli::setJsonMember(QStringLiteral("match"), cli::matchJson(*match));
+        cli::setJsonMember(QStringLiteral("hits"), hits);
     } else {
         printText(*match, hitNames);
     }
     return cli::kExitOk;
 }
 
-const cli::CommandRegistration registration({
-    kCommand,
-    QStringLiteral("lookup TITLE [--language xx-YY] [--json]"),
-    runLookup,
-});
+const cli::CommandRegistration registration(
+    {kCommand,
+     {QStringLiteral("lookup TITLE [--language xx-YY] [--json]")},
+     QStringLiteral("look one title up in the movie database and print the match"),
+     QStringLiteral(
+         "Searches the movie database for TITLE, takes the first hit as the match (as scan and "
+         "encode do), fetches its full record and prints one \"Tag: value\" line per tag, the "
+         "web links, posters and backdrops, and the other hits.\n\n"
+         "The database is TheMovieDb unless TARNWICK_TMDB_URL names another address; "
+         "TARNWICK_TMDB_API_KEY replaces the built-in key. A lookup that failed (a refused key, a "
+         "server error, no answer within 15 s, no connection) says so, apart from \"no match\"."),
+     {{QStringLiteral("TITLE"), QStringLiteral("the title to search for (quote it when it has "
+                                               "spaces)")}},
+     {{{QStringLiteral("language")},
+       QStringLiteral("xx-YY"),
+       QStringLiteral("the language and region of the texts and the rating, such as de-DE "
+                      "(default: the \"Language Region\" setting)")}},
+     true,
+     QStringLiteral("0 a match was found, 1 no match or the lookup failed, 2 usage error, 130 "
+                    "interrupted."),
+     runLookup,
+     QJsonObject{{QStringLiteral("query"), QJsonValue::Null},
+                 {QStringLiteral("language"), QJsonValue::Null},
+                 {QStringLiteral("match"), QJsonValue::Null},
+                 {QStringLiteral("hits"), QJsonArray()}}});
 
 } // namespace

@@ -44,7 +44,8 @@ QString nameWithoutExtension(const QString& argument) {
     return component.left(dot);
 }
 
-int runName(const QStringList& args) {
+int runName(cli::Invocation& run) {
+    const QStringList& args = run.positional();
     if (args.isEmpty())
         return cli::usageError(QStringLiteral("name"), QStringLiteral("no name given"));
     for (const QString& argument : args) {
@@ -58,7 +59,19 @@ int runName(const QStringList& args) {
 
 const cli::CommandRegistration registration({
     QStringLiteral("name"),
-    QStringLiteral("name FILE_OR_FOLDER_NAME..."),
+    {QStringLiteral("name FILE_OR_FOLDER_NAME...")},
+    QStringLiteral("the search title and sort name derived from file or folder names"),
+    QStringLiteral(
+        "Prints one line per argument: the argument, a tab, the title the movie database is "
+        "searched for, a tab, and the sort name. The title comes from the last path component "
+        "without its extension (two to four letters or digits after the last dot; an existing "
+        "folder keeps its whole name), with release years, resolutions, disc and codec words "
+        "and the like removed. A name that starts with a dash follows --."),
+    {{QStringLiteral("FILE_OR_FOLDER_NAME"), QStringLiteral("a file or folder name or path; "
+                                                            "it need not exist")}},
+    {},
+    false,
+    QStringLiteral("0 done, 2 usage error."),
     runName,
 });
 

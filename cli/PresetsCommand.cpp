@@ -173,7 +173,8 @@ int reset(const QStringList& args) {
     return cli::kExitOk;
 }
 
-int runPresets(const QStringList& args) {
+int runPresets(cli::Invocation& run) {
+    const QStringList& args = run.positional();
     if (args.isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no presets action given"));
     const QString action = args.first();
@@ -219,8 +220,22 @@ int runPresets(const QStringList& args) {
 
 const cli::CommandRegistration registration({
     kCommand,
-    QStringLiteral("presets list | show NAME | add NEW BASE | rename OLD NEW | delete NAME | "
-                   "reset [NAME]"),
+    {QStringLiteral("presets list"), QStringLiteral("presets show NAME"),
+     QStringLiteral("presets add NEW BASE"), QStringLiteral("presets rename OLD NEW"),
+     QStringLiteral("presets delete NAME"), QStringLiteral("presets reset [NAME]")},
+    QStringLiteral("list, show and edit the device presets"),
+    QStringLiteral(
+        "The device presets, as the devices panel edits them: list shows each preset's name, HD "
+        "or SD, resolution and use; show prints every field of one; add copies BASE under a new "
+        "name; rename and delete change the user's presets; reset puts one shipped preset, or "
+        "all presets, back to the shipped ones. Every change goes to the user preset file at "
+        "once."),
+    {{QStringLiteral("NAME"), QStringLiteral("a preset's name, as presets list shows it (quote "
+                                             "names with spaces)")}},
+    {},
+    false,
+    QStringLiteral("0 done, 1 unknown preset, a name taken or reserved, or the preset file "
+                   "cannot be written, 2 usage error."),
     runPresets,
 });
 

@@ -30,13 +30,6 @@ namespace {
 
 const QString kCommand = QStringLiteral("report");
 
-struct Options {
-    QString report;
-    QString preset;
-    QString output;
-    bool json = false;
-};
-
 QString flags(bool include, bool native, const QString& extra = QString()) {
     QStringList words;
     words << (include ? QStringLiteral("included") : QStringLiteral("excluded"));
@@ -71,69 +64,6 @@ QString defaultOutputFolder() {
     const QString destination = Bookmark::resolve(
         UserDefaults::standard().dataForKey(QLatin1String(SettingsKey::DestinationPathBookmark)));
     return destination.isEmpty() ? QDir::currentPath() : destination;
-}
-
-QJsonObject titleJson(const Title& title) {
-    QJsonArray audio;
-    for (const auto& t : title.audioTracks()) {
-        audio.append(QJsonObject{
-            {QStringLiteral("name"), t->name()},
-            {QStringLiteral("codec"), t->codec()},
-            {QStringLiteral("channels"), t->channels()},
-            {QStringLiteral("isoType"), t->isoType()},
-            {QStringLiteral("isoName"), t->isoName()},
-            {QStringLiteral("freq"), t->freq()},
-            {QStringLiteral("bps"), t->bps()},
-            {QStringLiteral("origIndex"), t->origIndex()},
-            {QStringLiteral("include"), t->include()},
-            {QStringLiteral("native"), t->native()},
-            {QStringLiteral("duplicate"), t->duplicate()},
-        });
-    }
-    QJsonArray subtitles;
-    for (const auto& t : title.subtitleTracks()) {
-        subtitles.append(QJsonObject{
-            {QStringLiteral("name"), t->name()},
-            {QStringLiteral("isoType"), t->isoType()},
-            {QStringLiteral("isoName"), t->isoName()},
-            {QStringLiteral("type"), t->type()},
-            {QStringLiteral("origIndex"), t->origIndex()},
-            {QStringLiteral("include"), t->include()},
-            {QStringLiteral("native"), t->native()},
-            {QStringLiteral("burn"), t->burn()},
-        });
-    }
-    return QJsonObject{
-        {QStringLiteral("id"), title.ID()},
-        {QStringLiteral("duration"), title.duration()},
-        {QStringLiteral("seconds"), title.getDuration()},
-        {QStringLiteral("size"), title.size()},
-        {QStringLiteral("codec"), title.codec()},
-        {QStringLiteral("fps"), title.FPS()},
-        {QStringLiteral("combing"), title.combing()},
-        {QStringLiteral("stream"),
-         title.isStreaming() ? QJsonValue(title.stream()) : QJsonValue(QJsonValue::Null)},
-        {QStringLiteral("audio"), audio},
-        {QStringLiteral("subtitles"), subtitles},
-    };
-}
-
-void printJson(const MDI_Media& movie, const QStringList& commandLine) {
-    QJsonArray titles;
-    for (const auto& title : movie.getTitles())
-        titles.append(titleJson(*title));
-    const Title* main = movie.getMainTitle();
-    const QJsonObject object{
-        {QStringLiteral("sourceType"), movie.sourceType()},
-        {QStringLiteral("mainTitle"), main ? QJsonValue(main->ID()) : QJsonValue(QJsonValue::Null)},
-        {QStringLiteral("titles"), titles},
-        {QStringLiteral("decomb"), movie.decomb()},
-        {QStringLiteral("detelecine"), movie.detelecine()},
-        {QStringLiteral("status"), movie.status()},
-        {QStringLiteral("warnings"), movie.warnings()},
-        {QStringLiteral("commandLine"), QJsonArray::fromStringList(commandLine)},
-    };
-    cli::out() << QJsonDocument(object).toJson(QJsonDocument::Indented);
 }
 
 void printText(const MDI_Media& movie, const QStringList& commandLine) {
@@ -180,26 +110,15 @@ void printText(const MDI_Media& movie, const QStringList& commandLine) {
     out << "Command line: " << quoted.join(QLatin1Char(' ')) << '\n';
 }
 
-int runReport(const QStringList& args) {
-    Options options;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        const QString& arg = args.at(i);
-        if (arg == QLatin1String("--json")) {
-            options.json = true;
-        } else if (arg == QLatin1String("--preset") || arg == QLatin1String("--output")) {
-            if (i + 1 >= args.size())
-                return cli::usageError(kCommand, arg + QStringLiteral(" needs a value"));
-            (arg == QLatin1String("--preset") ? options.preset : options.output) = args.at(++i);
-        } else if (arg.startsWith(QLatin1String("--"))) {
-            return cli::usageError(kCommand, QStringLiteral("unknown option ") + arg);
-        } else if (options.report.isEmpty()) {
-            options.report = arg;
-        } else {
-            return cli::usageError(kCommand, QStringLiteral("more than one report given"));
-        }
-    }
-    if (options.report.isEmpty())
+int runReport(cli::Invocation& run) {
+    if (run.positional().isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no report file given"));
+    if (run.positional().size() > 1)
+        return cli::usageError(kCommand, QStringLiteral("more than one report given"));
+    struct {
+        QString report, preset, output;
+    } options{run.positional().constFirst(), run.value(QStringLiteral("preset")),
+              run.value(QStringLiteral("output"))};
 
     QString error;
     if (!Startup::run(&error))
@@ -256,10 +175,20 @@ int runReport(const QStringList& args) {
         }
     }
 
-    if (options.json)
-        printJson(movie, commandLine);
-    else
+    if (run.json()) {
+        const QString state = !decoded                ? QStringLiteral("failed")
+                              : !movie.getMainTitle() ? QStringLiteral("failed")
+                                                      : QStringLiteral("ready");
+        QStringList warnings;
+        if (decoded && !movie.getMainTitle())
+            warnings << QStringLiteral("the report holds no title");
+        cli::setJsonMember(
+            QStringLiteral("items"),
+            QJsonArray{cli::itemJson(movie, {state, QString::fromLatin1(cli::lookup::NotRun),
+                                             warnings, QStringList{movie.outPath()}, true})});
+    } else {
         printText(movie, commandLine);
+    }
     cli::out().flush();
 
     if (!decoded)
@@ -269,10 +198,31 @@ int runReport(const QStringList& args) {
     return cli::kExitOk;
 }
 
-const cli::CommandRegistration registration({
-    kCommand,
-    QStringLiteral("report REPORT_FILE [--preset NAME] [--output PATH] [--json]"),
-    runReport,
-});
+const cli::CommandRegistration registration(
+    {kCommand,
+     {QStringLiteral("report REPORT_FILE [--preset NAME] [--output PATH] [--json]")},
+     QStringLiteral("read a saved scan report: titles, tracks and the encoder command"),
+     QStringLiteral(
+         "Reads a scan report of the encoder tool saved to a file the way a scan reads it, picks "
+         "the main title, applies the processing settings and prints the titles with their "
+         "tracks and the encoder command line the source would run. Nothing is scanned or looked "
+         "up.\n\n"
+         "The source is the report's \"+ stream:\" path when it has one, else the report's own "
+         "path without \".txt\" (a report saved beside its disc folder)."),
+     {{QStringLiteral("REPORT_FILE"), QStringLiteral("a text file with the encoder tool's scan "
+                                                     "report")}},
+     {{{QStringLiteral("preset")},
+       QStringLiteral("NAME"),
+       QStringLiteral("the device preset of the command line (default: the \"Primary Device\" "
+                      "setting)")},
+      {{QStringLiteral("output")},
+       QStringLiteral("PATH"),
+       QStringLiteral("the output file of the command line (default: the source's name in the "
+                      "destination folder)")}},
+     true,
+     QStringLiteral("0 the report holds a title, 1 it holds none or cannot be read, 2 usage "
+                    "error."),
+     runReport,
+     QJsonObject{{QStringLiteral("items"), QJsonArray()}}});
 
 } // namespace

@@ -5,17 +5,21 @@
 // and writes the tags back into the same files.
 //
 // Each file is searched under its file name without the extension.
-// --search TITLE searches TITLE instead; it takes exactly one file, since
-// one title for several files would give them all the same movie. A file
-// without hits is asked about on the terminal (a new name, or empty to keep
-// the file's own tags); with --yes, or without a terminal, it keeps its own
-// tags. Writing needs a "y" on the terminal or --yes; without a terminal and
-// without --yes nothing is written. Progress goes to stderr. Ctrl-C during
-// the lookup writes nothing; during the writing it stops before the next file
-// (each write is whole or not at all); the exit status is then 128 + the
-// signal. Otherwise it is 0 only when every file was written.
+// --search TITLE searches TITLE instead and takes its first hit as picked by
+// hand (the retag browser's searchByHand): the match then replaces the
+// file's old tags. It takes exactly one file, since one title for several
+// files would give them all the same movie. A file without hits is asked
+// about on the terminal (a new name, or empty to skip it); with --yes, or
+// without a terminal, it is skipped. A file whose lookup found nothing or
+// failed is not written. Writing needs a "y" on the terminal or --yes;
+// without a terminal and without --yes nothing is written. Progress goes to
+// stderr. Ctrl-C during the lookup writes nothing; during the writing it
+// stops before the next file (each write is whole or not at all); the exit
+// status is then 128 + the signal. Otherwise it is 0 only when every file
+// was written.
 #include "cli/BrowserPrompts.h"
 #include "cli/Commands.h"
+#include "cli/Describe.h"
 #include "cli/Terminal.h"
 
 #include "core/Resources.h"
@@ -37,12 +41,6 @@ const QString kCommand = QStringLiteral("retag");
 
 QString tagText(const MDI_Media& item, const char* name) {
     return item.getTag(QString::fromLatin1(name));
-}
-
-// "mpaa|PG-13|300|" -> "PG-13"
-QString ratingLabel(const QString& rating) {
-    const QStringList parts = rating.split(QLatin1Char('|'));
-    return parts.size() > 1 ? parts.at(1) : rating;
 }
 
 int peopleCount(const QString& people) {
@@ -85,32 +83,31 @@ int lookupPercent(qint32 status) {
     }
 }
 
-QJsonObject tagsJson(const MDI_Media& item) {
-    return QJsonObject{{"name", tagText(item, TagName::Name)},
-                       {"releaseDate", tagText(item, TagName::ReleaseDate)},
-                       {"genre", tagText(item, TagName::Genre)},
-                       {"rating", ratingLabel(tagText(item, TagName::Rating))},
-                       {"director", tagText(item, TagName::Director)},
-                       {"castCount", peopleCount(tagText(item, TagName::Cast))},
-                       {"tmdbID", tagText(item, TagName::TMDbID)},
-                       {"cover", coverText(item)}};
-}
-
 QString orDash(const QString& text) {
     return text.isEmpty() ? QStringLiteral("-") : text;
 }
 
-void printPlan(const MDI_Media& item) {
+void printPlan(const MDI_Media& item, const QString& outcome) {
     QTextStream& out = cli::out();
     out << item.inPath() << Qt::endl;
     if (item.status() != 8) {
         out << "  failed:     " << item.warnings() << Qt::endl;
         return;
     }
+    if (outcome == QLatin1String(cli::lookup::Failed)) {
+        out << "  lookup failed: " << item.lookupError() << Qt::endl
+            << "  nothing will be written" << Qt::endl;
+        return;
+    }
+    if (outcome == QLatin1String(cli::lookup::NoMatch)) {
+        out << "  match:      none: nothing found for \"" << item.name() << "\"" << Qt::endl
+            << "  nothing will be written" << Qt::endl;
+        return;
+    }
     out << "  name:       " << orDash(tagText(item, TagName::Name)) << Qt::endl;
     out << "  released:   " << orDash(tagText(item, TagName::ReleaseDate)) << Qt::endl;
     out << "  genre:      " << orDash(tagText(item, TagName::Genre)) << Qt::endl;
-    out << "  rating:     " << orDash(ratingLabel(tagText(item, TagName::Rating))) << Qt::endl;
+    out << "  rating:     " << orDash(cli::ratingLabel(tagText(item, TagName::Rating))) << Qt::endl;
     out << "  director:   " << orDash(tagText(item, TagName::Director)) << Qt::endl;
     out << "  cast:       " << peopleCount(tagText(item, TagName::Cast)) << " people" << Qt::endl;
     out << "  cover:      " << coverText(item) << Qt::endl;
@@ -119,27 +116,16 @@ void printPlan(const MDI_Media& item) {
         << (id.isEmpty() ? QStringLiteral("none") : QStringLiteral("TMDb ") + id) << Qt::endl;
 }
 
-int runRetag(const QStringList& args) {
-    QStringList files;
+int runRetag(cli::Invocation& run) {
+    const QStringList files = run.positional();
     std::optional<QString> search;
-    bool json = false;
-    bool assumeYes = false;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        const QString& a = args.at(i);
-        if (a == QLatin1String("--search")) {
-            if (i + 1 >= args.size() || args.at(i + 1).trimmed().isEmpty())
-                return cli::usageError(kCommand, QStringLiteral("--search needs a title"));
-            search = args.at(++i).trimmed();
-        } else if (a == QLatin1String("--json")) {
-            json = true;
-        } else if (a == QLatin1String("--yes") || a == QLatin1String("-y")) {
-            assumeYes = true;
-        } else if (a.startsWith(QLatin1String("--"))) {
-            return cli::usageError(kCommand, QStringLiteral("unknown option %1").arg(a));
-        } else {
-            files << a;
-        }
+    if (run.isSet(QStringLiteral("search"))) {
+        if (run.value(QStringLiteral("search")).trimmed().isEmpty())
+            return cli::usageError(kCommand, QStringLiteral("--search needs a title"));
+        search = run.value(QStringLiteral("search")).trimmed();
     }
+    const bool json = run.json();
+    const bool assumeYes = run.isSet(QStringLiteral("yes"));
     if (files.isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no file given"));
     if (search && files.size() > 1)
@@ -166,6 +152,7 @@ int runRetag(const QStringList& args) {
     RetagBrowserController browser(list);
     browser.setViewVisible(false);
     browser.setBrowserDelegate(&delegate);
+    delegate.setBrowser(&browser);
 
     auto lookupProgress = [&] {
         if (!browser.scanStatusVisible() || browser.scanStatus().isEmpty())
@@ -183,9 +170,11 @@ int runRetag(const QStringList& args) {
     // Ctrl-C also ends a pending answer on the terminal.
     cli::InterruptWatcher interrupts;
     browser.loadFiles(files);
-    // The search follows the scan, so the title is in place in time.
-    if (search && !list->isEmpty())
-        list->first()->setName(*search);
+    // The search follows the scan, so the title is in place in time; its hit
+    // counts as picked by hand and replaces the file's old tags.
+    if (search && !list->isEmpty() && !browser.searchByHand(list->first(), *search))
+        return cli::failure(
+            QStringLiteral("%1: cannot be searched as \"%2\"").arg(files.first(), *search));
 
     QEventLoop loop;
     QTimer poll;
@@ -209,27 +198,39 @@ int runRetag(const QStringList& args) {
         return interrupts.exitStatus();
     }
 
+    // A file is written only when its lookup found its movie.
+    QStringList outcomes;
     QList<std::shared_ptr<MDI_Media>> ready;
     for (const auto& item : *list) {
-        if (item->status() == 8)
+        outcomes << delegate.lookupOutcome(*item, false);
+        if (item->status() == 8 && outcomes.constLast() == QLatin1String(cli::lookup::Matched))
             ready << item;
     }
     if (!json) {
         bool first = true;
-        for (const auto& item : *list) {
+        for (qsizetype i = 0; i < list->size(); ++i) {
             if (!first)
                 cli::out() << Qt::endl;
             first = false;
-            printPlan(*item);
+            printPlan(*list->at(i), outcomes.at(i));
         }
         cli::out().flush();
     }
 
-    // Per file: "written", "failed" or "not written", and the message.
+    // Per file: "written", "failed", "no match" or "not written", and the message.
     QList<QPair<QString, QString>> results(list->size(), {QStringLiteral("not written"), {}});
     for (qsizetype i = 0; i < list->size(); ++i) {
-        if (list->at(i)->status() != 8)
-            results[i] = {QStringLiteral("failed"), list->at(i)->warnings()};
+        const MDI_Media& item = *list->at(i);
+        if (item.status() != 8)
+            results[i] = {QStringLiteral("failed"), item.warnings()};
+        else if (outcomes.at(i) == QLatin1String(cli::lookup::Failed))
+            results[i] = {
+                QStringLiteral("failed"),
+                QStringLiteral("lookup failed: %1; nothing written").arg(item.lookupError())};
+        else if (outcomes.at(i) == QLatin1String(cli::lookup::NoMatch))
+            results[i] = {
+                QStringLiteral("no match"),
+                QStringLiteral("nothing found for \"%1\"; nothing written").arg(item.name())};
     }
 
     bool write = !ready.isEmpty();
@@ -251,7 +252,7 @@ int runRetag(const QStringList& args) {
     if (write) {
         for (qsizetype i = 0; i < list->size(); ++i) {
             const std::shared_ptr<MDI_Media>& item = list->at(i);
-            if (item->status() != 8)
+            if (!ready.contains(item))
                 continue;
             // A write is whole or not at all; Ctrl-C stops before the next one.
             interrupts.poll();
@@ -275,20 +276,22 @@ int runRetag(const QStringList& args) {
         progress.finish();
     }
     if (!reason.isEmpty())
-        cli::err() << reason << Qt::endl;
+        cli::warning(reason);
 
     if (json) {
         QJsonArray array;
         for (qsizetype i = 0; i < list->size(); ++i) {
-            const MDI_Media& item = *list->at(i);
-            QJsonObject o{{"file", item.inPath()}, {"state", results[i].first}};
-            if (!results[i].second.isEmpty())
-                o.insert("warning", results[i].second);
-            if (item.status() == 8 || item.status() == 12)
-                o.insert("tags", tagsJson(item));
-            array.append(o);
+            MDI_Media& item = *list->at(i);
+            // The item's own warning already says why its lookup failed.
+            const QString message =
+                !item.lookupError().isEmpty() && results[i].second.contains(item.lookupError())
+                    ? QStringLiteral("nothing written")
+                    : results[i].second;
+            array.append(
+                cli::itemJson(item, {results[i].first, outcomes.at(i), QStringList{message},
+                                     QStringList{item.outPath()}, false}));
         }
-        cli::out() << QJsonDocument(array).toJson(QJsonDocument::Indented);
+        cli::setJsonMember(QStringLiteral("items"), array);
     } else {
         cli::out() << Qt::endl << "Summary:" << Qt::endl;
         for (qsizetype i = 0; i < list->size(); ++i) {
@@ -304,10 +307,31 @@ int runRetag(const QStringList& args) {
     return written == list->size() ? cli::kExitOk : cli::kExitFailure;
 }
 
-const cli::CommandRegistration registration({
-    kCommand,
-    QStringLiteral("retag FILE... [--search TITLE] [--yes] [--json]"),
-    runRetag,
-});
+const cli::CommandRegistration registration(
+    {kCommand,
+     {QStringLiteral("retag FILE... [--search TITLE] [--yes] [--json]")},
+     QStringLiteral("look .m4v files up again and write the match into them in place"),
+     QStringLiteral(
+         "Scans each file, looks it up in the movie database under its file name and shows what "
+         "will be written: the match, with the file's own tags winning over it (as in the tag "
+         "editor). After one confirmation for all files (a \"y\" on the terminal, or --yes) the "
+         "tags are written back into the same files; nothing is converted.\n\n"
+         "A file the database finds nothing for is asked about on a terminal (a name to search "
+         "for instead, or empty to skip it). A file whose lookup found nothing or failed is not "
+         "written, and the summary says why. Ctrl-C during the lookup writes nothing; during the "
+         "writing it stops before the next file (each write is whole or not at all)."),
+     {{QStringLiteral("FILE"), QStringLiteral("an MP4 movie file (.m4v, .mp4)")}},
+     {{{QStringLiteral("search")},
+       QStringLiteral("TITLE"),
+       QStringLiteral("search TITLE instead of the file name and take its first hit as picked by "
+                      "hand: the match replaces the file's old tags and cover (one FILE only)")},
+      {{QStringLiteral("y"), QStringLiteral("yes")},
+       {},
+       QStringLiteral("write without asking; a file without a match is skipped")}},
+     true,
+     QStringLiteral("0 every file written, 1 some file not written (no match, lookup or write "
+                    "failed, not confirmed) or missing, 2 usage error, 130 interrupted."),
+     runRetag,
+     QJsonObject{{QStringLiteral("items"), QJsonArray()}}});
 
 } // namespace

@@ -1,14 +1,9 @@
-// `tarnwick-cli scan SOURCE... [--title N] [--skip-tagging] [--json] [--yes]`:
-// runs the encode browser's scan session over the sources with the encoder
-// tool, one after another, matches each against the movie database, and
-// prints per item its status, source type, main title, tracks in order with
-// their include flags, the match and the encoder command line the item would
-// run. A source without hits is asked about on the terminal (a new name to
-// search for, or empty to skip); with --yes, or without a terminal, it is
-// skipped as the panel's Skip button does. --title N scans title N of every
-// source (0, the default, scans all titles and picks the longest);
-// --skip-tagging holds for this run only. Progress goes to stderr. The exit
-// status is 0 when every source ended ready, 1 otherwise.
+// `tarnwick-cli scan SOURCE... [options]`: runs the encode browser's scan
+// session over the sources with the encoder tool, one after another, matches
+// each against the movie database, and prints per item its status, source
+// type, main title, tracks in order with their include flags, the match and
+// the encoder command line the item would run. The options and the exit
+// status are in the command's help below.
 #include "cli/BrowserPrompts.h"
 #include "cli/Commands.h"
 #include "cli/Describe.h"
@@ -48,77 +43,7 @@ QString statusName(qint32 status) {
     }
 }
 
-// "mpaa|PG-13|300|" -> "PG-13"
-QString ratingLabel(const QString& rating) {
-    const QStringList parts = rating.split(QLatin1Char('|'));
-    return parts.size() > 1 ? parts.at(1) : rating;
-}
-
-QStringList commandLine(MDI_Media& item) {
-    if (!item.isValid() || !item.getMainTitle())
-        return {};
-    const bool passThru = item.passthruVideo() && item.canPassthru();
-    return item.getCmdArgs(item.primaryDevice(), passThru,
-                           Resources::auxiliaryExecutable(QStringLiteral("Tarnwick_Pro_Encoder")),
-                           item.outPath());
-}
-
-QJsonObject itemJson(MDI_Media& item) {
-    QJsonObject o;
-    o.insert("source", item.inPath());
-    o.insert("name", item.name());
-    o.insert("status", item.status());
-    o.insert("state", statusName(item.status()));
-    if (!item.warnings().isEmpty())
-        o.insert("warning", item.warnings());
-    o.insert("sourceType", cli::sourceTypeName(item.sourceType()));
-    o.insert("output", item.outPath());
-    if (const Title* title = item.getMainTitle()) {
-        QJsonObject t;
-        t.insert("title", title->ID());
-        t.insert("duration", title->duration());
-        t.insert("size", title->size());
-        t.insert("codec", title->codec());
-        QJsonArray audio;
-        for (const auto& track : title->audioTracks()) {
-            audio.append(QJsonObject{{"track", track->origIndex()},
-                                     {"name", track->name()},
-                                     {"language", track->isoName()},
-                                     {"codec", track->codec()},
-                                     {"channels", track->channels()},
-                                     {"include", track->include()}});
-        }
-        QJsonArray subtitles;
-        for (const auto& track : title->subtitleTracks()) {
-            subtitles.append(QJsonObject{{"track", track->origIndex()},
-                                         {"name", track->name()},
-                                         {"language", track->isoName()},
-                                         {"type", track->type()},
-                                         {"include", track->include()},
-                                         {"burn", track->burn()}});
-        }
-        t.insert("audio", audio);
-        t.insert("subtitles", subtitles);
-        o.insert("mainTitle", t);
-    }
-    if (item.isValid() && !tagText(item, TagName::TMDbID).isEmpty()) {
-        const MDB_Metadata* record = item.metaData();
-        o.insert("match",
-                 QJsonObject{{"name", tagText(item, TagName::Name)},
-                             {"year", tagText(item, TagName::ReleaseDate).left(4)},
-                             {"rating", tagText(item, TagName::Rating)},
-                             {"genre", tagText(item, TagName::Genre)},
-                             {"tmdbID", tagText(item, TagName::TMDbID)},
-                             {"imdbID", tagText(item, TagName::IMDbID)},
-                             {"poster", record ? record->getArtworkURL().toString() : QString()}});
-    }
-    const QStringList args = commandLine(item);
-    if (!args.isEmpty())
-        o.insert("command", QJsonArray::fromStringList(args));
-    return o;
-}
-
-void printItem(MDI_Media& item) {
+void printItem(MDI_Media& item, const QString& lookupOutcome) {
     QTextStream& out = cli::out();
     out << item.name() << Qt::endl;
     out << "  source:     " << item.inPath() << " (" << cli::sourceTypeName(item.sourceType())
@@ -148,53 +73,50 @@ void printItem(MDI_Media& item) {
             label = "              ";
         }
     }
-    if (!tagText(item, TagName::TMDbID).isEmpty()) {
+    if (lookupOutcome == QLatin1String(cli::lookup::Matched)) {
         const QString year = tagText(item, TagName::ReleaseDate).left(4);
         out << "  match:      " << tagText(item, TagName::Name)
             << (year.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(year)) << Qt::endl;
-        out << "  rating:     " << ratingLabel(tagText(item, TagName::Rating)) << Qt::endl;
+        out << "  rating:     " << cli::ratingLabel(tagText(item, TagName::Rating)) << Qt::endl;
         out << "  genre:      " << tagText(item, TagName::Genre) << Qt::endl;
         out << "  TMDb ID:    " << tagText(item, TagName::TMDbID) << Qt::endl;
         out << "  IMDb ID:    " << tagText(item, TagName::IMDbID) << Qt::endl;
         if (const MDB_Metadata* record = item.metaData())
             out << "  poster:     " << record->getArtworkURL().toString() << Qt::endl;
+    } else if (lookupOutcome == QLatin1String(cli::lookup::Failed)) {
+        out << "  match:      none: lookup failed: " << item.lookupError() << Qt::endl;
+    } else if (lookupOutcome == QLatin1String(cli::lookup::Skipped)) {
+        out << "  match:      none (not looked up: --skip-tagging)" << Qt::endl;
     } else {
         out << "  match:      none" << Qt::endl;
     }
+    out << "  passthru:   "
+        << (item.passthruVideo() ? (item.canPassthru() ? "yes (source video kept)"
+                                                       : "no (the source's video cannot be kept)")
+                                 : "no")
+        << Qt::endl;
     QStringList quoted;
-    for (const QString& arg : commandLine(item))
+    for (const QString& arg : cli::encoderCommand(item))
         quoted << cli::shellQuoted(arg);
     out << "  command:    " << quoted.join(u' ') << Qt::endl;
 }
 
-int runScan(const QStringList& args) {
-    QStringList sources;
+int runScan(cli::Invocation& run) {
+    const QStringList sources = run.positional();
     std::optional<qint64> title;
-    bool skipTagging = false;
-    bool json = false;
-    bool assumeYes = false;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        const QString& a = args.at(i);
-        if (a == QLatin1String("--title")) {
-            bool ok = false;
-            const qint64 n = i + 1 < args.size() ? args.at(i + 1).toLongLong(&ok) : 0;
-            if (!ok || n < 0)
-                return cli::usageError(kCommand,
-                                       QStringLiteral("--title needs a title number (0 = all)"));
-            title = n;
-            ++i;
-        } else if (a == QLatin1String("--skip-tagging")) {
-            skipTagging = true;
-        } else if (a == QLatin1String("--json")) {
-            json = true;
-        } else if (a == QLatin1String("--yes") || a == QLatin1String("-y")) {
-            assumeYes = true;
-        } else if (a.startsWith(QLatin1String("--"))) {
-            return cli::usageError(kCommand, QStringLiteral("unknown option %1").arg(a));
-        } else {
-            sources << a;
-        }
+    if (run.isSet(QStringLiteral("title"))) {
+        bool ok = false;
+        const qint64 n = run.value(QStringLiteral("title")).toLongLong(&ok);
+        if (!ok || n < 0)
+            return cli::usageError(kCommand,
+                                   QStringLiteral("--title needs a title number (0 = all)"));
+        title = n;
     }
+    const bool skipTagging = run.isSet(QStringLiteral("skip-tagging"));
+    const bool assumeYes = run.isSet(QStringLiteral("yes"));
+    if (run.isSet(QStringLiteral("passthru")) && run.isSet(QStringLiteral("no-passthru")))
+        return cli::usageError(kCommand,
+                               QStringLiteral("--passthru and --no-passthru exclude each other"));
     if (sources.isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no source given"));
     for (const QString& source : sources) {
@@ -212,6 +134,9 @@ int runScan(const QStringList& args) {
     cli::RunSettings runSettings;
     if (skipTagging)
         runSettings.set(QString::fromLatin1(SettingsKey::SkipTagging), true);
+    if (run.isSet(QStringLiteral("passthru")) || run.isSet(QStringLiteral("no-passthru")))
+        runSettings.set(QString::fromLatin1(SettingsKey::PassthruVideo),
+                        run.isSet(QStringLiteral("passthru")));
 
     cli::ProgressLine progress(cli::stderrIsTerminal());
     cli::TerminalBrowserDelegate delegate(assumeYes, cli::interactive(), progress);
@@ -219,6 +144,7 @@ int runScan(const QStringList& args) {
     EncodeBrowserController browser(list);
     browser.setViewVisible(false);
     browser.setBrowserDelegate(&delegate);
+    delegate.setBrowser(&browser);
 
     QObject::connect(&browser, &EncodeBrowserController::scanStatusChanged, [&] {
         if (browser.scanStatusVisible() && !browser.scanStatus().isEmpty())
@@ -242,6 +168,7 @@ int runScan(const QStringList& args) {
     QTimer poll;
     bool interrupted = false;
     QObject::connect(&poll, &QTimer::timeout, [&] {
+        interrupts.poll();
         if (interrupts.count() > 0) {
             interrupted = true;
             browser.stopScanning();
@@ -255,34 +182,70 @@ int runScan(const QStringList& args) {
     loop.exec();
     progress.finish();
 
-    if (interrupted)
-        return cli::failure(QStringLiteral("interrupted"));
-    if (json) {
-        QJsonArray items;
-        for (const auto& item : *list)
-            items.append(itemJson(*item));
-        cli::out() << QJsonDocument(items).toJson(QJsonDocument::Indented);
-    } else {
-        bool first = true;
-        for (const auto& item : *list) {
-            if (!first)
-                cli::out() << Qt::endl;
-            first = false;
-            printItem(*item);
-        }
+    if (interrupted) {
+        cli::err() << "tarnwick-cli: interrupted" << Qt::endl;
+        return interrupts.exitStatus();
     }
-    cli::out().flush();
+    bool allReady = true;
+    QJsonArray items;
+    bool first = true;
     for (const auto& item : *list) {
-        if (item->status() != 8)
-            return cli::kExitFailure;
+        const QString outcome = delegate.lookupOutcome(*item, skipTagging);
+        allReady = allReady && item->status() == 8 && outcome != QLatin1String(cli::lookup::Failed);
+        if (run.json()) {
+            items.append(cli::itemJson(
+                *item,
+                {statusName(item->status()), outcome, {}, QStringList{item->outPath()}, true}));
+            continue;
+        }
+        if (!first)
+            cli::out() << Qt::endl;
+        first = false;
+        printItem(*item, outcome);
     }
-    return cli::kExitOk;
+    if (run.json())
+        cli::setJsonMember(QStringLiteral("items"), items);
+    cli::out().flush();
+    return allReady ? cli::kExitOk : cli::kExitFailure;
 }
 
-const cli::CommandRegistration registration({
-    kCommand,
-    QStringLiteral("scan SOURCE... [--title N] [--skip-tagging] [--json] [--yes]"),
-    runScan,
-});
+const cli::CommandRegistration registration(
+    {kCommand,
+     {QStringLiteral("scan SOURCE... [options]")},
+     QStringLiteral("scan and match sources; show their tracks, match and encoder command"),
+     QStringLiteral(
+         "Scans each source with the encoder tool, one after another, looks it up in the movie "
+         "database, and prints per source its status, source type, main title, audio and "
+         "subtitle tracks in order with their include flags ([x]), the match and the encoder "
+         "command line an encode would run. Progress goes to standard error.\n\n"
+         "A source the database finds nothing for is asked about on a terminal (a name to search "
+         "for instead, or empty to skip it); with --yes, or without a terminal, it is skipped. A "
+         "lookup that failed (a refused key, a server error, no answer, no connection) is not "
+         "asked about: its message is shown and the source counts as failed."),
+     {{QStringLiteral("SOURCE"), QStringLiteral("a video file, a DVD folder (VIDEO_TS) or an "
+                                                "unprotected Blu-ray folder (BDMV)")}},
+     {{{QStringLiteral("title")},
+       QStringLiteral("N"),
+       QStringLiteral("scan title N of every source; 0, the default, scans all titles and takes "
+                      "the longest as the main title")},
+      {{QStringLiteral("skip-tagging")},
+       {},
+       QStringLiteral("do not look the sources up in the movie database (this run only)")},
+      {{QStringLiteral("passthru")},
+       {},
+       QStringLiteral("keep the source's H.264 video where it fits the preset (this run only; "
+                      "the setting \"Passthru Video\" otherwise decides)")},
+      {{QStringLiteral("no-passthru")},
+       {},
+       QStringLiteral("always encode the video (this run only)")},
+      {{QStringLiteral("y"), QStringLiteral("yes")},
+       {},
+       QStringLiteral("ask nothing: a source without a match is skipped")}},
+     true,
+     QStringLiteral("0 every source scanned and looked up (a source the database found nothing "
+                    "for counts as done), 1 some source failed its scan or its lookup, or does "
+                    "not exist, 2 usage error, 130 interrupted."),
+     runScan,
+     QJsonObject{{QStringLiteral("items"), QJsonArray()}}});
 
 } // namespace

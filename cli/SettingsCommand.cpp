@@ -87,8 +87,9 @@ bool parse(const QVariant& like, const QString& text, QVariant* out, QString* wh
     }
 }
 
-int settingsCommand(const QStringList& args) {
+int settingsCommand(cli::Invocation& run) {
     const QString cmd = QStringLiteral("settings");
+    const QStringList& args = run.positional();
     if (args.isEmpty())
         return cli::usageError(cmd, QStringLiteral("settings needs a subcommand"));
     QString error;
@@ -133,7 +134,23 @@ int settingsCommand(const QStringList& args) {
 }
 
 const cli::CommandRegistration registration{
-    {QStringLiteral("settings"), QStringLiteral("settings list | get KEY | set KEY VALUE | reset"),
+    {QStringLiteral("settings"),
+     {QStringLiteral("settings list"), QStringLiteral("settings get KEY"),
+      QStringLiteral("settings set KEY VALUE"), QStringLiteral("settings reset")},
+     QStringLiteral("show or change the stored settings"),
+     QStringLiteral(
+         "list prints every setting as KEY, a tab and its value; get prints one value; set "
+         "stores a value, read as the type of the setting's default (YES/NO, a number, a folder "
+         "for the bookmarks, JSON for lists) and checked against what the key allows; reset "
+         "puts every setting back to its default.\n\n"
+         "Keys with spaces are quoted: tarnwick-cli settings set \"Primary Device\" \"HD 720p\". "
+         "A value that starts with a dash follows --: settings set KEY -- -1."),
+     {{QStringLiteral("KEY"), QStringLiteral("a setting's name, as settings list shows it")},
+      {QStringLiteral("VALUE"), QStringLiteral("its new value")}},
+     {},
+     false,
+     QStringLiteral("0 done, 1 unknown key or the settings file cannot be written, 2 usage error "
+                    "or a value the key does not allow."),
      settingsCommand}};
 
 } // namespace

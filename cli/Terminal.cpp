@@ -1,6 +1,7 @@
 #include "cli/Terminal.h"
 
 #include "cli/Commands.h"
+#include "core/HttpClient.h"
 #include "core/UserDefaults.h"
 
 #include <QSocketNotifier>
@@ -129,6 +130,8 @@ std::atomic<bool> g_pending{false};
 void onSignal(int sig) {
     const int saved = errno;
     g_pending = true;
+    // A pending request of the movie database ends at once, on any thread.
+    HttpClient::interruptAll();
     const unsigned char byte = static_cast<unsigned char>(sig);
     if (g_pipe[1] >= 0) {
         const ssize_t written = ::write(g_pipe[1], &byte, 1);
@@ -142,6 +145,7 @@ void onSignal(int sig) {
 InterruptWatcher::InterruptWatcher(std::initializer_list<int> watched, QObject* parent)
     : QObject(parent), m_signals(watched) {
     g_pending = false;
+    HttpClient::clearInterrupt();
     if (g_pipe[0] < 0 && ::pipe2(g_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
         g_pipe[0] = g_pipe[1] = -1;
     if (g_pipe[0] >= 0) {

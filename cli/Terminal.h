@@ -62,7 +62,8 @@ private:
 // Turns SIGINT and SIGTERM (or the given signals) into a Qt signal on the
 // main thread, for as long as it lives; the previous handlers come back when
 // it goes. The handlers do not restart interrupted system calls, so a pending
-// read of an answer on the terminal ends too.
+// read of an answer on the terminal ends too, and they end every pending
+// network request at once (HttpClient::interruptAll).
 class InterruptWatcher : public QObject {
     Q_OBJECT
 public:

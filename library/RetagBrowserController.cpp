@@ -3,6 +3,7 @@
 #include "core/SettingsKeys.h"
 #include "core/UserDefaults.h"
 #include "media/MDI_Movie.h"
+#include "metadata/MDB_MovieMetadata.h"
 #include "metadata/TagNames.h"
 
 #include <QFile>
@@ -120,6 +121,7 @@ void RetagBrowserController::queryComplete(MDB_Metadata* metadata) {
     if (!item || !metadata)
         return;
     const bool isWorkItem = item == workMovie();
+    noteLookupError(*item);
 
     // The query fills the item's own record; what it fetched is kept aside
     // before the file's tags are read over it, so the fetched values win.
@@ -196,6 +198,39 @@ void RetagBrowserController::tagSearchUpdate(const std::shared_ptr<MDI_Media>& i
         }
     }
     queryDatabase(*item);
+}
+
+bool RetagBrowserController::searchByHand(const std::shared_ptr<MDI_Media>& item,
+                                          const QString& title) {
+    const QString name = title.trimmed();
+    if (!item || name.isEmpty() || rowOf(item.get()) < 0)
+        return false;
+    const qint32 status = item->status();
+    // Waiting, or being scanned: the search after the scan takes the name.
+    const bool waiting = status >= 2 && status <= 4;
+    // A search's answer goes to the session's work item, so a ready item is
+    // searched only while no other is; a file that failed its scan has
+    // nothing to tag.
+    const bool ready = status == 6 || status == 8 || status == 12;
+    if (!waiting && (!ready || isScanning()))
+        return false;
+    renameItem(*item, name);
+    // What the item holds (the file's tags after an earlier lookup) gives way
+    // to the new match, as replaceMetadata does for a hit picked by hand.
+    item->setMetaData(std::make_unique<MDB_MovieMetadata>());
+    item->setSearchList({});
+    item->resetSearchIndex();
+    item->setBypassMetadata(true);
+    if (waiting)
+        return true; // the scan session searches it under the new name next
+    item->setStatus(5);
+    statusUpdate();
+    setWorkMovie(item);
+    setScanning(true);
+    setScanTitle(item->name());
+    setScanStatus(QStringLiteral("Searching..."));
+    searchDatabase(*item);
+    return true;
 }
 
 // --- writing back --------------------------------------------------------------------

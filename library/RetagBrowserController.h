@@ -39,6 +39,14 @@ public:
     // tags are not read back over the choice.
     void tagSearchUpdate(qint64 row);
     void tagSearchUpdate(const std::shared_ptr<MDI_Media>& item, qint64 row);
+    // A title the user typed for one item (the command line's --search): the
+    // item is searched under it and the first hit counts as picked by hand,
+    // so it replaces the file's own tags (`bypassMetadata`) as a hit picked
+    // in the results panel does. An item still waiting or being scanned is
+    // searched so after its scan; a ready one at once. False for an empty
+    // title, an item not in this browser, or one that failed its scan or is
+    // being looked up right now (or while another item is).
+    bool searchByHand(const std::shared_ptr<MDI_Media>& item, const QString& title);
     // The editor changed the first selected cell's poster.
     void tagViewUpdate(const QString& imagePath) { metadataViewUpdate(imagePath); }
 

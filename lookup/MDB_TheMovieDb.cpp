@@ -10,6 +10,7 @@
 #include "metadata/Utility.h"
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonParseError>
@@ -26,6 +27,12 @@ struct MDB_TheMovieDb::Shared {
     // after cancel() returns the record is no longer touched.
     QMutex lock;
     std::atomic<bool> isCancelled{false};
+    Error lastError; // under `lock`
+
+    void setLastError(const Error& error) {
+        QMutexLocker locker(&lock);
+        lastError = error;
+    }
 };
 
 namespace {
@@ -34,7 +41,83 @@ const QString kTmdbSite = QStringLiteral("http://www.themoviedb.org");
 const QString kImdbSite = QStringLiteral("http://www.imdb.com");
 const QString kYouTubeSite = QStringLiteral("http://www.youtube.com");
 
-std::atomic<int> g_requestTimeout{HttpClient::DefaultTimeoutMs};
+// 0: not set here (the environment or the default decides).
+std::atomic<int> g_requestTimeout{0};
+
+using Error = MDB_TheMovieDb::Error;
+using Failure = MDB_TheMovieDb::Failure;
+
+// A database that did not answer (time-out) or could not be reached is not
+// asked again for one request time-out: a lookup whose first request timed
+// out gives up then, instead of waiting once more for each request it has.
+struct Availability {
+    QMutex mutex;
+    QString base;
+    QDeadlineTimer until;
+    Error error;
+};
+
+Availability& availability() {
+    static Availability state;
+    return state;
+}
+
+std::optional<Error> knownUnavailable(const QString& base) {
+    Availability& state = availability();
+    QMutexLocker lock(&state.mutex);
+    if (state.base.isEmpty() || state.base != base || state.until.hasExpired())
+        return std::nullopt;
+    return state.error;
+}
+
+void noteAnswer(const QString& base, const Error& error) {
+    Availability& state = availability();
+    QMutexLocker lock(&state.mutex);
+    if (error.failure == Failure::TimedOut || error.failure == Failure::Unreachable) {
+        state.base = base;
+        state.until = QDeadlineTimer(MDB_TheMovieDb::requestTimeout());
+        state.error = error;
+    } else if (error.failure == Failure::None && state.base == base) {
+        state.base.clear();
+    }
+}
+
+Error classify(const HttpClient::Response& response) {
+    Error error;
+    error.httpStatus = response.status;
+    error.detail = response.error;
+    switch (response.failure) {
+    case HttpClient::Failure::None:
+        break;
+    case HttpClient::Failure::Http:
+        if (response.status == 401 || response.status == 403)
+            error.failure = Failure::RefusedKey;
+        else if (response.status >= 500)
+            error.failure = Failure::ServerError;
+        else
+            error.failure = Failure::Rejected;
+        break;
+    case HttpClient::Failure::TimedOut:
+        error.failure = Failure::TimedOut;
+        break;
+    case HttpClient::Failure::TooLarge:
+        error.failure = Failure::TooLarge;
+        break;
+    case HttpClient::Failure::Cancelled:
+        error.failure = Failure::Cancelled;
+        break;
+    case HttpClient::Failure::Invalid:
+    case HttpClient::Failure::Unreachable:
+    case HttpClient::Failure::Network:
+        error.failure = Failure::Unreachable;
+        break;
+    }
+    return error;
+}
+
+QString seconds(int milliseconds) {
+    return QString::number(double(milliseconds) / 1000.0, 'g', 3) + QStringLiteral(" s");
+}
 
 struct ConfigurationCache {
     QMutex mutex;
@@ -52,24 +135,67 @@ QString tag(const char* name) {
 }
 
 // Only the body of a successful answer counts: an error page (401, 404) is
-// treated like no data, as is a body that is not JSON.
-std::optional<QJsonDocument> fetchJSON(const QUrl& url, const std::atomic<bool>* cancel = nullptr) {
-    const HttpClient::Response response =
-        HttpClient::get(url, MDB_TheMovieDb::requestTimeout(), cancel);
-    if (!response.ok() || response.body.isEmpty())
-        return std::nullopt;
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(response.body, &error);
-    if (error.error != QJsonParseError::NoError)
-        return std::nullopt;
+// treated like no data, as is a body that is not JSON. Why, goes to `error`.
+std::optional<QJsonDocument> fetchJSON(const QUrl& url, const std::atomic<bool>* cancel,
+                                       Error* error) {
+    const QString base = MDB_TheMovieDb::baseURL();
+    Error result;
+    std::optional<QJsonDocument> document;
+    if (std::optional<Error> known = knownUnavailable(base)) {
+        result = *known;
+    } else {
+        const HttpClient::Response response =
+            HttpClient::get(url, MDB_TheMovieDb::requestTimeout(), cancel);
+        result = classify(response);
+        if (!result.failed()) {
+            QJsonParseError parse;
+            const QJsonDocument parsed = QJsonDocument::fromJson(response.body, &parse);
+            if (parse.error != QJsonParseError::NoError) {
+                result.failure = Failure::BadAnswer;
+                result.detail = parse.errorString();
+            } else {
+                document = parsed;
+            }
+        }
+        noteAnswer(base, result);
+    }
+    if (error)
+        *error = result;
     return document;
 }
 
-std::optional<QJsonObject> fetchObject(const QUrl& url, const std::atomic<bool>* cancel = nullptr) {
-    const std::optional<QJsonDocument> document = fetchJSON(url, cancel);
+std::optional<QJsonObject> fetchObject(const QUrl& url, const std::atomic<bool>* cancel = nullptr,
+                                       Error* error = nullptr) {
+    Error why;
+    const std::optional<QJsonDocument> document = fetchJSON(url, cancel, &why);
+    if (document && !document->isObject()) {
+        why.failure = Failure::BadAnswer;
+        why.detail = QStringLiteral("not a JSON object");
+    }
+    if (error)
+        *error = why;
     if (!document || !document->isObject())
         return std::nullopt;
     return document->object();
+}
+
+// translationAvailable() with the query's cancel flag.
+QString chooseTranslation(const QString& tmdbID, const QString& language,
+                          const std::atomic<bool>* cancel) {
+    const std::optional<QJsonObject> answer =
+        fetchObject(MDB_TheMovieDb::translationsURL(tmdbID), cancel);
+    if (!answer)
+        return QStringLiteral("");
+    bool english = false;
+    for (const QJsonValue& value : answer->value(QStringLiteral("translations")).toArray()) {
+        const QString code = value.toObject().value(QStringLiteral("iso_639_1")).toString();
+        if (code == language)
+            return language;
+        if (code == QLatin1String("en"))
+            english = true;
+    }
+    // An empty language asks the database for its default.
+    return english ? QStringLiteral("en") : QStringLiteral("");
 }
 
 // The key exists and is not JSON null.
@@ -191,6 +317,47 @@ bool MDB_TheMovieDb::isCancelled() const {
     return m_shared->isCancelled;
 }
 
+MDB_TheMovieDb::Error MDB_TheMovieDb::lastError() const {
+    QMutexLocker lock(&m_shared->lock);
+    return m_shared->lastError;
+}
+
+QString MDB_TheMovieDb::Error::message() const {
+    const QString base = MDB_TheMovieDb::baseURL();
+    switch (failure) {
+    case Failure::None:
+        return {};
+    case Failure::RefusedKey:
+        return QStringLiteral("the movie database refused the API key (HTTP %1); set "
+                              "TARNWICK_TMDB_API_KEY to a valid key")
+            .arg(httpStatus);
+    case Failure::ServerError:
+        return QStringLiteral("the movie database failed with a server error (HTTP %1)")
+            .arg(httpStatus);
+    case Failure::TimedOut:
+        return QStringLiteral("the movie database at %1 did not answer within %2")
+            .arg(base, seconds(MDB_TheMovieDb::requestTimeout()));
+    case Failure::Unreachable: {
+        // "Cannot fetch ADDRESS: REASON": the reason is what the user can act on.
+        const qsizetype colon = detail.lastIndexOf(QStringLiteral(": "));
+        const QString reason = colon < 0 ? detail : detail.mid(colon + 2);
+        return QStringLiteral("the movie database at %1 cannot be reached%2")
+            .arg(base, reason.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(reason));
+    }
+    case Failure::TooLarge:
+        return QStringLiteral("the movie database sent an answer larger than %1 MB; it was "
+                              "dropped")
+            .arg(HttpClient::DefaultMaxBodyBytes / (1024 * 1024));
+    case Failure::BadAnswer:
+        return QStringLiteral("the movie database sent an answer that is not valid JSON");
+    case Failure::Rejected:
+        return QStringLiteral("the movie database rejected the request (HTTP %1)").arg(httpStatus);
+    case Failure::Cancelled:
+        return QStringLiteral("the lookup was interrupted");
+    }
+    return {};
+}
+
 void MDB_TheMovieDb::search(const QString& title, const QString& languageRegion,
                             MDB_TheMovieDbDelegate* controller) {
     m_movieTitle = title;
@@ -219,12 +386,14 @@ void MDB_TheMovieDb::startSearch(std::shared_ptr<Shared> shared, QString title,
 
     const QString country = MDB_Utility::countryCode(languageRegion);
     auto results = std::make_shared<std::vector<std::unique_ptr<MDB_Metadata>>>();
-    if (std::optional<QJsonObject> answer = fetchObject(url, &shared->isCancelled)) {
+    Error error;
+    if (std::optional<QJsonObject> answer = fetchObject(url, &shared->isCancelled, &error)) {
         for (const QJsonValue& hit : answer->value(QStringLiteral("results")).toArray()) {
             if (hit.isObject())
                 results->push_back(metadata(hit.toObject(), country));
         }
     }
+    shared->setLastError(error);
 
     QCoreApplication* app = QCoreApplication::instance();
     if (shared->isCancelled || !app || !controller)
@@ -252,18 +421,20 @@ void MDB_TheMovieDb::startQuery(std::shared_ptr<Shared> shared, MDB_Metadata* me
         MDB_TheMovieDb::metadata(*metadata, node, country);
     };
 
+    Error error;
     if (!tmdbID.isEmpty() && !shared->isCancelled) {
-        const QString language =
-            translationAvailable(tmdbID, MDB_Utility::languageCode(languageRegion));
+        const QString language = chooseTranslation(
+            tmdbID, MDB_Utility::languageCode(languageRegion), &shared->isCancelled);
         if (std::optional<QJsonObject> movie =
-                fetchObject(movieURL(tmdbID, language), &shared->isCancelled)) {
+                fetchObject(movieURL(tmdbID, language), &shared->isCancelled, &error)) {
             fill(*movie);
             // Images of every language, and the only source of backdrops.
             if (std::optional<QJsonObject> images =
-                    fetchObject(movieImagesURL(tmdbID), &shared->isCancelled))
+                    fetchObject(movieImagesURL(tmdbID), &shared->isCancelled, &error))
                 fill(*images);
         }
     }
+    shared->setLastError(error);
 
     QCoreApplication* app = QCoreApplication::instance();
     if (shared->isCancelled || !app || !controller)
@@ -280,8 +451,8 @@ void MDB_TheMovieDb::startQuery(std::shared_ptr<Shared> shared, MDB_Metadata* me
 
 // --- class operations --------------------------------------------------------
 
-std::optional<QJsonObject> MDB_TheMovieDb::configuration() {
-    return fetchObject(configurationURL());
+std::optional<QJsonObject> MDB_TheMovieDb::configuration(Error* error) {
+    return fetchObject(configurationURL(), nullptr, error);
 }
 
 QJsonObject MDB_TheMovieDb::cachedConfiguration() {
@@ -295,22 +466,13 @@ void MDB_TheMovieDb::clearCachedConfiguration() {
     QMutexLocker lock(&cache.mutex);
     cache.configuration = QJsonObject();
     cache.filled = false;
+    Availability& state = availability();
+    QMutexLocker stateLock(&state.mutex);
+    state.base.clear();
 }
 
 QString MDB_TheMovieDb::translationAvailable(const QString& tmdbID, const QString& language) {
-    const std::optional<QJsonObject> answer = fetchObject(translationsURL(tmdbID));
-    if (!answer)
-        return QStringLiteral("");
-    bool english = false;
-    for (const QJsonValue& value : answer->value(QStringLiteral("translations")).toArray()) {
-        const QString code = text(value.toObject().value(QStringLiteral("iso_639_1")));
-        if (code == language)
-            return language;
-        if (code == QLatin1String("en"))
-            english = true;
-    }
-    // An empty language asks the database for its default.
-    return english ? QStringLiteral("en") : QStringLiteral("");
+    return chooseTranslation(tmdbID, language, nullptr);
 }
 
 std::unique_ptr<MDB_Metadata> MDB_TheMovieDb::movie(const QString& tmdbID,
@@ -495,11 +657,15 @@ QString MDB_TheMovieDb::apiKey() {
 }
 
 int MDB_TheMovieDb::requestTimeout() {
-    return g_requestTimeout;
+    if (const int set = g_requestTimeout; set > 0)
+        return set;
+    bool ok = false;
+    const int fromEnvironment = qEnvironmentVariableIntValue("TARNWICK_TMDB_TIMEOUT_MS", &ok);
+    return ok && fromEnvironment > 0 ? fromEnvironment : HttpClient::DefaultTimeoutMs;
 }
 
 void MDB_TheMovieDb::setRequestTimeout(int milliseconds) {
-    g_requestTimeout = milliseconds > 0 ? milliseconds : HttpClient::DefaultTimeoutMs;
+    g_requestTimeout = milliseconds > 0 ? milliseconds : 0;
 }
 
 namespace {

@@ -25,15 +25,41 @@ public:
 
 // The client of the online movie database (API version 3). Searches and
 // queries run on detached threads of their own; class operations block the
-// calling thread for the round trip. No failure is ever reported: a failed or
-// refused request yields an empty result.
+// calling thread for the round trip. As the spec has it, a failed or refused
+// request yields an empty result, and the matching logic sees nothing else;
+// why it failed is kept beside the result, as the client's lastError().
 //
 // The base address is TARNWICK_TMDB_URL when set (a loopback server in tests
-// and the offline demo), the API key TARNWICK_TMDB_API_KEY when set.
+// and the offline demo), the API key TARNWICK_TMDB_API_KEY when set. Every
+// request gives up after the request time-out in all (15 s; a test may set
+// TARNWICK_TMDB_TIMEOUT_MS), and a database that timed out or could not be
+// reached is not asked again for that long: its next requests fail at once.
 class MDB_TheMovieDb {
 public:
     static constexpr char DefaultAPIKey[] = "5f0c9e2b7a41d8e36c2f9a0b1d4e7c83";
     static constexpr char DefaultBaseURL[] = "https://api.themoviedb.org";
+
+    // Why a lookup came back empty although the database may know the movie.
+    enum class Failure {
+        None,        // the database answered (with or without hits)
+        RefusedKey,  // 401 or 403: the API key was refused
+        ServerError, // a 5xx answer
+        TimedOut,    // no complete answer within the request time-out
+        Unreachable, // no connection (refused, no such host, no route)
+        TooLarge,    // an answer larger than the body cap
+        BadAnswer,   // an answer that is not the JSON asked for
+        Rejected,    // another 4xx answer (an unknown id...)
+        Cancelled,   // interrupted (Ctrl-C) or cancelled
+    };
+    struct Error {
+        Failure failure = Failure::None;
+        int httpStatus = 0; // the answer's status when there was one
+        QString detail;     // the transport's own words
+        bool failed() const { return failure != Failure::None; }
+        // One line for the user, such as "the movie database refused the API
+        // key (HTTP 401)"; empty for None.
+        QString message() const;
+    };
 
     // Fetches and caches the image configuration when none is cached yet.
     MDB_TheMovieDb();
@@ -50,6 +76,11 @@ public:
 
     MDB_Metadata* movieMetadata() const { return m_movieMetadata; }
 
+    // Why the last search or query of this client came back empty or
+    // unfilled (None when the database answered). Set before the callback is
+    // delivered, so a controller can read it in searchComplete/queryComplete.
+    Error lastError() const;
+
     // Both return at once. The delegate must outlive the request or cancel()
     // must be called before it goes away.
     void search(const QString& title, const QString& languageRegion,
@@ -60,9 +91,10 @@ public:
                MDB_TheMovieDbDelegate* controller);
 
     // --- class operations (synchronous) --------------------------------------
-    static std::optional<QJsonObject> configuration();
+    static std::optional<QJsonObject> configuration(Error* error = nullptr);
     // The configuration cached by the first client; empty when none is cached.
     static QJsonObject cachedConfiguration();
+    // Also forgets a database that did not answer (see the class comment).
     static void clearCachedConfiguration();
 
     // The language code to request for a movie: `language`, "en" or "".
@@ -85,7 +117,8 @@ public:
     // --- addresses -----------------------------------------------------------
     static QString baseURL();
     static QString apiKey();
-    // Per-request time-out; tests shorten it.
+    // Time-out of one request as a whole, in milliseconds: the one set here
+    // (0 takes it back), else TARNWICK_TMDB_TIMEOUT_MS, else 15 s.
     static int requestTimeout();
     static void setRequestTimeout(int milliseconds);
 

@@ -5,6 +5,9 @@
 // The no-hits question: the name that found nothing, an editable new name,
 // and the user's choice between searching again and skipping. The desktop
 // panel and the terminal prompt fill it through the browser's delegate.
+// When the database failed rather than found nothing, `lookupError` says
+// why (a refused key, a server error, a time-out, no connection); searching
+// under another name will then rarely help.
 class SearchPanelController {
 public:
     // Keeps a copy as `startName` and shows it in both fields.
@@ -15,6 +18,11 @@ public:
     }
     const QString& startName() const { return m_startName; }
     const QString& currentName() const { return m_currentName; }
+
+    // Empty when the database answered without hits.
+    void setLookupError(const QString& error) { m_lookupError = error; }
+    const QString& lookupError() const { return m_lookupError; }
+    bool lookupFailed() const { return !m_lookupError.isEmpty(); }
 
     void setSkipSearch(bool skip) { m_skipSearch = skip; }
     bool skipSearch() const { return m_skipSearch; }
@@ -31,5 +39,6 @@ private:
     QString m_startName;
     QString m_currentName;
     QString m_newName;
+    QString m_lookupError;
     bool m_skipSearch = false;
 };

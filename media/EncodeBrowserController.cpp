@@ -433,7 +433,21 @@ MDB_TheMovieDb& EncodeBrowserController::movieDB(const MDI_Media& item) {
 }
 
 void EncodeBrowserController::searchDatabase(MDI_Media& item) {
+    item.setLookupError(QString());
     movieDB(item).search(item.name(), item.languageRegion(), this);
+}
+
+void EncodeBrowserController::noteLookupError(MDI_Media& item) {
+    if (!item.lookupError().isEmpty())
+        return;
+    const auto found = m_movieDBs.find(&item);
+    if (found == m_movieDBs.end())
+        return;
+    const QString message = found->second->lastError().message();
+    if (message.isEmpty())
+        return;
+    item.setLookupError(message);
+    item.setWarnings(QStringLiteral("Lookup failed: ") + message);
 }
 
 void EncodeBrowserController::queryDatabase(MDI_Media& item) {
@@ -464,9 +478,13 @@ void EncodeBrowserController::searchComplete(std::vector<std::unique_ptr<MDB_Met
         return;
     }
 
+    // Nothing found, or nothing asked: a failure of the database is told
+    // apart from "no match" (the item's warning says it; the panel shows it).
+    noteLookupError(*item);
     if (!m_searchPanel)
         m_searchPanel = std::make_unique<SearchPanelController>();
     m_searchPanel->setSearchName(item->name());
+    m_searchPanel->setLookupError(item->lookupError());
     m_searchPanel->setSkipSearch(false);
     if (m_browserDelegate)
         m_browserDelegate->runSearchPanel(*m_searchPanel);
@@ -507,6 +525,7 @@ void EncodeBrowserController::queryComplete(MDB_Metadata* metadata) {
     if (!item || !metadata)
         return;
 
+    noteLookupError(*item);
     item->copyMetadata(*metadata);
     applyQueryRecord(*item, *metadata);
     if (!item->getMetadata()->artworkFullsizeURLs().isEmpty())

@@ -244,6 +244,9 @@ protected:
     void applyProcessingSwitches(MDI_Media& item);
     MDB_TheMovieDb& movieDB(const MDI_Media& item);
     void searchDatabase(MDI_Media& item);
+    // Keeps the failure of the item's last search or query (its client's
+    // lastError) as the item's lookup error and warning, once.
+    void noteLookupError(MDI_Media& item);
 
 private:
     EncodeBrowserDelegate* m_browserDelegate = nullptr;

@@ -99,6 +99,9 @@ public:
     // cannot be opened or the write fails). `freshOutput`: the file is an
     // encode just made, not yet on disk itself, so the write skips its syncs.
     void writeMetadataToFile(bool isTV, bool freshOutput = false);
+    // The output's own tags become the item's record, so a tag write keeps
+    // them (for a movie whose lookup failed: there is no match to write).
+    void adoptFileTags();
     // Why the last writeMetadataToFile wrote nothing; empty after a success.
     // Kept apart from `warnings`, which later steps may replace.
     const QString& tagWriteError() const { return m_tagWriteError; }
@@ -142,6 +145,12 @@ public:
     void setCmdArgs(const QString& args) { m_cmdArgs = args; }
     const QString& warnings() const { return m_warnings; }
     void setWarnings(const QString& warnings) { m_warnings = warnings; }
+    // Why the item's last lookup in the movie database failed (a refused
+    // key, a server error, a time-out, no connection), in one line; empty
+    // when the database answered, whether or not it found the movie. An item
+    // whose lookup failed carries no match: its file keeps the tags it has.
+    const QString& lookupError() const { return m_lookupError; }
+    void setLookupError(const QString& error) { m_lookupError = error; }
     const QString& languageRegion() const { return m_languageRegion; }
     void setLanguageRegion(const QString& region) { m_languageRegion = region; }
     const QString& primaryDevice() const { return m_primaryDevice; }
@@ -206,6 +215,7 @@ protected:
     QString m_cmdArgs;
     QString m_warnings;
     QString m_tagWriteError;
+    QString m_lookupError;
     QString m_languageRegion;
     QString m_primaryDevice;
     QString m_secondaryDevice;

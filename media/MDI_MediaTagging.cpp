@@ -185,3 +185,14 @@ void MDI_Media::readMetadataFromFile(bool isTV) {
     }
     record->setArtworkFromIndex(record->artworkFullsizeURLs().indexOf(local));
 }
+
+void MDI_Media::adoptFileTags() {
+    auto record = std::make_unique<MDB_Metadata>(MDB_Metadata::KeyedArchive());
+    if (MP4FileHandle handle = MP4Read(QFile::encodeName(m_outPath).constData())) {
+        record->readMetaDataFromFile(handle, false);
+        MP4Close(handle);
+    }
+    record->setIsArtworkEdited(false);
+    setMetaData(std::move(record));
+    setExtraTags({});
+}

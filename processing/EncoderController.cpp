@@ -293,6 +293,10 @@ void EncoderController::stdError(const QString& text) {
 
 bool EncoderController::tagOutput(MDI_Media& movie) {
     movie.setStatus(11);
+    // A lookup that failed (rather than found nothing) leaves no match to
+    // write: the file keeps the tags the encoder gave it, with track names.
+    if (!movie.lookupError().isEmpty())
+        movie.adoptFileTags();
     movie.writeMetadataToFile(false, true);
     // A movie whose tags did not reach the file is not done; the warning the
     // write left says why.

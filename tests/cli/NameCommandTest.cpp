@@ -53,7 +53,7 @@ TEST(NameCommand, NoArgumentIsUsageError) {
     EXPECT_EQ(r.status, 2);
     EXPECT_TRUE(r.out.isEmpty());
     EXPECT_EQ(r.err.count('\n'), 1) << r.err.toStdString();
-    EXPECT_TRUE(r.err.startsWith("tarnwick-cli: ")) << r.err.toStdString();
+    EXPECT_TRUE(r.err.startsWith("tarnwick-cli name: no name given")) << r.err.toStdString();
 }
 
 } // namespace

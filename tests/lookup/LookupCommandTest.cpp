@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "CliJson.h"
+
 namespace {
 
 struct Result {
@@ -77,28 +79,35 @@ TEST_F(LookupCommandTest, ServerRefusesBadArgumentsAndMissingFixtures) {
 TEST_F(LookupCommandTest, JsonHoldsTheMatchedRecordAndAllHits) {
     const Result r = cli({"The Lighthouse Keeper", "--language", "en-US", "--json"});
     ASSERT_EQ(r.status, 0) << r.err.toStdString();
-    QJsonParseError error;
-    const QJsonObject record = QJsonDocument::fromJson(r.out.toUtf8(), &error).object();
-    ASSERT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
+    const QJsonObject doc = testsupport::expectCliJson(r.out, "lookup", 0);
+    EXPECT_EQ(doc.value("query").toString(), "The Lighthouse Keeper");
+    EXPECT_EQ(doc.value("language").toString(), "en-US");
+    const QJsonObject match = doc.value("match").toObject();
+    const QJsonObject tags = match.value("tags").toObject();
 
-    EXPECT_EQ(record.value("Name").toString(), "The Lighthouse Keeper");
-    EXPECT_EQ(record.value("Director").toString(), "Maren Holloway, ");
-    EXPECT_EQ(record.value("Rating").toString(), "mpaa|PG-13|300|");
-    EXPECT_EQ(record.value("TMDb ID").toString(), "100001");
-    EXPECT_EQ(record.value("IMDb ID").toString(), "9000123");
-    EXPECT_EQ(record.value("tmdb").toString(), "http://www.themoviedb.org/movie/100001");
-    EXPECT_EQ(record.value("imdb").toString(), "http://www.imdb.com/title/tt9000123/");
-    EXPECT_EQ(record.value("trailer").toString(), "http://www.youtube.com/watch?v=lhK33perT01");
-    EXPECT_EQ(record.value("homepage").toString(), "http://lighthouse-keeper.example.org/");
-    EXPECT_EQ(record.value("tagLine").toString(), "Every light is a message.");
-    EXPECT_EQ(record.value("searchHits").toArray(),
-              QJsonArray({"The Lighthouse Keeper", "The Lighthouse Keeper's Daughter",
-                          "Keeper of the Light"}));
-    EXPECT_EQ(record.value("artworkFullsizeURLs").toArray(),
+    EXPECT_EQ(match.value("name").toString(), "The Lighthouse Keeper");
+    EXPECT_EQ(tags.value("Name").toString(), "The Lighthouse Keeper");
+    EXPECT_EQ(tags.value("Director").toString(), "Maren Holloway, ");
+    EXPECT_EQ(match.value("ratingCode").toString(), "mpaa|PG-13|300|");
+    EXPECT_EQ(match.value("rating").toString(), "PG-13");
+    EXPECT_EQ(match.value("tmdbID").toString(), "100001");
+    EXPECT_EQ(match.value("imdbID").toString(), "9000123");
+    const QJsonObject links = match.value("links").toObject();
+    EXPECT_EQ(links.value("tmdb").toString(), "http://www.themoviedb.org/movie/100001");
+    EXPECT_EQ(links.value("imdb").toString(), "http://www.imdb.com/title/tt9000123/");
+    EXPECT_EQ(links.value("trailer").toString(), "http://www.youtube.com/watch?v=lhK33perT01");
+    EXPECT_EQ(links.value("homepage").toString(), "http://lighthouse-keeper.example.org/");
+    EXPECT_EQ(match.value("tagLine").toString(), "Every light is a message.");
+    QStringList hitNames;
+    for (const QJsonValue& hit : doc.value("hits").toArray())
+        hitNames << hit.toObject().value("name").toString();
+    EXPECT_EQ(hitNames, QStringList({"The Lighthouse Keeper", "The Lighthouse Keeper's Daughter",
+                                     "Keeper of the Light"}));
+    EXPECT_EQ(match.value("posters").toArray(),
               QJsonArray({s_base + "/t/p/original/lighthouse-keeper-poster-en.jpg"}));
-    EXPECT_EQ(record.value("artworkThumbURLs").toArray(),
-              QJsonArray({s_base + "/t/p/w92/lighthouse-keeper-poster-en.jpg"}));
-    EXPECT_EQ(record.value("backdropFullsizeURLs").toArray().size(), 2);
+    EXPECT_EQ(match.value("poster").toString(),
+              s_base + "/t/p/w92/lighthouse-keeper-poster-en.jpg");
+    EXPECT_EQ(match.value("backdrops").toArray().size(), 2);
 }
 
 TEST_F(LookupCommandTest, TextOutputInAnotherLanguage) {
@@ -110,15 +119,38 @@ TEST_F(LookupCommandTest, TextOutputInAnotherLanguage) {
         r.out.contains("Poster: " + s_base + "/t/p/original/lighthouse-keeper-poster-de.jpg"));
 }
 
-TEST_F(LookupCommandTest, NoHitOrNoDatabaseIsAFailureWithAMessage) {
+TEST_F(LookupCommandTest, NoHitOrAFailedDatabaseIsAFailureWithItsOwnMessage) {
     Result r = cli({"A Film Nobody Made"});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.out.isEmpty());
-    EXPECT_TRUE(r.err.contains("no match for \"A Film Nobody Made\"")) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains("no match for \"A Film Nobody Made\" in the movie database"))
+        << r.err.toStdString();
 
     r = cli({"The Lighthouse Keeper"}, "http://127.0.0.1:1");
     EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.err.contains("did not answer")) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains("lookup of \"The Lighthouse Keeper\" failed: the movie database "
+                               "at http://127.0.0.1:1 cannot be reached"))
+        << r.err.toStdString();
+
+    // A server started to fail one way says so.
+    const QString program = QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-tmdb-server");
+    QProcess failing;
+    failing.start(program, {"--mode", "500"});
+    ASSERT_TRUE(failing.waitForReadyRead(10000));
+    r = cli({"The Lighthouse Keeper", "--json"}, QString::fromUtf8(failing.readLine()).trimmed());
+    failing.kill();
+    failing.waitForFinished();
+    EXPECT_EQ(r.status, 1);
+    const QJsonObject doc = testsupport::expectCliJson(r.out, "lookup", 1);
+    EXPECT_EQ(doc.value("error").toString(),
+              "lookup of \"The Lighthouse Keeper\" failed: the movie database failed with a "
+              "server error (HTTP 500)");
+
+    QProcess bad;
+    bad.start(program, {"--mode", "sulk"});
+    ASSERT_TRUE(bad.waitForFinished(10000));
+    EXPECT_EQ(bad.exitCode(), 2);
+    EXPECT_TRUE(bad.readAllStandardError().contains("unknown mode"));
 }
 
 TEST_F(LookupCommandTest, BadArgumentsAreUsageErrors) {

@@ -8,8 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include "CliJson.h"
 #include "Processes.h"
 #include "SmallDisk.h"
+
+#include <QRegularExpression>
 
 using retagtest::tag;
 
@@ -81,29 +84,112 @@ TEST_F(RetagCliTest, SearchTitleJsonAndAFileThatIsNoMovie) {
     // --search replaces the name taken from the file name.
     CliResult r = runRetag({file, "--search", "Harbour Lights", "--yes", "--json"});
     EXPECT_EQ(r.status, 0) << r.err.toStdString();
-    QJsonParseError error;
-    QJsonDocument doc = QJsonDocument::fromJson(r.out.toUtf8(), &error);
-    ASSERT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
-    ASSERT_EQ(doc.array().size(), 1);
-    QJsonObject entry = doc.array().at(0).toObject();
+    QJsonArray items = testsupport::expectCliJson(r.out, "retag", 0).value("items").toArray();
+    ASSERT_EQ(items.size(), 1);
+    QJsonObject entry = items.at(0).toObject();
     EXPECT_EQ(entry.value("state").toString(), "written");
-    const QJsonObject tags = entry.value("tags").toObject();
-    EXPECT_EQ(tags.value("tmdbID").toString(), "100004");
-    EXPECT_EQ(tags.value("name").toString(), "Harbour Lights");
-    EXPECT_GT(tags.value("castCount").toInt(), 0);
+    EXPECT_EQ(entry.value("lookup").toString(), "matched");
+    EXPECT_EQ(entry.value("source").toObject().value("path").toString(), file);
+    const QJsonObject match = entry.value("match").toObject();
+    EXPECT_EQ(match.value("tmdbID").toString(), "100004");
+    EXPECT_EQ(match.value("name").toString(), "Harbour Lights");
+    EXPECT_FALSE(match.value("tags").toObject().value("Cast").toString().isEmpty());
     EXPECT_EQ(retagtest::probeTags(file).value("title").toString(), "Harbour Lights");
 
     // One file that is no movie: the other is still written, the run fails.
+    const QString other = retagtest::taggedCopy(dir.path(), "Harbour Lights.m4v", {});
     const QByteArray junkBefore = retagtest::fileHash(junk);
-    r = runRetag({file, junk, "--yes", "--json"});
+    r = runRetag({other, junk, "--yes", "--json"});
     EXPECT_EQ(r.status, 1);
-    doc = QJsonDocument::fromJson(r.out.toUtf8(), &error);
-    ASSERT_EQ(doc.array().size(), 2) << r.out.toStdString();
-    EXPECT_EQ(doc.array().at(0).toObject().value("state").toString(), "written");
-    entry = doc.array().at(1).toObject();
+    items = testsupport::expectCliJson(r.out, "retag", 1).value("items").toArray();
+    ASSERT_EQ(items.size(), 2) << r.out.toStdString();
+    EXPECT_EQ(items.at(0).toObject().value("state").toString(), "written");
+    entry = items.at(1).toObject();
     EXPECT_EQ(entry.value("state").toString(), "failed");
-    EXPECT_TRUE(entry.value("warning").toString().startsWith("No valid title was found!."));
+    EXPECT_TRUE(entry.value("warnings")
+                    .toArray()
+                    .at(0)
+                    .toString()
+                    .startsWith("No valid title was found!."));
     EXPECT_EQ(retagtest::fileHash(junk), junkBefore);
+}
+
+// The tags AtomicParsley reads, as "NAME: value" for its "Atom "NAME" contains: value" lines.
+QMap<QString, QString> atomicParsleyTags(const QString& path) {
+    const testsupport::RunResult r =
+        testsupport::run(QStringLiteral("AtomicParsley"), {path, "-t"}, 30000);
+    QMap<QString, QString> tags;
+    for (const QString& line : QString::fromUtf8(r.out).split(u'\n')) {
+        static const QRegularExpression atom(QStringLiteral("^Atom \"(.+)\" contains: (.*)$"));
+        const QRegularExpressionMatch m = atom.match(line.trimmed());
+        if (m.hasMatch())
+            tags.insert(m.captured(1), m.captured(2));
+    }
+    return tags;
+}
+
+int coverWidth(const QString& path) {
+    const testsupport::RunResult r =
+        testsupport::run(QStringLiteral("ffprobe"),
+                         {"-v", "error", "-show_entries",
+                          "stream=width:stream_disposition=attached_pic", "-of", "json", path},
+                         30000);
+    for (const QJsonValue& s : QJsonDocument::fromJson(r.out).object().value("streams").toArray()) {
+        const QJsonObject o = s.toObject();
+        if (o.value("disposition").toObject().value("attached_pic").toInt() == 1)
+            return o.value("width").toInt();
+    }
+    return 0;
+}
+
+TEST_F(RetagCliTest, SearchByTitleReplacesTheOldTagsAndCover) {
+    if (!testsupport::haveTool("AtomicParsley"))
+        GTEST_SKIP() << "AtomicParsley is not installed";
+    // A file tagged as another movie, with its own cover.
+    const QString file = retagtest::taggedCopy(dir.path(), "Quayside.m4v",
+                                               {{tag(TagName::Name), "Quayside Nights"},
+                                                {tag(TagName::Genre), "Drama"},
+                                                {tag(TagName::ReleaseDate), "1999-05-01"},
+                                                {tag(TagName::Comments), "tagged by hand"}},
+                                               retagtest::solidCover(Qt::red));
+    QMap<QString, QString> before = atomicParsleyTags(file);
+    ASSERT_EQ(before.value("©nam"), "Quayside Nights");
+    ASSERT_EQ(coverWidth(file), 48);
+
+    const CliResult r = runRetag({file, "--search", "Harbour Lights", "--yes"});
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
+    EXPECT_TRUE(r.out.contains("name:       Harbour Lights\n")) << r.out.toStdString();
+    EXPECT_TRUE(r.out.contains(file + ": written"));
+
+    // Read back by an independent reader: the match won, the old tags are gone.
+    const QMap<QString, QString> after = atomicParsleyTags(file);
+    EXPECT_EQ(after.value("©nam"), "Harbour Lights");
+    EXPECT_EQ(after.value("©gen"), "Comedy");
+    EXPECT_TRUE(after.value("©day").startsWith("1962")) << after.value("©day").toStdString();
+    EXPECT_FALSE(after.contains("©cmt")) << after.value("©cmt").toStdString();
+    EXPECT_GT(coverWidth(file), 48);
+
+    // A plain retag afterwards searches the file's name, finds nothing and
+    // writes nothing: the file keeps the match.
+    const QByteArray matched = retagtest::fileHash(file);
+    const CliResult again = runRetag({file, "--yes"});
+    EXPECT_EQ(again.status, 1) << again.err.toStdString();
+    EXPECT_TRUE(again.out.contains(file + ": no match")) << again.out.toStdString();
+    EXPECT_EQ(retagtest::fileHash(file), matched);
+}
+
+TEST_F(RetagCliTest, AFileWithoutAMatchIsNotWritten) {
+    const QString file = retagtest::taggedCopy(dir.path(), "Quayside Tugboat Story.m4v",
+                                               {{tag(TagName::Name), "Quayside Tugboat Story"}});
+    const QByteArray before = retagtest::fileHash(file);
+    for (const QStringList& args : {QStringList{file, "--yes"},
+                                    QStringList{file, "--search", "A Film Nobody Made", "--yes"}}) {
+        const CliResult r = runRetag(args);
+        EXPECT_EQ(r.status, 1) << args.join(' ').toStdString();
+        EXPECT_TRUE(r.out.contains("nothing will be written")) << r.out.toStdString();
+        EXPECT_TRUE(r.out.contains(file + ": no match (nothing found for")) << r.out.toStdString();
+        EXPECT_EQ(retagtest::fileHash(file), before);
+    }
 }
 
 TEST_F(RetagCliTest, BadArgumentsAreReported) {
@@ -123,7 +209,7 @@ TEST_F(RetagCliTest, BadArgumentsAreReported) {
     EXPECT_EQ(r.status, 2);
     r = runRetag({"a.m4v", "--bogus"});
     EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(r.err.contains("unknown option --bogus"));
+    EXPECT_TRUE(r.err.contains("unknown option '--bogus'"));
 }
 
 // Two `retag --yes` on one file at the same time take turns: both report

@@ -63,16 +63,20 @@ TEST_F(ScanCliTest, JsonWithSkipTaggingMakesNoRequestAndKeepsTheStoredSetting) {
     QJsonParseError error;
     const QJsonDocument doc = QJsonDocument::fromJson(r.out.toUtf8(), &error);
     ASSERT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
-    ASSERT_EQ(doc.array().size(), 1);
-    const QJsonObject item = doc.array().at(0).toObject();
+    const QJsonArray items = doc.object().value("items").toArray();
+    ASSERT_EQ(items.size(), 1);
+    const QJsonObject item = items.at(0).toObject();
     EXPECT_EQ(item.value("status").toInt(), 8);
-    EXPECT_EQ(item.value("name").toString(), "The Lighthouse Keeper");
-    EXPECT_FALSE(item.contains("match"));
-    const QJsonObject title = item.value("mainTitle").toObject();
+    EXPECT_EQ(item.value("source").toObject().value("name").toString(), "The Lighthouse Keeper");
+    EXPECT_TRUE(item.value("match").isNull());
+    EXPECT_EQ(item.value("lookup").toString(), "skipped");
+    EXPECT_EQ(item.value("mainTitle").toInt(), 1);
+    const QJsonObject title = item.value("titles").toArray().at(0).toObject();
+    EXPECT_TRUE(title.value("main").toBool());
     EXPECT_EQ(title.value("size").toString(), "1280x720");
     const QJsonArray audio = title.value("audio").toArray();
     ASSERT_EQ(audio.size(), 2);
-    EXPECT_EQ(audio.at(0).toObject().value("track").toInt(), 2); // English first for en-US
+    EXPECT_EQ(audio.at(0).toObject().value("id").toInt(), 2); // English first for en-US
     EXPECT_TRUE(audio.at(0).toObject().value("include").toBool());
     const QJsonArray command = item.value("command").toArray();
     ASSERT_FALSE(command.isEmpty());
@@ -116,5 +120,5 @@ TEST_F(ScanCliTest, BadArgumentsAreReported) {
     EXPECT_EQ(r.status, 2);
     r = runCli({scantest::sample("junk.mkv"), QStringLiteral("--bogus")});
     EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(r.err.contains("unknown option --bogus"));
+    EXPECT_TRUE(r.err.contains("unknown option '--bogus'"));
 }

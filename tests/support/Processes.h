@@ -8,7 +8,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMap>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QStandardPaths>
 #include <QString>
 #include <QStringList>
@@ -84,10 +86,21 @@ struct CliResult {
 };
 
 // The built tarnwick-cli with `args` and `input` on its standard input (a
-// pipe: never a terminal).
+// pipe: never a terminal), in this process's environment changed by `env`
+// (a null value removes a variable).
 inline CliResult runCli(const QStringList& args, const QByteArray& input = {},
-                        int timeoutMs = 120000) {
+                        int timeoutMs = 120000, const QMap<QString, QString>& env = {}) {
     QProcess p;
+    if (!env.isEmpty()) {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        for (auto it = env.cbegin(); it != env.cend(); ++it) {
+            if (it.value().isNull())
+                environment.remove(it.key());
+            else
+                environment.insert(it.key(), it.value());
+        }
+        p.setProcessEnvironment(environment);
+    }
     p.start(QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"), args);
     p.write(input);
     p.closeWriteChannel();

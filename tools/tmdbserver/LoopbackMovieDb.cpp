@@ -26,7 +26,9 @@
 #include <QTimer>
 #include <QUrlQuery>
 
+#include <algorithm>
 #include <atomic>
+#include <memory>
 
 namespace {
 
@@ -40,7 +42,12 @@ struct Answer {
     QByteArray body;
     QByteArray contentType = "application/json;charset=utf-8";
     int delayMs = 0;
+    // How it is delivered (an API answer in a failure mode).
+    LoopbackMovieDb::Mode mode = LoopbackMovieDb::Mode::Normal;
 };
+
+// Blanks before the oversized answer: more than the client's 20 MB cap.
+constexpr qsizetype kOversizePadding = 24 * 1024 * 1024;
 
 QByteArray json(const QJsonObject& object) {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
@@ -140,6 +147,7 @@ struct LoopbackMovieDb::Data {
     mutable QMutex mutex; // guards everything below
     QString apiKey = QString::fromLatin1(kDefaultApiKey);
     int slowDelayMs = 20000;
+    LoopbackMovieDb::Mode mode = LoopbackMovieDb::Mode::Normal;
     QList<QUrl> requests;
     QString baseURL;
     QHash<QString, QByteArray> encodedImages;
@@ -147,6 +155,7 @@ struct LoopbackMovieDb::Data {
     bool load(QString* error);
     void noteImage(const QJsonValue& path, ImageKind kind);
     Answer answer(const QUrl& url);
+    Answer answerApi(const QUrl& url);
     Answer answerMovie(qint64 id, const QString& rest, const QUrlQuery& query);
     Answer answerSearch(const QUrlQuery& query);
     Answer answerImage(const QString& size, const QString& path);
@@ -269,6 +278,29 @@ Answer LoopbackMovieDb::Data::answer(const QUrl& url) {
     if (!path.startsWith(QLatin1String("/3/")))
         return notFound();
 
+    LoopbackMovieDb::Mode current;
+    {
+        QMutexLocker lock(&mutex);
+        current = mode;
+    }
+    switch (current) {
+    case LoopbackMovieDb::Mode::Unauthorized:
+        return errorAnswer(QHttpServerResponder::StatusCode::Unauthorized, 7,
+                           QStringLiteral("Invalid API key: You must be granted a valid key."));
+    case LoopbackMovieDb::Mode::ServerError:
+        return errorAnswer(QHttpServerResponder::StatusCode::InternalServerError, 11,
+                           QStringLiteral("Internal error: Something went wrong, contact TMDb."));
+    default:
+        break;
+    }
+    Answer api = answerApi(url);
+    api.mode = current;
+    return api;
+}
+
+Answer LoopbackMovieDb::Data::answerApi(const QUrl& url) {
+    const QString path = url.path();
+    const QUrlQuery query(url);
     {
         QMutexLocker lock(&mutex);
         if (query.queryItemValue(QStringLiteral("api_key"), QUrl::FullyDecoded) != apiKey)
@@ -481,6 +513,22 @@ protected:
             m_data->requests.append(url);
         }
         const Answer answer = m_data->answer(url);
+        switch (answer.mode) {
+        case LoopbackMovieDb::Mode::Hang:
+            // Kept open, never answered: the client's budget must end it.
+            return true;
+        case LoopbackMovieDb::Mode::Close:
+            socket->abort();
+            return true;
+        case LoopbackMovieDb::Mode::Drip:
+            drip(socket, answer);
+            return true;
+        case LoopbackMovieDb::Mode::Oversize:
+            oversize(socket, answer);
+            return true;
+        default:
+            break;
+        }
         if (answer.delayMs <= 0) {
             QHttpServerResponder responder = makeResponder(request, socket);
             responder.write(answer.body, answer.contentType, answer.status);
@@ -500,6 +548,62 @@ protected:
             guarded->disconnectFromHost();
         });
         return true;
+    }
+
+    static QByteArray head(const Answer& answer, qint64 length) {
+        const int status = int(answer.status);
+        QByteArray text = QByteArrayLiteral("HTTP/1.1 ") + QByteArray::number(status) +
+                          (status == 200 ? QByteArrayLiteral(" OK") : QByteArrayLiteral(" Error")) +
+                          QByteArrayLiteral("\r\nContent-Type: ") + answer.contentType +
+                          QByteArrayLiteral("\r\n");
+        if (length >= 0)
+            text += QByteArrayLiteral("Content-Length: ") + QByteArray::number(length) +
+                    QByteArrayLiteral("\r\n");
+        return text + QByteArrayLiteral("Connection: close\r\n\r\n");
+    }
+
+    // The whole answer announced, then one byte a second until the client
+    // gives up (the timer goes with the socket).
+    static void drip(QTcpSocket* socket, const Answer& answer) {
+        socket->write(head(answer, answer.body.size()));
+        auto* timer = new QTimer(socket);
+        auto sent = std::make_shared<qsizetype>(0);
+        QObject::connect(timer, &QTimer::timeout, socket, [socket, timer, sent, answer] {
+            if (socket->state() != QAbstractSocket::ConnectedState || *sent >= answer.body.size()) {
+                timer->stop();
+                return;
+            }
+            socket->write(answer.body.mid((*sent)++, 1));
+        });
+        timer->start(1000);
+    }
+
+    // No length, then more blanks than the client accepts before the
+    // answer; the connection's end marks the body's end.
+    static void oversize(QTcpSocket* socket, const Answer& answer) {
+        socket->write(head(answer, -1));
+        QPointer<QTcpSocket> guarded(socket);
+        auto left = std::make_shared<qsizetype>(kOversizePadding);
+        auto feed = [guarded, left, answer] {
+            if (!guarded || guarded->state() != QAbstractSocket::ConnectedState)
+                return;
+            // A megabyte at a time, as the client takes it.
+            if (guarded->bytesToWrite() > 4 * 1024 * 1024)
+                return;
+            if (*left > 0) {
+                const qsizetype chunk = std::min<qsizetype>(*left, 1024 * 1024);
+                *left -= chunk;
+                guarded->write(QByteArray(chunk, ' '));
+                return;
+            }
+            if (*left == 0) {
+                *left = -1;
+                guarded->write(answer.body);
+                guarded->disconnectFromHost();
+            }
+        };
+        QObject::connect(socket, &QTcpSocket::bytesWritten, socket, feed);
+        feed();
     }
 
     void missingHandler(const QHttpServerRequest& request, QTcpSocket* socket) override {
@@ -595,6 +699,42 @@ void LoopbackMovieDb::setApiKey(const QString& key) {
 void LoopbackMovieDb::setSlowDelay(int milliseconds) {
     QMutexLocker lock(&m_data->mutex);
     m_data->slowDelayMs = milliseconds;
+}
+
+void LoopbackMovieDb::setMode(Mode mode) {
+    QMutexLocker lock(&m_data->mutex);
+    m_data->mode = mode;
+}
+
+LoopbackMovieDb::Mode LoopbackMovieDb::mode() const {
+    QMutexLocker lock(&m_data->mutex);
+    return m_data->mode;
+}
+
+namespace {
+
+const std::pair<const char*, LoopbackMovieDb::Mode> kModes[] = {
+    {"normal", LoopbackMovieDb::Mode::Normal},   {"401", LoopbackMovieDb::Mode::Unauthorized},
+    {"500", LoopbackMovieDb::Mode::ServerError}, {"hang", LoopbackMovieDb::Mode::Hang},
+    {"drip", LoopbackMovieDb::Mode::Drip},       {"oversize", LoopbackMovieDb::Mode::Oversize},
+    {"close", LoopbackMovieDb::Mode::Close},
+};
+
+} // namespace
+
+std::optional<LoopbackMovieDb::Mode> LoopbackMovieDb::modeNamed(const QString& name) {
+    for (const auto& [text, mode] : kModes) {
+        if (name == QLatin1String(text))
+            return mode;
+    }
+    return std::nullopt;
+}
+
+QStringList LoopbackMovieDb::modeNames() {
+    QStringList names;
+    for (const auto& entry : kModes)
+        names << QLatin1String(entry.first);
+    return names;
 }
 
 QString LoopbackMovieDb::defaultFixtureFolder() {

@@ -4,7 +4,10 @@
 #include <QString>
 #include <QUrl>
 
+#include <QStringList>
+
 #include <memory>
+#include <optional>
 
 // A stand-in for the online movie database on 127.0.0.1, for tests and the
 // offline demo. It answers the API version 3 requests the client makes from
@@ -26,8 +29,24 @@
 // Requests with another api_key get 401, unknown ids 404, both with the API's
 // error bodies. The server runs on a thread of its own, so the thread that
 // made it may block.
+//
+// A failure mode, switched for tests, makes every API request (not the
+// artwork) fail one way: see Mode.
 class LoopbackMovieDb {
 public:
+    enum class Mode {
+        Normal,       // answers from the fixtures
+        Unauthorized, // "401": 401 with the API's invalid-key body
+        ServerError,  // "500": 500 with the API's internal-error body
+        Hang,         // "hang": takes the request and never answers
+        Drip,         // "drip": the right answer, one byte per second
+        Oversize,     // "oversize": the right answer after 24 MB of blanks, without a length
+        Close,        // "close": hangs up without a word
+    };
+    // "normal", "401", "500", "hang", "drip", "oversize", "close"; none for another name.
+    static std::optional<Mode> modeNamed(const QString& name);
+    static QStringList modeNames();
+
     explicit LoopbackMovieDb(const QString& fixtureFolder = defaultFixtureFolder());
     ~LoopbackMovieDb();
 
@@ -52,6 +71,9 @@ public:
     void setApiKey(const QString& key);
     // How late the slow answers come (the fixtures' value unless changed).
     void setSlowDelay(int milliseconds);
+    // How the API requests are answered from now on.
+    void setMode(Mode mode);
+    Mode mode() const;
 
     // TARNWICK_TMDB_FIXTURES, else the fixtures beside the program, else the
     // fixtures of the source tree.

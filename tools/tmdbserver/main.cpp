@@ -1,6 +1,8 @@
-// `tarnwick-tmdb-server [--port N] [--fixtures DIR] [--api-key KEY]`: serves the
-// fixtures on 127.0.0.1 until killed. The first line on standard output is the
-// base address ("http://127.0.0.1:PORT"), for TARNWICK_TMDB_URL.
+// `tarnwick-tmdb-server [--port N] [--fixtures DIR] [--api-key KEY] [--mode MODE]`:
+// serves the fixtures on 127.0.0.1 until killed. The first line on standard
+// output is the base address ("http://127.0.0.1:PORT"), for TARNWICK_TMDB_URL.
+// --mode makes every API request fail one way (401, 500, hang, drip,
+// oversize, close), for tests.
 #include "tools/tmdbserver/LoopbackMovieDb.h"
 
 #include <QCoreApplication>
@@ -9,7 +11,8 @@
 
 namespace {
 
-constexpr char kUsage[] = "usage: tarnwick-tmdb-server [--port N] [--fixtures DIR] [--api-key KEY]";
+constexpr char kUsage[] = "usage: tarnwick-tmdb-server [--port N] [--fixtures DIR] [--api-key KEY] "
+                          "[--mode normal|401|500|hang|drip|oversize|close]";
 
 int usage(const QString& message) {
     QTextStream err(stderr);
@@ -25,6 +28,7 @@ int main(int argc, char** argv) {
     quint16 port = 0;
     QString fixtures;
     QString apiKey;
+    LoopbackMovieDb::Mode mode = LoopbackMovieDb::Mode::Normal;
     for (qsizetype i = 0; i < args.size(); ++i) {
         const QString& arg = args.at(i);
         if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
@@ -32,7 +36,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         if (arg != QLatin1String("--port") && arg != QLatin1String("--fixtures") &&
-            arg != QLatin1String("--api-key"))
+            arg != QLatin1String("--api-key") && arg != QLatin1String("--mode"))
             return usage(QStringLiteral("unknown option \"%1\"").arg(arg));
         if (i + 1 >= args.size())
             return usage(QStringLiteral("%1 needs a value").arg(arg));
@@ -45,6 +49,12 @@ int main(int argc, char** argv) {
             port = quint16(number);
         } else if (arg == QLatin1String("--fixtures")) {
             fixtures = value;
+        } else if (arg == QLatin1String("--mode")) {
+            const std::optional<LoopbackMovieDb::Mode> named = LoopbackMovieDb::modeNamed(value);
+            if (!named)
+                return usage(QStringLiteral("unknown mode \"%1\"; modes: %2")
+                                 .arg(value, LoopbackMovieDb::modeNames().join(u", ")));
+            mode = *named;
         } else {
             apiKey = value;
         }
@@ -53,6 +63,7 @@ int main(int argc, char** argv) {
     LoopbackMovieDb server(fixtures.isEmpty() ? LoopbackMovieDb::defaultFixtureFolder() : fixtures);
     if (!apiKey.isEmpty())
         server.setApiKey(apiKey);
+    server.setMode(mode);
     QString error;
     if (!server.listen(port, &error)) {
         QTextStream(stderr) << "tarnwick-tmdb-server: " << error << '\n';

@@ -1,0 +1,261 @@
+// One command line for every command: the help of each, one wording for an
+// unknown option, --opt=value, the exit statuses of the README, and one JSON
+// document of the documented shape from every --json command, whatever
+// happened.
+
+#include "scan/ScanTestSupport.h"
+
+#include "CliJson.h"
+#include "Processes.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using testsupport::CliResult;
+using testsupport::runCli;
+
+struct CommandCase {
+    const char* name;
+    QStringList options; // every option its help must explain
+};
+
+const QList<CommandCase>& commands() {
+    static const QList<CommandCase> all = {
+        {"encode",
+         {"--dest", "--preset", "--secondary", "--hd-sd", "--title", "--add-itunes",
+          "--skip-tagging", "--passthru", "--no-passthru", "--yes", "--json"}},
+        {"library", {"--genre", "--folder", "--json"}},
+        {"lookup", {"--language", "--json"}},
+        {"name", {}},
+        {"presets", {}},
+        {"report", {"--preset", "--output", "--json"}},
+        {"retag", {"--search", "--yes", "--json"}},
+        {"scan", {"--title", "--skip-tagging", "--passthru", "--no-passthru", "--yes", "--json"}},
+        {"settings", {}},
+        {"tags", {"--set", "--delete", "--artwork", "--remove-artwork", "--json"}},
+        {"tracks", {"--json"}},
+    };
+    return all;
+}
+
+TEST(CommandLine, EveryCommandHasItsOwnHelpWithEveryOptionExplained) {
+    const CliResult overview = runCli({"--help"});
+    EXPECT_EQ(overview.status, 0);
+    for (const CommandCase& c : commands()) {
+        const QString name = QString::fromLatin1(c.name);
+        SCOPED_TRACE(c.name);
+        EXPECT_TRUE(overview.out.contains("\n  " + name + " ")) << overview.out.toStdString();
+
+        const CliResult help = runCli({"help", name});
+        EXPECT_EQ(help.status, 0) << help.err.toStdString();
+        EXPECT_TRUE(help.out.startsWith("usage: tarnwick-cli " + name)) << help.out.toStdString();
+        EXPECT_TRUE(help.err.isEmpty());
+        EXPECT_TRUE(help.out.contains("Exit status: 0 "));
+        EXPECT_TRUE(help.out.contains("-h, --help  ") || help.out.contains("-h, --help\n"));
+        // Each option on a line of its own with words after it.
+        for (const QString& option : c.options) {
+            const QRegularExpression line(QStringLiteral("\\n  (-\\w, )?") +
+                                          QRegularExpression::escape(option) +
+                                          QStringLiteral("( \\S+)?\\s+\\w+"));
+            EXPECT_TRUE(line.match(help.out).hasMatch()) << option.toStdString();
+        }
+        // The same from --help and -h, whatever else is on the line; nothing runs.
+        for (const QStringList& args : {QStringList{name, "--help"}, QStringList{name, "-h"},
+                                        QStringList{name, "some argument", "-h"}}) {
+            const CliResult r = runCli(args);
+            EXPECT_EQ(r.status, 0) << args.join(' ').toStdString();
+            EXPECT_EQ(r.out, help.out) << args.join(' ').toStdString();
+        }
+    }
+    const CliResult unknown = runCli({"help", "frobnicate"});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_TRUE(unknown.err.contains("unknown command 'frobnicate'"));
+}
+
+TEST(CommandLine, OneWordingForAnUnknownOptionInEveryCommand) {
+    for (const CommandCase& c : commands()) {
+        const QString name = QString::fromLatin1(c.name);
+        const CliResult r = runCli({name, "--bogus", "x"});
+        EXPECT_EQ(r.status, 2) << c.name;
+        EXPECT_TRUE(r.err.startsWith("tarnwick-cli " + name +
+                                     ": unknown option '--bogus' (usage: tarnwick-cli " + name))
+            << r.err.toStdString();
+        // One line.
+        EXPECT_EQ(r.err.trimmed().count(u'\n'), 0) << r.err.toStdString();
+        EXPECT_TRUE(r.out.isEmpty()) << c.name;
+    }
+}
+
+TEST(CommandLine, DashesAreArgumentsAfterTheDoubleDash) {
+    // A name that looks like an option is named, not taken for one.
+    CliResult r = runCli({"name", "--", "--help"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "--help\tHelp\tHelp\n");
+    // lookup -h shows the help and searches for nothing.
+    r = runCli({"lookup", "-h"}, {}, 20000, {{"TARNWICK_TMDB_URL", "http://127.0.0.1:1"}});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(r.out.startsWith("usage: tarnwick-cli lookup"));
+}
+
+TEST(CommandLine, ExitStatusesAreTheSameInEveryCommand) {
+    scantest::server();
+    QTemporaryDir dir;
+    const QString missing = dir.filePath("missing.mkv");
+    struct Case {
+        QStringList args;
+        int status;
+        const char* says;
+    };
+    const QList<Case> cases = {
+        // A source that is not there failed: 1 everywhere.
+        {{"scan", missing}, 1, "no such file or folder"},
+        {{"encode", missing, "--dest", dir.path()}, 1, "no such file or folder"},
+        {{"retag", missing}, 1, "no such file"},
+        {{"report", missing}, 1, "no such file"},
+        {{"tags", missing}, 1, "no such file"},
+        {{"tracks", missing}, 1, "no such file"},
+        // Usage errors: 2 everywhere.
+        {{"scan"}, 2, "no source given"},
+        {{"encode"}, 2, "no source given"},
+        {{"retag"}, 2, "no file given"},
+        {{"report"}, 2, "no report file given"},
+        {{"tags"}, 2, "no file given"},
+        {{"tracks"}, 2, "no file given"},
+        {{"lookup"}, 2, "no title given"},
+        {{"name"}, 2, "no name given"},
+        {{"scan", missing, "--title", "x"}, 2, "--title needs a title number"},
+        {{"encode", missing, "--title=-1"}, 2, "--title needs a title number"},
+        {{"encode", missing, "--dest"}, 2, "option '--dest' needs a value"},
+        {{"scan", missing, "--json=yes"}, 2, "option '--json' takes no value"},
+        {{"scan", missing, "--passthru", "--no-passthru"}, 2, "exclude each other"},
+        {{"tags", missing, "--set", "Nonsense=1"}, 2, "unknown tag \"Nonsense\""},
+        {{"tags", missing, "--set", "no equals sign"}, 2, "--set takes TAG=VALUE"},
+        {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
+    };
+    for (const Case& c : cases) {
+        const CliResult r = runCli(c.args);
+        EXPECT_EQ(r.status, c.status)
+            << c.args.join(' ').toStdString() << ": " << r.err.toStdString();
+        EXPECT_TRUE(r.err.contains(QString::fromUtf8(c.says)))
+            << c.args.join(' ').toStdString() << ": " << r.err.toStdString();
+    }
+}
+
+TEST(CommandLine, OptionValuesGoWithAnEqualsSignOrAsTheNextArgument) {
+    const QString report = testsupport::dataPath("scan-reports/file-mkv.txt");
+    const CliResult spaced =
+        runCli({"report", report, "--preset", "SD 480p", "--output", "/o.m4v"});
+    const CliResult joined = runCli({"report", "--preset=SD 480p", report, "--output=/o.m4v"});
+    EXPECT_EQ(spaced.status, 0) << spaced.err.toStdString();
+    EXPECT_EQ(joined.status, 0) << joined.err.toStdString();
+    EXPECT_EQ(spaced.out, joined.out);
+    EXPECT_TRUE(spaced.out.contains("--output /o.m4v")) << spaced.out.toStdString();
+}
+
+// Every --json command, in a run that works and in runs that fail, prints
+// exactly one document of the documented shape.
+TEST(CommandLine, EveryJsonRunPrintsOneDocumentOfTheDocumentedShape) {
+    scantest::server();
+    QTemporaryDir dir;
+    const QString movie = scantest::sample("Harbour Lights.mp4");
+    const QString junk = scantest::sample("junk.mkv");
+    ASSERT_FALSE(movie.isEmpty() || junk.isEmpty());
+    const QString copy = dir.filePath("Harbour Lights.m4v");
+    ASSERT_TRUE(QFile::copy(movie, copy));
+    const QString empty = dir.filePath("movies");
+    QDir().mkpath(empty);
+    const QString report = testsupport::dataPath("scan-reports/file-mkv.txt");
+    const QString missing = dir.filePath("missing.mkv");
+
+    struct Case {
+        QStringList args;
+        int status;
+    };
+    const QList<Case> cases = {
+        {{"scan", movie, junk, "--yes"}, 1},
+        {{"scan", missing}, 1},
+        {{"scan", movie, "--bogus"}, 2},
+        {{"report", report}, 0},
+        {{"report", testsupport::dataPath("scan-reports/no-title.txt")}, 1},
+        {{"retag", copy, junk}, 1}, // nothing confirmed without a terminal
+        {{"retag", copy, "--search", "A Film Nobody Made", "--yes"}, 1},
+        {{"lookup", "Harbour Lights"}, 0},
+        {{"lookup", "A Film Nobody Made"}, 1},
+        {{"library", "--folder", empty}, 0},
+        {{"library", "--folder", missing}, 1},
+        {{"tags", movie}, 0},
+        {{"tags", junk}, 1},
+        {{"tracks", movie}, 0},
+        {{"tracks", junk}, 1},
+        {{"encode", missing}, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args.join(' ').toStdString());
+        const CliResult r = runCli(c.args + QStringList{"--json"});
+        EXPECT_EQ(r.status, c.status) << r.err.toStdString();
+        const QJsonObject doc = testsupport::expectCliJson(r.out, c.args.first(), c.status);
+        if (c.status != 0 && c.args.first() != "retag" && c.args.first() != "scan")
+            EXPECT_TRUE(doc.value("error").isString()) << r.out.toStdString();
+    }
+
+    // What the shapes hold, once.
+    CliResult r = runCli({"scan", movie, "--yes", "--json"});
+    QJsonObject item =
+        testsupport::expectCliJson(r.out, "scan", 0).value("items").toArray().at(0).toObject();
+    EXPECT_EQ(item.value("source").toObject().value("path").toString(), movie);
+    EXPECT_EQ(item.value("source").toObject().value("sourceType").toString(), "video file");
+    EXPECT_EQ(item.value("state").toString(), "ready");
+    EXPECT_EQ(item.value("lookup").toString(), "matched");
+    EXPECT_EQ(item.value("mainTitle").toInt(), 1);
+    EXPECT_EQ(item.value("match").toObject().value("tmdbID").toString(), "100004");
+    EXPECT_EQ(item.value("match").toObject().value("year").toString(), "1962");
+    const QJsonObject track =
+        item.value("titles").toArray().at(0).toObject().value("audio").toArray().at(0).toObject();
+    EXPECT_EQ(track.value("language").toString(), "eng");
+    EXPECT_EQ(track.value("channels").toString(), "2.0");
+    EXPECT_TRUE(item.value("warnings").toArray().isEmpty());
+
+    r = runCli({"lookup", "A Film Nobody Made", "--json"});
+    const QJsonObject none = testsupport::expectCliJson(r.out, "lookup", 1);
+    EXPECT_TRUE(none.value("match").isNull());
+    EXPECT_TRUE(none.value("error").toString().contains("no match")) << r.out.toStdString();
+}
+
+TEST(CommandLine, PassThroughIsChosenForTheRunAndThePresetSaysItNeedsIt) {
+    scantest::server();
+    const QString movie = scantest::sample("Harbour Lights.mp4");
+    ASSERT_FALSE(movie.isEmpty());
+    struct Case {
+        QStringList options;
+        bool kept;
+    };
+    for (const Case& c :
+         {Case{{"--passthru"}, true}, Case{{"--no-passthru"}, false}, Case{{}, false}}) {
+        SCOPED_TRACE(c.options.join(' ').toStdString());
+        const CliResult r =
+            runCli(QStringList{"scan", movie, "--skip-tagging", "--json"} + c.options);
+        ASSERT_EQ(r.status, 0) << r.err.toStdString();
+        const QJsonObject item =
+            testsupport::expectCliJson(r.out, "scan", 0).value("items").toArray().at(0).toObject();
+        EXPECT_EQ(item.value("passthru").toBool(), c.kept);
+        // The pass-through command line encodes a stand-in the muxer replaces.
+        const QStringList command = item.value("command").toVariant().toStringList();
+        EXPECT_EQ(command.contains("--width") && command.contains("80"), c.kept)
+            << command.join(' ').toStdString();
+    }
+    // The stored setting is as it was.
+    EXPECT_EQ(runCli({"settings", "get", "Passthru Video"}).out.trimmed(), "NO");
+    // The shipped pass-through preset says what it needs.
+    const CliResult preset = runCli({"presets", "show", "Passthru 1080p"});
+    EXPECT_EQ(preset.status, 0) << preset.err.toStdString();
+    EXPECT_TRUE(preset.out.contains("source video kept with pass-through on"))
+        << preset.out.toStdString();
+}
+
+} // namespace
