@@ -1,0 +1,299 @@
+// The desktop window on the real controllers: the toolbar and menu states
+// through start, pause, resume and stop; sources dropped on the grid,
+// scanned by the encoder tool and converted, with the cells, the progress
+// lines, the information panel and the remove question following them; the
+// library grid filtered by the genre pop-up.
+
+#include "library/LibraryTestMedia.h"
+#include "processing/ProcessingTestSupport.h"
+#include "scan/ScanTestSupport.h"
+
+#include "library/MoviesBrowserController.h"
+#include "media/EncodeBrowserController.h"
+#include "media/MDI_Media.h"
+#include "processing/AppDelegate.h"
+#include "processing/EncoderController.h"
+#include "ui/BrowserModel.h"
+#include "ui/BrowserView.h"
+#include "ui/MainWindow.h"
+#include "ui/MovieInfoPanel.h"
+#include "ui/ProgressArea.h"
+
+#include <QAbstractButton>
+#include <QAction>
+#include <QApplication>
+#include <QComboBox>
+#include <QMimeData>
+#include <QTest>
+#include <QTimer>
+
+using testsupport::waitUntil;
+
+namespace {
+
+QString key(const char* name) {
+    return QString::fromLatin1(name);
+}
+
+// Answers the next modal dialog once it is on screen: records its object
+// name and presses the button labelled `button`.
+class DialogAnswer {
+public:
+    explicit DialogAnswer(const QString& button) {
+        m_timer.setInterval(20);
+        QObject::connect(&m_timer, &QTimer::timeout, [this, button] {
+            QWidget* dialog = QApplication::activeModalWidget();
+            if (!dialog || !dialog->isVisible())
+                return;
+            m_timer.stop();
+            shown = dialog->objectName();
+            for (QAbstractButton* b : dialog->findChildren<QAbstractButton*>()) {
+                if (b->text().remove(u'&') == button) {
+                    b->click();
+                    return;
+                }
+            }
+            ADD_FAILURE() << "no button " << button.toStdString() << " in " << shown.toStdString();
+        });
+        m_timer.start();
+    }
+    QString shown;
+
+private:
+    QTimer m_timer;
+};
+
+struct Controls {
+    bool start, startMenu, pause, pauseMenu, pauseChecked, stop, stopMenu;
+    const char* pauseLabel;
+    const char* pauseImage;
+};
+
+class MainWindowTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        scantest::server();
+        scantest::resetSettings();
+        UserDefaults& defaults = UserDefaults::standard();
+        defaults.setObject(defaults.objectForKey(key(SettingsKey::Presets)),
+                           key(SettingsKey::PresetsCurrent));
+        defaults.setBool(true, key(SettingsKey::UpdatePresets));
+        defaults.setObject(QStringLiteral("SD 480p"), key(SettingsKey::PrimaryDevice));
+        defaults.setObject(QStringLiteral("SD 480p"), key(SettingsKey::SecondaryDevice));
+        defaults.setBool(true, key(SettingsKey::HideInstructions));
+        ASSERT_TRUE(m_out.isValid());
+        defaults.setObject(Bookmark::create(m_out.path()),
+                           key(SettingsKey::DestinationPathBookmark));
+        EncodeList::releaseInstance();
+        TagList::releaseInstance();
+    }
+    void TearDown() override {
+        window.reset();
+        app.reset();
+        waitUntil([] { return false; }, 200);
+        EncodeList::releaseInstance();
+        TagList::releaseInstance();
+    }
+    void launch() {
+        app = std::make_unique<AppDelegate>();
+        window = std::make_unique<MainWindow>(app.get());
+        window->show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(window.get()));
+        app->applicationWillFinishLaunching();
+    }
+    void expectControls(const Controls& c, const char* when) const {
+        SCOPED_TRACE(when);
+        EXPECT_EQ(window->startButton()->isEnabled(), c.start);
+        EXPECT_EQ(window->startMenu()->isEnabled(), c.startMenu);
+        EXPECT_EQ(window->pauseToggle()->isEnabled(), c.pause);
+        EXPECT_EQ(window->pauseMenu()->isEnabled(), c.pauseMenu);
+        EXPECT_EQ(window->pauseMenu()->isChecked(), c.pauseChecked);
+        EXPECT_EQ(window->stopButton()->isEnabled(), c.stop);
+        EXPECT_EQ(window->stopMenu()->isEnabled(), c.stopMenu);
+        EXPECT_EQ(window->pauseToggle()->text(), QLatin1String(c.pauseLabel));
+        EXPECT_EQ(window->imageName(window->pauseToggle()), QLatin1String(c.pauseImage));
+    }
+    const MediaItemList& items() const { return app->encodeBrowseController()->movieList(); }
+    QAbstractItemModel* grid(int function) const { return window->view(function)->model(); }
+    int badge(int row) const {
+        return grid(AppDelegate::EncodeFunction)->index(row, 0).data(BrowserRole::Badge).toInt();
+    }
+
+    QTemporaryDir m_out;
+    std::unique_ptr<AppDelegate> app;
+    std::unique_ptr<MainWindow> window;
+};
+
+const Controls kStopped{true, true, false, false, false, false, false, "Pause", "Aqua-Pause-icon"};
+const Controls kStarted{false, false, true, true, false, true, true, "Pause", "Aqua-Pause-icon"};
+const Controls kPaused{false, false, true, true, true, true, true, "Resume", "Aqua-Play-icon"};
+
+} // namespace
+
+TEST_F(MainWindowTest, ControlsFollowTheQueueAndTheFunction) {
+    UserDefaults::standard().setBool(false, key(SettingsKey::HideInstructions));
+    DialogAnswer instructions(QStringLiteral("OK"));
+    launch();
+    EXPECT_EQ(instructions.shown, QStringLiteral("InstructionsPanel"));
+
+    expectControls(kStopped, "at launch");
+    EXPECT_EQ(window->scanToggle()->text(), QStringLiteral("Scan"));
+    EXPECT_EQ(window->imageName(window->scanToggle()), QStringLiteral("Actions-page-zoom-icon"));
+    window->pauseMenu()->trigger();
+    expectControls(kStopped, "pause while stopped does nothing");
+
+    // Nothing is ready: the queue starts all the same and runs nothing.
+    window->startButton()->trigger();
+    expectControls(kStarted, "started");
+    window->pauseMenu()->trigger();
+    expectControls(kPaused, "paused");
+    window->startMenu()->trigger();
+    expectControls(kPaused, "start while paused");
+    window->pauseToggle()->trigger();
+    expectControls(kStarted, "resumed");
+    window->stopMenu()->trigger();
+    expectControls(kStopped, "stopped");
+
+    EXPECT_FALSE(window->genrePopup()->isEnabled());
+    window->functionAction(AppDelegate::LibraryFunction)->trigger();
+    EXPECT_EQ(app->selectedFunction(), AppDelegate::LibraryFunction);
+    EXPECT_EQ(window->currentView(), window->view(AppDelegate::LibraryFunction));
+    EXPECT_TRUE(window->genrePopup()->isEnabled());
+    QStringList expected{QStringLiteral("All Movies")};
+    for (const QVariant& genre : UserDefaults::standard().arrayForKey(key(SettingsKey::GenreList)))
+        expected << genre.toString();
+    QStringList shown;
+    for (int i = 0; i < window->genrePopup()->count(); ++i)
+        shown << window->genrePopup()->itemText(i);
+    EXPECT_EQ(shown, expected);
+    EXPECT_FALSE(window->selectAllAction()->isEnabled());
+    window->functionAction(AppDelegate::EncodeFunction)->trigger();
+    EXPECT_FALSE(window->genrePopup()->isEnabled());
+    EXPECT_EQ(window->genrePopup()->count(), 0);
+}
+
+TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
+    QString missing;
+    if (!jobtest::toolsPresent(&missing))
+        GTEST_SKIP() << missing.toStdString() << " is not installed";
+    launch();
+    const QString lighthouse = scantest::sample(QStringLiteral("The Lighthouse Keeper (2019).mkv"));
+    const QString unknown = scantest::sampleAs(QStringLiteral("Harbour Lights.mp4"),
+                                               QStringLiteral("Quayside Tugboat Story.mp4"));
+    ASSERT_FALSE(lighthouse.isEmpty());
+
+    // A file manager's drop on the encode grid.
+    BrowserView* view = window->view(AppDelegate::EncodeFunction);
+    QMimeData mime;
+    mime.setUrls({QUrl::fromLocalFile(lighthouse), QUrl::fromLocalFile(unknown)});
+    const QPoint at = view->viewport()->rect().center();
+    QDragEnterEvent enter(at, Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(view->viewport(), &enter);
+    EXPECT_TRUE(enter.isAccepted());
+    QDropEvent drop(at, Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    // The second name finds nothing: the search panel is skipped.
+    DialogAnswer skip(QStringLiteral("Skip"));
+    QApplication::sendEvent(view->viewport(), &drop);
+    ASSERT_EQ(grid(AppDelegate::EncodeFunction)->rowCount(), 2);
+
+    ASSERT_TRUE(waitUntil([&] { return badge(0) == BrowserModel::Scanning; }, 30000));
+    EXPECT_EQ(window->scanToggle()->text(), QStringLiteral("Cancel"));
+    EXPECT_EQ(window->imageName(window->scanToggle()), QStringLiteral("Actions-zoom-out-icon"));
+    EXPECT_EQ(badge(1), BrowserModel::Added);
+    EXPECT_FALSE(window->progressArea()->scanText().isEmpty());
+    ASSERT_TRUE(waitUntil(
+        [&] { return items().at(0)->status() == 8 && items().at(1)->status() == 8; }, 120000))
+        << "statuses " << items().at(0)->status() << " " << items().at(1)->status();
+    EXPECT_EQ(skip.shown, QStringLiteral("SearchPanel"));
+    EXPECT_EQ(badge(0), BrowserModel::NoBadge);
+    EXPECT_EQ(grid(AppDelegate::EncodeFunction)->index(0, 0).data().toString(),
+              QStringLiteral("The Lighthouse Keeper"));
+    ASSERT_TRUE(waitUntil([&] { return window->scanToggle()->text() == QLatin1String("Scan"); }));
+
+    // The information panel follows the selection.
+    view->selectRows({0});
+    EXPECT_EQ(window->infoPanel()->nameText(), QStringLiteral("The Lighthouse Keeper"));
+    window->selectAllAction()->trigger();
+    EXPECT_EQ(window->infoPanel()->summaryText(), QStringLiteral("2 movies selected"));
+    view->selectRows({0});
+
+    window->startButton()->trigger();
+    ASSERT_TRUE(waitUntil([&] { return items().at(0)->status() == 9; }, 60000));
+    EXPECT_EQ(badge(0), BrowserModel::Working);
+    ASSERT_TRUE(waitUntil([&] { return !window->progressArea()->encodeText().isEmpty(); }));
+    expectControls(kStarted, "converting");
+    window->pauseToggle()->trigger();
+    expectControls(kPaused, "converting, paused");
+    window->pauseToggle()->trigger();
+
+    // Delete on the converting movie asks; "No" keeps it converting.
+    DialogAnswer no(QStringLiteral("No"));
+    view->setFocus();
+    QTest::keyClick(view, Qt::Key_Delete);
+    EXPECT_EQ(no.shown, QStringLiteral("RemoveQuestion"));
+    ASSERT_EQ(items().size(), 2);
+    EXPECT_EQ(items().at(0)->status(), 9);
+    EXPECT_EQ(grid(AppDelegate::EncodeFunction)->rowCount(), 2);
+
+    window->stopButton()->trigger();
+    expectControls(kStopped, "stopped while converting");
+    ASSERT_TRUE(waitUntil([&] { return !app->encodeController()->progressViewVisible(); }, 30000));
+    EXPECT_EQ(badge(0), BrowserModel::NoBadge);
+    EXPECT_TRUE(QDir(m_out.path()).entryList(QDir::Files).isEmpty())
+        << "a stopped conversion leaves nothing: "
+        << QDir(m_out.path()).entryList().join(u' ').toStdString();
+}
+
+TEST_F(MainWindowTest, GenrePopUpFiltersTheLibraryGrid) {
+    const QStringList genres = [] {
+        QStringList g;
+        for (const QVariant& v : UserDefaults::standard().arrayForKey(key(SettingsKey::GenreList)))
+            g << v.toString();
+        return g;
+    }();
+    ASSERT_GE(genres.size(), 2);
+    const QString first = genres.at(0);
+    const QString second = genres.at(1);
+    QTemporaryDir library;
+    using librarytest::MovieTags;
+    ASSERT_FALSE(
+        librarytest::makeMovie(library.filePath("a.m4v"),
+                               MovieTags().setName("Zephyr").setGenre(second).setContentID(1))
+            .isEmpty());
+    librarytest::makeMovie(library.filePath("b.m4v"),
+                           MovieTags().setName("Aurora").setGenre(first).setContentID(2));
+    librarytest::makeMovie(library.filePath("c.m4v"),
+                           MovieTags().setName("Meridian").setGenre(second).setContentID(3));
+    launch();
+    app->moviesBrowserController()->setMoviesFolder(library.path());
+    window->functionAction(AppDelegate::LibraryFunction)->trigger();
+    QAbstractItemModel* grid = this->grid(AppDelegate::LibraryFunction);
+    ASSERT_TRUE(waitUntil([&] { return grid->rowCount() == 3; }, 30000));
+    auto column = [grid](int role) {
+        QStringList values;
+        for (int row = 0; row < grid->rowCount(); ++row)
+            values << grid->index(row, 0).data(role).toString();
+        return values;
+    };
+    // "All Movies" groups the cells by genre.
+    const QStringList groups = column(BrowserRole::Group);
+    EXPECT_TRUE(std::is_sorted(
+        groups.cbegin(), groups.cend(),
+        [](const QString& a, const QString& b) { return QString::localeAwareCompare(a, b) < 0; }))
+        << groups.join(u',').toStdString();
+    EXPECT_EQ(groups.count(second), 2);
+
+    QComboBox* popup = window->genrePopup();
+    const int index = popup->findText(first);
+    ASSERT_GE(index, 0);
+    emit popup->activated(index);
+    EXPECT_EQ(column(Qt::DisplayRole), QStringList{QStringLiteral("Aurora")});
+    emit popup->activated(popup->findText(second));
+    EXPECT_EQ(column(Qt::DisplayRole),
+              (QStringList{QStringLiteral("Meridian"), QStringLiteral("Zephyr")}));
+
+    window->view(AppDelegate::LibraryFunction)->selectRows({1});
+    EXPECT_EQ(window->infoPanel()->nameText(), QStringLiteral("Zephyr"));
+    emit popup->activated(0);
+    EXPECT_EQ(grid->rowCount(), 3);
+}
