@@ -16,7 +16,8 @@ done
 WORK="$(mktemp -d "${TMPDIR:-/tmp}/tarnwick-xvfb.XXXXXX")"
 OUT="$WORK/out"
 SHOTS="$BUILD/screenshots"
-mkdir -p "$OUT" "$SHOTS" "$WORK/home/Documents" "$WORK/tmp"
+mkdir -p "$OUT" "$SHOTS" "$WORK/home/Documents" "$WORK/tmp" "$WORK/runtime"
+chmod 700 "$WORK/runtime"
 XVFB_PID="" SERVER_PID="" APP_PID=""
 cleanup() {
   for pid in $APP_PID $SERVER_PID $XVFB_PID; do
@@ -33,6 +34,7 @@ fail() {
 }
 
 export HOME="$WORK/home" XDG_CONFIG_HOME="$WORK/home/.config" TMPDIR="$WORK/tmp"
+export XDG_RUNTIME_DIR="$WORK/runtime"
 export TARNWICK_RESOURCES="$BUILD/share/tarnwick" TARNWICK_LIBEXEC="$BUILD/bin"
 unset TARNWICK_SETTINGS
 CLI="$BUILD/bin/tarnwick-cli"
@@ -81,8 +83,9 @@ key() {
   xdotool key --clearmodifiers "$@"
 }
 
-# Start (Ctrl+R) is pressed until the queue takes the movie: until the scan
-# and the match are done there is nothing ready to convert.
+# Stop and Start (Ctrl+. and Ctrl+R) are pressed until the queue takes the
+# movie: a start before the scan and the match are done finds nothing ready
+# and leaves the queue started and idle.
 shot=""
 movie=""
 deadline=$((SECONDS + 300))
@@ -97,8 +100,11 @@ while ((SECONDS < deadline)); do
   if [[ -n "$movie" ]] && AtomicParsley "$movie" -t 2>/dev/null | grep -q 'The Lighthouse Keeper'; then
     break
   fi
-  [[ -z "$movie" ]] && key ctrl+r
-  sleep 1
+  if [[ -z "$movie" ]]; then
+    key ctrl+period
+    key ctrl+r
+  fi
+  sleep 2
 done
 [[ -n "$movie" ]] || fail "no .m4v was written"
 AtomicParsley "$movie" -t | grep -q 'The Lighthouse Keeper' || fail "$movie is not tagged"
