@@ -11,7 +11,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   iso-codes
   handbrake-cli ffmpeg dvdauthor atomicparsley mediainfo
-  xz-utils
+  xz-utils librsvg2-bin
 )
 
 missing=()
