@@ -131,10 +131,13 @@ TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
     EXPECT_EQ(items().at(0)->status(), 9);
     EXPECT_EQ(grid(AppDelegate::EncodeFunction)->rowCount(), 2);
 
-    window->stopButton()->trigger();
-    expectControls(kStopped, "stopped while converting");
-    ASSERT_TRUE(waitUntil([&] { return !app->encodeController()->progressViewVisible(); }, 30000));
-    EXPECT_EQ(badge(0), BrowserModel::NoBadge);
+    // Quitting asks first, then stops like Stop: nothing half-written stays.
+    DialogAnswer quit(QStringLiteral("Stop and Quit"));
+    EXPECT_TRUE(window->close());
+    EXPECT_EQ(quit.shown, QStringLiteral("QuitQuestion"));
+    expectControls(kStopped, "quit while converting");
+    EXPECT_FALSE(app->encodeController()->progressViewVisible());
+    EXPECT_EQ(items().at(0)->status(), 8);
     EXPECT_TRUE(QDir(m_out.path()).entryList(QDir::Files).isEmpty())
         << "a stopped conversion leaves nothing: "
         << QDir(m_out.path()).entryList().join(u' ').toStdString();
