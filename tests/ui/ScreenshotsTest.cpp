@@ -9,6 +9,7 @@
 #include "lookup/SearchPanelController.h"
 #include "media/EncodeBrowserController.h"
 #include "media/MDI_Media.h"
+#include "processing/EncoderController.h"
 #include "ui/AboutDialog.h"
 #include "ui/DiscInstructionsPanel.h"
 #include "ui/InstructionsPanel.h"
@@ -143,6 +144,18 @@ TEST_F(Screenshots, MainWindowAndDialogs) {
     window->view(AppDelegate::EncodeFunction)->selectRows({3});
     QTest::qWait(100);
     save(window.get(), QStringLiteral("main-encode-failed"));
+
+    // The real source converting: its cell's progress and the encode line.
+    window->startButton()->trigger();
+    EncoderController* encoder = app->encodeController();
+    ASSERT_TRUE(waitUntil(
+        [&] { return encoder->progressViewVisible() && encoder->progressIndicator() > 20; },
+        60000));
+    window->view(AppDelegate::EncodeFunction)->selectRows({0});
+    QTest::qWait(100);
+    save(window.get(), QStringLiteral("main-encode-converting"));
+    window->stopButton()->trigger();
+    ASSERT_TRUE(waitUntil([&] { return !encoder->progressViewVisible(); }, 30000));
 
     // Retag: a tagged file of the library looked up again.
     window->functionAction(AppDelegate::RetagFunction)->trigger();
