@@ -14,6 +14,7 @@
 #include "ui/ProgressArea.h"
 
 #include <QComboBox>
+#include <QMessageBox>
 #include <QMimeData>
 
 using namespace uitest;
@@ -66,6 +67,33 @@ TEST_F(MainWindowTest, ControlsFollowTheQueueAndTheFunction) {
     window->functionAction(AppDelegate::EncodeFunction)->trigger();
     EXPECT_FALSE(window->genrePopup()->isEnabled());
     EXPECT_EQ(window->genrePopup()->count(), 0);
+}
+
+TEST_F(MainWindowTest, OutOfDatePresetsAskAtLaunchAndBeforeStart) {
+    UserDefaults::standard().setBool(false, key(SettingsKey::UpdatePresets));
+    QString text;
+    auto read = [&text](QWidget* dialog) {
+        auto* box = qobject_cast<QMessageBox*>(dialog);
+        ASSERT_TRUE(box);
+        text = box->windowTitle() + u'|' + box->informativeText();
+    };
+    {
+        DialogAnswer cancel(QStringLiteral("Cancel"), read);
+        launch();
+        EXPECT_EQ(cancel.shown, QStringLiteral("UpdateNotice"));
+    }
+    EXPECT_EQ(text, QString::fromLatin1(Startup::kUpdateNoticeTitle) + u'|' +
+                        QString::fromLatin1(Startup::kUpdateNoticeText));
+    {
+        DialogAnswer cancel(QStringLiteral("Cancel"));
+        window->startButton()->trigger();
+        EXPECT_EQ(cancel.shown, QStringLiteral("UpdateNotice"));
+    }
+    expectControls(kStopped, "start refused by the notice");
+    DialogAnswer ok(QStringLiteral("Ok"));
+    window->startMenu()->trigger();
+    expectControls(kStarted, "presets updated, then started");
+    EXPECT_TRUE(UserDefaults::standard().boolForKey(key(SettingsKey::UpdatePresets)));
 }
 
 TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
