@@ -168,6 +168,9 @@ TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
     window->startButton()->trigger();
     ASSERT_TRUE(waitUntil([&] { return items().at(0)->status() == 9; }, 60000));
     EXPECT_EQ(badge(0), BrowserModel::Working);
+    // The converting cell shows how far the encoder is.
+    EXPECT_GE(grid(AppDelegate::EncodeFunction)->index(0, 0).data(BrowserRole::Progress).toDouble(),
+              0.0);
     ASSERT_TRUE(waitUntil([&] { return !window->progressArea()->encodeText().isEmpty(); }));
     expectControls(kStarted, "converting");
     window->pauseToggle()->trigger();
