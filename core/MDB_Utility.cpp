@@ -1,6 +1,7 @@
 #include "core/MDB_Utility.h"
 
 #include "core/AtomicFile.h"
+#include "core/HttpClient.h"
 #include "core/PropertyList.h"
 #include "core/Resources.h"
 #include "core/SettingsKeys.h"
@@ -426,14 +427,24 @@ QUrl MDB_Utility::copyResourceToTemp(const QUrl& url) {
         return {};
     const QString target = QDir(folder).filePath(fileName);
     if (!QFileInfo::exists(target)) {
-        if (!url.isLocalFile())
-            return {};
-        QFile source(url.toLocalFile());
-        if (!source.open(QIODevice::ReadOnly))
-            return {};
-        const QByteArray contents = source.readAll();
-        if (source.error() != QFileDevice::NoError)
-            return {};
+        QByteArray contents;
+        if (url.isLocalFile()) {
+            QFile source(url.toLocalFile());
+            if (!source.open(QIODevice::ReadOnly))
+                return {};
+            contents = source.readAll();
+            if (source.error() != QFileDevice::NoError)
+                return {};
+        } else {
+            const QString scheme = url.scheme().toLower();
+            if (scheme != QLatin1String("http") && scheme != QLatin1String("https"))
+                return {};
+            // An error page or a cut-off transfer must not become the cached copy.
+            const HttpClient::Response response = HttpClient::get(url);
+            if (!response.ok())
+                return {};
+            contents = response.body;
+        }
         QSaveFile file(target);
         if (!file.open(QIODevice::WriteOnly) || file.write(contents) != contents.size() ||
             !file.commit())

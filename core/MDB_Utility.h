@@ -43,6 +43,8 @@ public:
     static bool isHD(const QString& size);
     static bool is1080p(const QString& size);
     static QSize imageSize(const MDB_Image& image);
+    // Copies a file, http or https address into the temporary folder once;
+    // none when it cannot be read or the server answers with an error.
     static QUrl copyResourceToTemp(const QUrl& url);
     // Writes the image as "<name>.png": a PNG's own bytes, anything else
     // converted through the image codec module (none when that fails).

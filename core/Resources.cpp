@@ -10,6 +10,16 @@
 
 namespace Resources {
 
+// Where the installed layout puts the resources and the auxiliary tools,
+// relative to the folder of the programs: the build passes the configured
+// install folders, these are the usual ones.
+#ifndef TARNWICK_RELATIVE_DATADIR
+#define TARNWICK_RELATIVE_DATADIR "../share/tarnwick"
+#endif
+#ifndef TARNWICK_RELATIVE_LIBEXECDIR
+#define TARNWICK_RELATIVE_LIBEXECDIR "../libexec/tarnwick"
+#endif
+
 namespace {
 QString executableDir() {
     if (QCoreApplication::instance())
@@ -22,7 +32,12 @@ QString resourceDir() {
     const QString env = qEnvironmentVariable("TARNWICK_RESOURCES");
     if (!env.isEmpty())
         return QDir::cleanPath(env);
-    return QDir::cleanPath(executableDir() + QStringLiteral("/../share/tarnwick"));
+    const QString exe = executableDir();
+    const QString installed = QDir::cleanPath(exe + QStringLiteral("/" TARNWICK_RELATIVE_DATADIR));
+    if (QFileInfo(installed).isDir())
+        return installed;
+    // The build tree keeps its resources here whatever the install folders are.
+    return QDir::cleanPath(exe + QStringLiteral("/../share/tarnwick"));
 }
 
 QString checkResourceDir() {
@@ -67,7 +82,8 @@ QString libexecDir() {
     if (!env.isEmpty())
         return QDir::cleanPath(env);
     const QString exe = executableDir();
-    const QString installed = QDir::cleanPath(exe + QStringLiteral("/../libexec/tarnwick"));
+    const QString installed =
+        QDir::cleanPath(exe + QStringLiteral("/" TARNWICK_RELATIVE_LIBEXECDIR));
     if (QFileInfo(installed).isDir())
         return installed;
     return exe;

@@ -12,6 +12,7 @@ PACKAGES=(
   iso-codes
   handbrake-cli ffmpeg dvdauthor atomicparsley mediainfo
   xz-utils
+  xvfb xdotool x11-apps librsvg2-bin
 )
 
 missing=()

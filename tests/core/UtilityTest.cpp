@@ -4,6 +4,7 @@
 #include "core/PropertyList.h"
 #include "core/SettingsKeys.h"
 #include "core/UserDefaults.h"
+#include "tools/tmdbserver/LoopbackMovieDb.h"
 
 #include <QDir>
 #include <QFile>
@@ -395,6 +396,31 @@ TEST_F(TempFolderTest, CopyResourceOfMissingFileAnswersNothing) {
         MDB_Utility::copyResourceToTemp(QUrl::fromLocalFile(m_source.filePath("nope.plist")))
             .isEmpty());
     EXPECT_FALSE(QFileInfo::exists(m_temp.filePath("nope.plist")));
+}
+
+TEST_F(TempFolderTest, CopyResourceFetchesPostersOverHttpOnce) {
+    LoopbackMovieDb server;
+    QString error;
+    ASSERT_TRUE(server.listen(0, &error)) << str(error);
+    const QString images = server.baseURL() + "/t/p/";
+
+    const QUrl poster(images + "w92/lighthouse-keeper-poster-en.jpg");
+    const QUrl copy = MDB_Utility::copyResourceToTemp(poster);
+    ASSERT_EQ(copy.toLocalFile(), m_temp.filePath("lighthouse-keeper-poster-en.jpg"));
+    const MDB_Image image = MDB_Image::fromFile(copy.toLocalFile(), &error);
+    ASSERT_FALSE(image.isNull()) << str(error);
+    EXPECT_EQ(image.size().width(), 92);
+    // The copy is the cache: asking again does not fetch again.
+    EXPECT_EQ(MDB_Utility::copyResourceToTemp(poster), copy);
+    EXPECT_EQ(server.requestCount(), 1);
+
+    // Error pages (unknown image, unknown size) and other schemes leave nothing behind.
+    for (const QString& address :
+         {images + "w92/no-such-poster.jpg", images + "w3/harbour-lights-poster.jpg",
+          QStringLiteral("ftp://127.0.0.1/t/p/w92/ftp-poster.jpg")})
+        EXPECT_TRUE(MDB_Utility::copyResourceToTemp(QUrl(address)).isEmpty()) << str(address);
+    EXPECT_EQ(QDir(m_temp.path()).entryList(QDir::Files | QDir::Hidden),
+              QStringList{"lighthouse-keeper-poster-en.jpg"});
 }
 
 TEST(ImageSize, PixelSize) {

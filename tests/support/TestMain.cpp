@@ -2,6 +2,9 @@
 // loops, and a private home folder so no test touches the user's settings,
 // Documents folder or temporary files.
 #include <QCoreApplication>
+#ifdef TARNWICK_TEST_WIDGETS
+#include <QApplication>
+#endif
 #include <QDir>
 #include <QTemporaryDir>
 
@@ -28,7 +31,14 @@ int main(int argc, char** argv) {
         setenv("TARNWICK_RESOURCES", TARNWICK_BINARY_DIR "/share/tarnwick", 1);
     if (!std::getenv("TARNWICK_LIBEXEC"))
         setenv("TARNWICK_LIBEXEC", TARNWICK_BINARY_DIR "/bin", 1);
+#ifdef TARNWICK_TEST_WIDGETS
+    // Windows are drawn off screen unless a test run asks for a display.
+    if (!std::getenv("QT_QPA_PLATFORM"))
+        setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    QApplication app(argc, argv);
+#else
     QCoreApplication app(argc, argv);
+#endif
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
