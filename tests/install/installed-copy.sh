@@ -50,6 +50,14 @@ unset TARNWICK_SETTINGS TARNWICK_RESOURCES TARNWICK_LIBEXEC TARNWICK_HANDBRAKE
 mkdir -p "$HOME" "$WORK/out"
 export PATH="$PREFIX/bin:$PATH"
 
+# The desktop application comes up on its own artwork and leaves after its
+# first painted window.
+if [[ -x "$PREFIX/bin/tarnwick" ]]; then
+  QT_QPA_PLATFORM=offscreen TARNWICK_QUIT_AFTER_SHOW=1 XDG_RUNTIME_DIR="$WORK" \
+    timeout 30 "$PREFIX/bin/tarnwick" >"$WORK/app.log" 2>&1 || { cat "$WORK/app.log" >&2; fail "the installed tarnwick did not show its window"; }
+  ! grep -q "resource.*missing\|resource folder not found" "$WORK/app.log" || { cat "$WORK/app.log" >&2; fail "the installed tarnwick misses resources"; }
+fi
+
 SAMPLE="$WORK/The Lighthouse Keeper (2019).mkv"
 ffmpeg -v error -nostdin -y -f lavfi -i "testsrc2=size=320x240:rate=25" \
   -f lavfi -i "sine=frequency=440:sample_rate=48000" -t 2 \
