@@ -29,7 +29,7 @@ expected=(
   libexec/tarnwick/Tarnwick_Pro_Muxer libexec/tarnwick/libtarnwick_imagecodec.so
   share/tarnwick/Devices.plist share/tarnwick/ISO-639.plist share/tarnwick/MovieTicket.png
   share/tarnwick/Aqua-Play-icon.png share/tarnwick/Tarnwick.png
-  share/applications/tarnwick.desktop
+  share/applications/tarnwick.desktop share/icons/hicolor/scalable/apps/tarnwick.svg
 )
 [[ -x "$BUILD/bin/Tarnwick_Pro_Muxer_Demuxer" ]] && expected+=(libexec/tarnwick/Tarnwick_Pro_Muxer_Demuxer)
 [[ -x "$BUILD/bin/tarnwick" ]] && expected+=(bin/tarnwick)
