@@ -28,9 +28,15 @@ expected=(
   libexec/tarnwick/Tarnwick_Pro_Encoder libexec/tarnwick/tarnwick-encoder-scan
   libexec/tarnwick/Tarnwick_Pro_Muxer libexec/tarnwick/libtarnwick_imagecodec.so
   share/tarnwick/Devices.plist share/tarnwick/ISO-639.plist share/tarnwick/MovieTicket.png
-  share/tarnwick/Aqua-Play-icon.png share/tarnwick/Tarnwick.png
   share/applications/tarnwick.desktop share/icons/hicolor/scalable/apps/tarnwick.svg
 )
+# The artwork the window asks for by name.
+for image in Aqua-Pause-icon Aqua-Play-icon Aqua-Stop-icon Actions-zoom-out-icon \
+  Actions-page-zoom-icon Actions-document-open-icon Actions-edit-clear-icon warning-icon \
+  Mode-Encode Mode-Retag Mode-Library Badge-Added Badge-Scanning Badge-Working Badge-Error \
+  Badge-Done Tarnwick NoArtworkBackground PosterNotAvailable; do
+  expected+=("share/tarnwick/$image.png")
+done
 [[ -x "$BUILD/bin/Tarnwick_Pro_Muxer_Demuxer" ]] && expected+=(libexec/tarnwick/Tarnwick_Pro_Muxer_Demuxer)
 [[ -x "$BUILD/bin/tarnwick" ]] && expected+=(bin/tarnwick)
 for size in 16 32 48 64 128 256; do
