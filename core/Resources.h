@@ -6,8 +6,10 @@
 // Where the program finds its shipped data and its auxiliary tools.
 namespace Resources {
 
-// The resource folder: $TARNWICK_RESOURCES, else share/tarnwick beside the
-// executable's bin/ folder (the same in the build tree and when installed).
+// The resource folder: $TARNWICK_RESOURCES, else the installed data folder
+// as seen from the executable's folder (share/tarnwick beside bin/ unless the
+// build was configured otherwise), else share/tarnwick beside bin/ as in the
+// build tree.
 QString resourceDir();
 
 // Full path of a shipped resource; empty when the resource folder is missing or
@@ -17,8 +19,9 @@ QString path(const QString& name);
 // Loads a shipped property list (invalid QVariant when missing or corrupt).
 QVariant loadPropertyList(const QString& name);
 
-// The folder of auxiliary executables: $TARNWICK_LIBEXEC, else
-// libexec/tarnwick beside bin/ when installed, else the executable's own folder.
+// The folder of auxiliary executables: $TARNWICK_LIBEXEC, else the installed
+// libexec/tarnwick as seen from the executable's folder, else the executable's
+// own folder (the build tree).
 QString libexecDir();
 
 // Full path of an auxiliary executable such as "Tarnwick_Pro_Encoder".

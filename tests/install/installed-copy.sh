@@ -28,9 +28,15 @@ expected=(
   libexec/tarnwick/Tarnwick_Pro_Encoder libexec/tarnwick/tarnwick-encoder-scan
   libexec/tarnwick/Tarnwick_Pro_Muxer libexec/tarnwick/libtarnwick_imagecodec.so
   share/tarnwick/Devices.plist share/tarnwick/ISO-639.plist share/tarnwick/MovieTicket.png
-  share/tarnwick/Aqua-Play-icon.png share/tarnwick/Tarnwick.png
-  share/applications/tarnwick.desktop
+  share/applications/tarnwick.desktop share/icons/hicolor/scalable/apps/tarnwick.svg
 )
+# The artwork the window asks for by name.
+for image in Aqua-Pause-icon Aqua-Play-icon Aqua-Stop-icon Actions-zoom-out-icon \
+  Actions-page-zoom-icon Actions-document-open-icon Actions-edit-clear-icon warning-icon \
+  Mode-Encode Mode-Retag Mode-Library Badge-Added Badge-Scanning Badge-Working Badge-Error \
+  Badge-Done Tarnwick NoArtworkBackground PosterNotAvailable; do
+  expected+=("share/tarnwick/$image.png")
+done
 [[ -x "$BUILD/bin/Tarnwick_Pro_Muxer_Demuxer" ]] && expected+=(libexec/tarnwick/Tarnwick_Pro_Muxer_Demuxer)
 [[ -x "$BUILD/bin/tarnwick" ]] && expected+=(bin/tarnwick)
 for size in 16 32 48 64 128 256; do
@@ -49,6 +55,14 @@ export XDG_CACHE_HOME="$WORK/home/.cache"
 unset TARNWICK_SETTINGS TARNWICK_RESOURCES TARNWICK_LIBEXEC TARNWICK_HANDBRAKE
 mkdir -p "$HOME" "$WORK/out"
 export PATH="$PREFIX/bin:$PATH"
+
+# The desktop application comes up on its own artwork and leaves after its
+# first painted window.
+if [[ -x "$PREFIX/bin/tarnwick" ]]; then
+  QT_QPA_PLATFORM=offscreen TARNWICK_QUIT_AFTER_SHOW=1 XDG_RUNTIME_DIR="$WORK" \
+    timeout 30 "$PREFIX/bin/tarnwick" >"$WORK/app.log" 2>&1 || { cat "$WORK/app.log" >&2; fail "the installed tarnwick did not show its window"; }
+  ! grep -q "resource.*missing\|resource folder not found" "$WORK/app.log" || { cat "$WORK/app.log" >&2; fail "the installed tarnwick misses resources"; }
+fi
 
 SAMPLE="$WORK/The Lighthouse Keeper (2019).mkv"
 ffmpeg -v error -nostdin -y -f lavfi -i "testsrc2=size=320x240:rate=25" \
