@@ -13,6 +13,8 @@ DevicesPanel::DevicesPanel(QWidget* parent)
     setObjectName(QStringLiteral("DevicesPanel"));
     setWindowModality(Qt::WindowModal);
     m_ui->deviceParams->horizontalHeader()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
+    m_ui->deviceParams->verticalHeader()->setDefaultSectionSize(
+        m_ui->deviceParams->fontMetrics().height() + 10);
     m_ui->cliGuide->setToolTip(DevicesPanelController::cliGuideUrl().toString());
 
     connect(&m_controller, &DevicesPanelController::devicesChanged, this,

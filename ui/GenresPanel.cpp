@@ -12,6 +12,8 @@ GenresPanel::GenresPanel(QWidget* parent)
     setWindowModality(Qt::WindowModal);
     m_ui->genreMap->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
     m_ui->genreMap->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Stretch);
+    m_ui->genreMap->verticalHeader()->setDefaultSectionSize(
+        m_ui->genreMap->fontMetrics().height() + 12);
 
     connect(&m_controller, &GenresPanelController::tablesChanged, this, &GenresPanel::reload);
     connect(m_ui->addGenre, &QPushButton::clicked, this, [this] {
@@ -42,14 +44,13 @@ GenresPanel::GenresPanel(QWidget* parent)
     });
     connect(m_ui->closeButton, &QPushButton::clicked, this, &QDialog::accept);
     reload();
-    select(-1);
+    select(m_ui->genreList->count() > 0 ? 0 : -1);
 }
 
 GenresPanel::~GenresPanel() = default;
 
 int GenresPanel::selectedRow() const {
-    QListWidgetItem* item = m_ui->genreList->currentItem();
-    return item && item->isSelected() ? m_ui->genreList->row(item) : -1;
+    return m_ui->genreList->currentRow();
 }
 
 void GenresPanel::select(int row) {
