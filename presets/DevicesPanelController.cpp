@@ -129,8 +129,16 @@ bool DevicesPanelController::onDeleteDevice() {
 bool DevicesPanelController::controlTextDidEndEditing(const QString& text) {
     if (text == m_currentDevice)
         return true;
-    bool renamed = !text.isEmpty() && !m_devices.contains(text) &&
-                   MDB_Devices::changeDeviceName(m_currentDevice, text);
+    const bool renamed = !text.isEmpty() && !m_devices.contains(text) &&
+                         MDB_Devices::changeDeviceName(m_currentDevice, text);
+    // The preset in use stays in use under its new name.
+    if (renamed) {
+        auto& d = UserDefaults::standard();
+        for (const char* key : {SettingsKey::PrimaryDevice, SettingsKey::SecondaryDevice}) {
+            if (d.stringForKey(key) == m_currentDevice)
+                d.setObject(text, key);
+        }
+    }
     reloadNames();
     select(renamed ? text : m_currentDevice);
     return renamed;

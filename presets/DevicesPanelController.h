@@ -46,7 +46,8 @@ public:
     bool onDeleteDevice();
     // The combo box's text when editing ends: renames the current preset. An
     // empty text or the name of another preset is refused (that would
-    // overwrite it); the front end then shows currentDevice() again.
+    // overwrite it); the front end then shows currentDevice() again. The
+    // device settings that named the preset follow the new name.
     bool controlTextDidEndEditing(const QString& text);
     bool onResetDevice();
     bool onResetAll();

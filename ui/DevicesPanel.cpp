@@ -15,6 +15,9 @@ DevicesPanel::DevicesPanel(QWidget* parent)
     m_ui->deviceParams->horizontalHeader()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
     m_ui->deviceParams->verticalHeader()->setDefaultSectionSize(
         m_ui->deviceParams->fontMetrics().height() + 10);
+    // Completing a typed name to an existing one would turn a rename into
+    // a refused one.
+    m_ui->devices->setCompleter(nullptr);
     m_ui->cliGuide->setToolTip(DevicesPanelController::cliGuideUrl().toString());
 
     connect(&m_controller, &DevicesPanelController::devicesChanged, this,

@@ -12,8 +12,8 @@ GenresPanel::GenresPanel(QWidget* parent)
     setWindowModality(Qt::WindowModal);
     m_ui->genreMap->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
     m_ui->genreMap->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Stretch);
-    m_ui->genreMap->verticalHeader()->setDefaultSectionSize(
-        m_ui->genreMap->fontMetrics().height() + 12);
+    m_ui->genreMap->verticalHeader()->setDefaultSectionSize(m_ui->genreMap->fontMetrics().height() +
+                                                            12);
 
     connect(&m_controller, &GenresPanelController::tablesChanged, this, &GenresPanel::reload);
     connect(m_ui->addGenre, &QPushButton::clicked, this, [this] {

@@ -262,6 +262,8 @@ TEST_F(DevicesPanel, RenameAddAndResetFollowTheNames) {
               MDB_Devices::defaultDeviceNames().indexOf("HD 720p"));
     EXPECT_FALSE(panel.resetDevEnabled());
     EXPECT_FALSE(panel.onResetDevice());
+    EXPECT_EQ(UserDefaults::standard().stringForKey(SettingsKey::PrimaryDevice),
+              "Living Room Custom 2");
     // Neither an empty name nor another preset's name is taken.
     EXPECT_FALSE(panel.controlTextDidEndEditing(""));
     EXPECT_FALSE(panel.controlTextDidEndEditing("HD 1080p"));
