@@ -254,6 +254,7 @@ TEST_F(DevicesPanel, RenameAddAndResetFollowTheNames) {
     panel.withParentWindow();
     EXPECT_EQ(panel.currentDevice(), "HD 720p");
     EXPECT_TRUE(panel.resetDevEnabled());
+    EXPECT_TRUE(panel.controlTextDidEndEditing("HD 720p")) << "an unchanged name is no error";
 
     // Typing a new name renames; a shipped preset renamed loses reset-one.
     ASSERT_TRUE(panel.controlTextDidEndEditing("Living Room Custom 2"));
@@ -302,10 +303,18 @@ TEST_F(DevicesPanel, ParameterEditsGoToTheUserFileAtOnce) {
     EXPECT_EQ(panel.parameters(hd), "YES");
 
     ASSERT_TRUE(panel.setParameters(misc, "--markers --optimize"));
-    ASSERT_TRUE(panel.setParameters(hd, "NO"));
+    ASSERT_TRUE(panel.setParameters(hd, "0"));
+    // Values keep their kind: a number typed into a text stays text.
+    const int width = int(sections.indexOf("width"));
+    const int usage = int(sections.indexOf("usage"));
+    ASSERT_TRUE(panel.setParameters(width, "1280"));
+    ASSERT_TRUE(panel.setParameters(usage, "720"));
     const QVariantMap preset = readUserFile().value("HD 1080p").toMap();
     EXPECT_EQ(preset.value("misc").toString(), "--markers --optimize");
     EXPECT_EQ(preset.value("HD").typeId(), QMetaType::Bool) << "a flag stays a flag";
+    EXPECT_EQ(preset.value("width"), QVariant(qlonglong(1280)));
+    EXPECT_EQ(preset.value("usage"), QVariant(QStringLiteral("720")));
+    EXPECT_EQ(panel.description(-1), QString());
     EXPECT_FALSE(MDB_Devices::isHD("HD 1080p"));
     EXPECT_FALSE(panel.setParameters(panel.rowCount(), "x"));
 
