@@ -17,7 +17,9 @@ GenresPanel::GenresPanel(QWidget* parent)
 
     connect(&m_controller, &GenresPanelController::tablesChanged, this, &GenresPanel::reload);
     connect(m_ui->addGenre, &QPushButton::clicked, this, [this] {
-        const int row = m_controller.onAddGenre(selectedRow());
+        // An empty list is started at its first row.
+        const int at = m_ui->genreList->count() == 0 ? 0 : selectedRow();
+        const int row = m_controller.onAddGenre(at);
         if (row >= 0) {
             select(row);
             // The new genre is named at once.
