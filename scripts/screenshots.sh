@@ -12,4 +12,7 @@ OUT="$BUILD/screenshots"
 mkdir -p "$OUT"
 TARNWICK_SCREENSHOT_DIR="$OUT" QT_QPA_PLATFORM=offscreen \
   "$BUILD/bin/test_ui" --gtest_filter='Screenshots.*' --gtest_brief=1
+# The preferences, devices and genres panels.
+TARNWICK_SCREENSHOT_DIR="$OUT" QT_QPA_PLATFORM=offscreen \
+  "$BUILD/bin/test_ui" --gtest_filter='PanelScreenshots.*' --gtest_brief=1
 ls "$OUT"/*.png

@@ -11,8 +11,11 @@
 #include "ui/Artwork.h"
 #include "ui/BrowserModel.h"
 #include "ui/BrowserView.h"
+#include "ui/DevicesPanel.h"
+#include "ui/GenresPanel.h"
 #include "ui/LoadPanel.h"
 #include "ui/MovieInfoPanel.h"
+#include "ui/PreferencesPanel.h"
 #include "ui/ProgressArea.h"
 #include "ui/Sheets.h"
 #include "ui/WindowPanels.h"
@@ -238,14 +241,18 @@ void MainWindow::buildMenus() {
     edit->addAction(m_clearSelected);
     edit->addAction(m_clearAll);
     edit->addSeparator();
-    // Their panels are not part of this window yet.
-    QAction* preferences = edit->addAction(tr("Preferences..."));
+    QAction* preferences = edit->addAction(tr("Preferences..."), this,
+                                           [this] { openPanel(new PreferencesPanel(this)); });
     preferences->setMenuRole(QAction::PreferencesRole);
-    preferences->setEnabled(false);
-    QAction* devices = edit->addAction(tr("Devices..."));
-    devices->setEnabled(false);
-    QAction* genres = edit->addAction(tr("Genres..."));
-    genres->setEnabled(false);
+    edit->addAction(tr("Devices..."), this, [this] { openPanel(new DevicesPanel(this)); });
+    edit->addAction(tr("Genres..."), this, [this] {
+        QDialog* genres = openPanel(new GenresPanel(this));
+        // The library's genre pop-up lists "Genre List".
+        connect(genres, &QDialog::finished, this, [this] {
+            if (m_app->selectedFunction() == AppDelegate::LibraryFunction)
+                m_app->populateGenreToolbar();
+        });
+    });
 
     QMenu* view = menuBar()->addMenu(tr("&View"));
     for (QAction* a : m_functionActions)
@@ -399,6 +406,13 @@ void MainWindow::syncSelection(int function) {
             ? m_app->encodeBrowseController()
             : static_cast<EncodeBrowserController*>(m_app->retagBrowseController());
     browser->setSelection(rows);
+}
+
+QDialog* MainWindow::openPanel(QDialog* panel) {
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    panel->setWindowModality(Qt::WindowModal);
+    panel->open();
+    return panel;
 }
 
 void MainWindow::chooseGenre(const QString& genre) {

@@ -15,6 +15,7 @@ class ProgressArea;
 class QAction;
 class QActionGroup;
 class QComboBox;
+class QDialog;
 class QSplitter;
 class QStackedWidget;
 class WindowPanels;
@@ -76,6 +77,8 @@ private:
     void functionChanged(int function);
     void syncSelection(int function);
     void chooseGenre(const QString& genre);
+    // Shows a settings panel window-modal; it deletes itself when closed.
+    QDialog* openPanel(QDialog* panel);
     void setImage(QAction* action, const QString& name);
     // Stops the queue and the scans, waiting for the tools to end; false
     // when the user keeps the application running.

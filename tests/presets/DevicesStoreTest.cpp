@@ -1,4 +1,7 @@
 #include "core/PropertyList.h"
+#include "core/SettingsKeys.h"
+#include "core/UserDefaults.h"
+#include "presets/DevicesPanelController.h"
 #include "presets/MDB_Devices.h"
 
 #include <QDir>
@@ -206,6 +209,123 @@ TEST_F(DevicesStoreTest, AnUnreadableUserFileFallsBackAndResetRepairsIt) {
     EXPECT_FALSE(MDB_Devices::addDevice("Copy", "HD 1080p"));
     ASSERT_TRUE(MDB_Devices::resetAll());
     EXPECT_EQ(readUserFile(), shipped);
+}
+
+// The devices panel on the real store: selection after each edit, the
+// reset-one button, and edits that reach the user file.
+using DevicesPanel = DevicesStoreTest;
+
+TEST_F(DevicesPanel, DeleteKeepsTheIndexOrStepsBackAndEmptiesSafely) {
+    writeUserNames({"A", "B", "C"});
+    UserDefaults::standard().setObject(QStringLiteral("C"), SettingsKey::PrimaryDevice);
+    DevicesPanelController panel;
+    panel.withParentWindow();
+    ASSERT_EQ(panel.currentDevice(), "C");
+    ASSERT_GT(panel.rowCount(), 0);
+
+    ASSERT_TRUE(panel.onDeleteDevice());
+    EXPECT_EQ(panel.devices(), QStringList({"A", "B"}));
+    EXPECT_EQ(panel.currentDevice(), "B") << "the last one deleted selects the one before";
+    panel.onDeviceChanged(0);
+    ASSERT_TRUE(panel.onDeleteDevice());
+    EXPECT_EQ(panel.currentDevice(), "B") << "the first one deleted keeps index 0";
+    EXPECT_EQ(panel.currentIndex(), 0);
+
+    ASSERT_TRUE(panel.onDeleteDevice());
+    EXPECT_TRUE(panel.devices().isEmpty());
+    EXPECT_EQ(panel.currentDevice(), QString());
+    EXPECT_EQ(panel.currentIndex(), -1);
+    EXPECT_EQ(panel.rowCount(), 0);
+    EXPECT_FALSE(panel.resetDevEnabled());
+    EXPECT_FALSE(panel.onDeleteDevice());
+    EXPECT_FALSE(panel.onAddDevice());
+    const QVariantMap file = readUserFile();
+    EXPECT_TRUE(file.value("Devices").toStringList().isEmpty());
+    EXPECT_FALSE(file.contains("A") || file.contains("B") || file.contains("C"));
+    EXPECT_EQ(file.value("Sections"), shipped.value("Sections"));
+}
+
+TEST_F(DevicesPanel, RenameAddAndResetFollowTheNames) {
+    ASSERT_TRUE(MDB_Devices::createUserFile(shipped));
+    UserDefaults::standard().setObject(QStringLiteral("HD 720p"), SettingsKey::PrimaryDevice);
+    DevicesPanelController panel;
+    int refills = 0;
+    QObject::connect(&panel, &DevicesPanelController::devicesChanged, [&] { ++refills; });
+    panel.withParentWindow();
+    EXPECT_EQ(panel.currentDevice(), "HD 720p");
+    EXPECT_TRUE(panel.resetDevEnabled());
+    EXPECT_TRUE(panel.controlTextDidEndEditing("HD 720p")) << "an unchanged name is no error";
+
+    // Typing a new name renames; a shipped preset renamed loses reset-one.
+    ASSERT_TRUE(panel.controlTextDidEndEditing("Living Room Custom 2"));
+    EXPECT_EQ(panel.currentDevice(), "Living Room Custom 2");
+    EXPECT_EQ(panel.devices().indexOf("Living Room Custom 2"),
+              MDB_Devices::defaultDeviceNames().indexOf("HD 720p"));
+    EXPECT_FALSE(panel.resetDevEnabled());
+    EXPECT_FALSE(panel.onResetDevice());
+    EXPECT_EQ(UserDefaults::standard().stringForKey(SettingsKey::PrimaryDevice),
+              "Living Room Custom 2");
+    // Neither an empty name nor another preset's name is taken.
+    EXPECT_FALSE(panel.controlTextDidEndEditing(""));
+    EXPECT_FALSE(panel.controlTextDidEndEditing("HD 1080p"));
+    EXPECT_EQ(panel.currentDevice(), "Living Room Custom 2");
+    EXPECT_EQ(MDB_Devices::deviceNames().count("HD 1080p"), 1);
+
+    // A copy of the current preset, numbered above the highest Custom name.
+    const int before = refills;
+    ASSERT_TRUE(panel.onAddDevice());
+    EXPECT_GT(refills, before);
+    EXPECT_EQ(panel.currentDevice(), "Custom 3");
+    EXPECT_EQ(panel.devices().last(), "Custom 3");
+    EXPECT_EQ(MDB_Devices::device("Custom 3"), MDB_Devices::device("Living Room Custom 2"));
+
+    // Reset all brings back the shipped names and selects the primary again.
+    UserDefaults::standard().setObject(QStringLiteral("SD 480p"), SettingsKey::PrimaryDevice);
+    ASSERT_TRUE(panel.onResetAll());
+    EXPECT_EQ(panel.devices(), MDB_Devices::defaultDeviceNames());
+    EXPECT_EQ(panel.currentDevice(), "SD 480p");
+    EXPECT_EQ(readUserFile(), shipped);
+}
+
+TEST_F(DevicesPanel, ParameterEditsGoToTheUserFileAtOnce) {
+    ASSERT_TRUE(MDB_Devices::createUserFile(shipped));
+    UserDefaults::standard().setObject(QStringLiteral("HD 1080p"), SettingsKey::PrimaryDevice);
+    DevicesPanelController panel;
+    panel.withParentWindow();
+    const QStringList sections = shipped.value("Sections").toStringList();
+    ASSERT_EQ(panel.rowCount(), sections.size());
+    ASSERT_EQ(panel.infoKeys(), sections);
+    const int misc = int(sections.indexOf("misc"));
+    const int hd = int(sections.indexOf("HD"));
+    ASSERT_GE(misc, 0);
+    ASSERT_GE(hd, 0);
+    EXPECT_EQ(panel.description(misc), "misc");
+    EXPECT_EQ(panel.parameters(hd), "YES");
+
+    ASSERT_TRUE(panel.setParameters(misc, "--markers --optimize"));
+    ASSERT_TRUE(panel.setParameters(hd, "0"));
+    // Values keep their kind: a number typed into a text stays text.
+    const int width = int(sections.indexOf("width"));
+    const int usage = int(sections.indexOf("usage"));
+    ASSERT_TRUE(panel.setParameters(width, "1280"));
+    ASSERT_TRUE(panel.setParameters(usage, "720"));
+    const QVariantMap preset = readUserFile().value("HD 1080p").toMap();
+    EXPECT_EQ(preset.value("misc").toString(), "--markers --optimize");
+    EXPECT_EQ(preset.value("HD").typeId(), QMetaType::Bool) << "a flag stays a flag";
+    EXPECT_EQ(preset.value("width"), QVariant(qlonglong(1280)));
+    EXPECT_EQ(preset.value("usage"), QVariant(QStringLiteral("720")));
+    EXPECT_EQ(panel.description(-1), QString());
+    EXPECT_FALSE(MDB_Devices::isHD("HD 1080p"));
+    EXPECT_FALSE(panel.setParameters(panel.rowCount(), "x"));
+
+    // Reset one puts the shipped strings back into the table.
+    ASSERT_TRUE(panel.onResetDevice());
+    EXPECT_EQ(panel.parameters(misc), shipped.value("HD 1080p").toMap().value("misc").toString());
+
+    // Without a user file nothing is written.
+    QFile::remove(MDB_Devices::userFilePath());
+    EXPECT_FALSE(panel.setParameters(misc, "--lost"));
+    EXPECT_FALSE(QFileInfo::exists(MDB_Devices::userFilePath()));
 }
 
 } // namespace
