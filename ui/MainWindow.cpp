@@ -11,6 +11,7 @@
 #include "ui/BrowserModel.h"
 #include "ui/BrowserView.h"
 #include "ui/Dialogs.h"
+#include "ui/EditorActions.h"
 #include "ui/MovieInfoPanel.h"
 #include "ui/ProgressArea.h"
 #include "ui/WindowPanels.h"
@@ -66,6 +67,7 @@ MainWindow::MainWindow(AppDelegate* app, QWidget* parent)
     buildCentre();
     buildToolbar();
     buildMenus();
+    m_editorActions = new EditorActions(this);
 
     m_app->setInformationController(m_info);
     connect(m_app, &AppDelegate::controlsChanged, this, &MainWindow::applyControls);
