@@ -51,6 +51,10 @@ MetadataEditor::MetadataEditor(MetadataEditorController* editor, QWidget* parent
     build();
     m_editor->load();
     refresh();
+    connect(m_editor, &MetadataEditorController::changed, this, [this] {
+        if (!m_filling)
+            refresh();
+    });
 }
 
 void MetadataEditor::build() {
