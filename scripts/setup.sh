@@ -11,7 +11,8 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   iso-codes
   handbrake-cli ffmpeg dvdauthor atomicparsley mediainfo
-  xz-utils librsvg2-bin
+  xz-utils
+  xvfb xdotool x11-apps librsvg2-bin
 )
 
 missing=()

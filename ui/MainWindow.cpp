@@ -7,13 +7,15 @@
 #include "processing/AppDelegate.h"
 #include "processing/EncoderController.h"
 #include "processing/MuxerController.h"
+#include "ui/AboutDialog.h"
 #include "ui/Artwork.h"
 #include "ui/BrowserModel.h"
 #include "ui/BrowserView.h"
-#include "ui/Dialogs.h"
 #include "ui/EditorActions.h"
+#include "ui/LoadPanel.h"
 #include "ui/MovieInfoPanel.h"
 #include "ui/ProgressArea.h"
+#include "ui/Sheets.h"
 #include "ui/WindowPanels.h"
 
 #include <QAbstractItemView>

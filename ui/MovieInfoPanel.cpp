@@ -24,6 +24,14 @@ QString ratingText(const QString& value) {
     return parts.size() >= 2 ? parts.at(1).trimmed() : value.trimmed();
 }
 
+// Cast and crew come as "A, B, C,": shown without the trailing comma.
+QString listText(QString value) {
+    value = value.trimmed();
+    while (value.endsWith(u','))
+        value.chop(1);
+    return value.trimmed();
+}
+
 QString audioText(const AudioTrack& track) {
     QStringList parts;
     parts << (track.isoName().isEmpty() ? track.name() : track.isoName());
@@ -46,9 +54,6 @@ MovieInfoPanel::MovieInfoPanel(QWidget* parent)
     m_ui->nameLabel->setFont(name);
     m_ui->factsLabel->setForegroundRole(QPalette::PlaceholderText);
     m_ui->emptyLabel->setForegroundRole(QPalette::PlaceholderText);
-    for (QLabel* caption : {m_ui->castCaption, m_ui->crewCaption, m_ui->titleCaption,
-                            m_ui->audioCaption, m_ui->subtitleCaption, m_ui->outputCaption})
-        caption->setForegroundRole(QPalette::PlaceholderText);
     m_ui->warningsLabel->setStyleSheet(
         QStringLiteral("QLabel { background: #fdecea; color: #8a1f17; border: 1px solid #f3b8b3;"
                        " border-radius: 6px; padding: 6px; }"));
@@ -141,15 +146,22 @@ void MovieInfoPanel::fill() {
     m_ui->warningsLabel->setText(movie.warnings());
     m_ui->warningsLabel->setVisible(!movie.warnings().isEmpty());
 
-    auto row = [](QLabel* caption, QLabel* field, const QString& text) {
-        field->setText(text);
-        caption->setVisible(!text.isEmpty());
-        field->setVisible(!text.isEmpty());
+    // Captions and values in a two-column table that wraps with the panel.
+    const QString caption = palette().color(QPalette::PlaceholderText).name();
+    QString rows;
+    auto row = [&rows, &caption](const QString& name, const QString& value) {
+        if (value.isEmpty())
+            return;
+        QString html = value.toHtmlEscaped();
+        html.replace(u'\n', QStringLiteral("<br>"));
+        rows += QStringLiteral("<tr><td align=right style='color:%1; padding:0 8px 6px 0'>%2</td>"
+                               "<td style='padding-bottom:6px'>%3</td></tr>")
+                    .arg(caption, name, html);
     };
-    row(m_ui->castCaption, m_ui->castLabel, tag(movie, TagName::Cast));
-    row(m_ui->crewCaption, m_ui->crewLabel, tag(movie, TagName::Director));
+    row(tr("Cast"), listText(tag(movie, TagName::Cast)));
+    row(tr("Director"), listText(tag(movie, TagName::Director)));
+    row(tr("Writers"), listText(tag(movie, TagName::Screenwriters)));
 
-    QString titleText;
     QStringList audio;
     QStringList subtitles;
     if (const Title* title = movie.getMainTitle()) {
@@ -158,16 +170,20 @@ void MovieInfoPanel::fill() {
             parts << title->duration();
         if (!title->size().isEmpty())
             parts << title->size();
-        titleText = parts.join(QStringLiteral(", "));
+        row(tr("Title"), parts.join(QStringLiteral(", ")));
         for (const auto& track : title->audioTracks())
             audio << audioText(*track);
         for (const auto& track : title->subtitleTracks())
             subtitles << (track->isoName().isEmpty() ? track->name() : track->isoName());
     }
-    row(m_ui->titleCaption, m_ui->titleLabel, titleText);
-    row(m_ui->audioCaption, m_ui->audioLabel, audio.join(u'\n'));
-    row(m_ui->subtitleCaption, m_ui->subtitleLabel, subtitles.join(u'\n'));
-    row(m_ui->outputCaption, m_ui->outputLabel, QDir::toNativeSeparators(movie.outPath()));
+    row(tr("Audio"), audio.join(u'\n'));
+    row(tr("Subtitles"), subtitles.join(u'\n'));
+    // Paths break after their slashes rather than anywhere.
+    QString path = QDir::toNativeSeparators(movie.outPath());
+    path.replace(QDir::separator(), QString(QDir::separator()) + QChar(0x200B));
+    row(movie.inPath().isEmpty() ? tr("File") : tr("Output"), path);
+    m_ui->detailsLabel->setText(QStringLiteral("<table width='100%'>") + rows +
+                                QStringLiteral("</table>"));
 }
 
 QString MovieInfoPanel::nameText() const {

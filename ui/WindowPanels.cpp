@@ -4,7 +4,10 @@
 #include "core/SettingsKeys.h"
 #include "core/UserDefaults.h"
 #include "ui/Artwork.h"
-#include "ui/Dialogs.h"
+#include "ui/DiscInstructionsPanel.h"
+#include "ui/InstructionsPanel.h"
+#include "ui/SearchPanel.h"
+#include "ui/Sheets.h"
 
 #include <QDir>
 #include <QFileDialog>
@@ -24,7 +27,11 @@ int runBox(QMessageBox& box) {
 bool WindowPanels::runUpdateNotice(const QString& title, const QString& text) {
     QMessageBox box(QMessageBox::Critical, title, title, QMessageBox::NoButton, m_window);
     box.setObjectName(QStringLiteral("UpdateNotice"));
+    box.setTextFormat(Qt::RichText);
+    box.setText(QStringLiteral("<b>%1</b>").arg(title.toHtmlEscaped()));
     box.setInformativeText(text);
+    // Room for the long text in a few lines rather than a narrow column.
+    box.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_informativelabel { min-width: 380px; }"));
     QPushButton* ok = box.addButton(QStringLiteral("Ok"), QMessageBox::AcceptRole);
     box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
     box.setDefaultButton(ok);

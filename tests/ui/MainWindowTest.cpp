@@ -4,125 +4,22 @@
 // lines, the information panel and the remove question following them; the
 // library grid filtered by the genre pop-up.
 
-#include "library/LibraryTestMedia.h"
-#include "processing/ProcessingTestSupport.h"
-#include "scan/ScanTestSupport.h"
+#include "UiTestSupport.h"
 
 #include "library/MoviesBrowserController.h"
 #include "media/EncodeBrowserController.h"
 #include "media/MDI_Media.h"
-#include "processing/AppDelegate.h"
 #include "processing/EncoderController.h"
-#include "ui/BrowserModel.h"
-#include "ui/BrowserView.h"
-#include "ui/MainWindow.h"
 #include "ui/MovieInfoPanel.h"
 #include "ui/ProgressArea.h"
 
-#include <QAbstractButton>
-#include <QAction>
-#include <QApplication>
 #include <QComboBox>
+#include <QMessageBox>
 #include <QMimeData>
-#include <QTest>
-#include <QTimer>
 
-using testsupport::waitUntil;
+using namespace uitest;
 
 namespace {
-
-QString key(const char* name) {
-    return QString::fromLatin1(name);
-}
-
-// Answers the next modal dialog once it is on screen: records its object
-// name and presses the button labelled `button`.
-class DialogAnswer {
-public:
-    explicit DialogAnswer(const QString& button) {
-        m_timer.setInterval(20);
-        QObject::connect(&m_timer, &QTimer::timeout, [this, button] {
-            QWidget* dialog = QApplication::activeModalWidget();
-            if (!dialog || !dialog->isVisible())
-                return;
-            m_timer.stop();
-            shown = dialog->objectName();
-            for (QAbstractButton* b : dialog->findChildren<QAbstractButton*>()) {
-                if (b->text().remove(u'&') == button) {
-                    b->click();
-                    return;
-                }
-            }
-            ADD_FAILURE() << "no button " << button.toStdString() << " in " << shown.toStdString();
-        });
-        m_timer.start();
-    }
-    QString shown;
-
-private:
-    QTimer m_timer;
-};
-
-struct Controls {
-    bool start, startMenu, pause, pauseMenu, pauseChecked, stop, stopMenu;
-    const char* pauseLabel;
-    const char* pauseImage;
-};
-
-class MainWindowTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        scantest::server();
-        scantest::resetSettings();
-        UserDefaults& defaults = UserDefaults::standard();
-        defaults.setObject(defaults.objectForKey(key(SettingsKey::Presets)),
-                           key(SettingsKey::PresetsCurrent));
-        defaults.setBool(true, key(SettingsKey::UpdatePresets));
-        defaults.setObject(QStringLiteral("SD 480p"), key(SettingsKey::PrimaryDevice));
-        defaults.setObject(QStringLiteral("SD 480p"), key(SettingsKey::SecondaryDevice));
-        defaults.setBool(true, key(SettingsKey::HideInstructions));
-        ASSERT_TRUE(m_out.isValid());
-        defaults.setObject(Bookmark::create(m_out.path()),
-                           key(SettingsKey::DestinationPathBookmark));
-        EncodeList::releaseInstance();
-        TagList::releaseInstance();
-    }
-    void TearDown() override {
-        window.reset();
-        app.reset();
-        waitUntil([] { return false; }, 200);
-        EncodeList::releaseInstance();
-        TagList::releaseInstance();
-    }
-    void launch() {
-        app = std::make_unique<AppDelegate>();
-        window = std::make_unique<MainWindow>(app.get());
-        window->show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(window.get()));
-        app->applicationWillFinishLaunching();
-    }
-    void expectControls(const Controls& c, const char* when) const {
-        SCOPED_TRACE(when);
-        EXPECT_EQ(window->startButton()->isEnabled(), c.start);
-        EXPECT_EQ(window->startMenu()->isEnabled(), c.startMenu);
-        EXPECT_EQ(window->pauseToggle()->isEnabled(), c.pause);
-        EXPECT_EQ(window->pauseMenu()->isEnabled(), c.pauseMenu);
-        EXPECT_EQ(window->pauseMenu()->isChecked(), c.pauseChecked);
-        EXPECT_EQ(window->stopButton()->isEnabled(), c.stop);
-        EXPECT_EQ(window->stopMenu()->isEnabled(), c.stopMenu);
-        EXPECT_EQ(window->pauseToggle()->text(), QLatin1String(c.pauseLabel));
-        EXPECT_EQ(window->imageName(window->pauseToggle()), QLatin1String(c.pauseImage));
-    }
-    const MediaItemList& items() const { return app->encodeBrowseController()->movieList(); }
-    QAbstractItemModel* grid(int function) const { return window->view(function)->model(); }
-    int badge(int row) const {
-        return grid(AppDelegate::EncodeFunction)->index(row, 0).data(BrowserRole::Badge).toInt();
-    }
-
-    QTemporaryDir m_out;
-    std::unique_ptr<AppDelegate> app;
-    std::unique_ptr<MainWindow> window;
-};
 
 const Controls kStopped{true, true, false, false, false, false, false, "Pause", "Aqua-Pause-icon"};
 const Controls kStarted{false, false, true, true, false, true, true, "Pause", "Aqua-Pause-icon"};
@@ -170,6 +67,33 @@ TEST_F(MainWindowTest, ControlsFollowTheQueueAndTheFunction) {
     window->functionAction(AppDelegate::EncodeFunction)->trigger();
     EXPECT_FALSE(window->genrePopup()->isEnabled());
     EXPECT_EQ(window->genrePopup()->count(), 0);
+}
+
+TEST_F(MainWindowTest, OutOfDatePresetsAskAtLaunchAndBeforeStart) {
+    UserDefaults::standard().setBool(false, key(SettingsKey::UpdatePresets));
+    QString text;
+    auto read = [&text](QWidget* dialog) {
+        auto* box = qobject_cast<QMessageBox*>(dialog);
+        ASSERT_TRUE(box);
+        text = box->windowTitle() + u'|' + box->informativeText();
+    };
+    {
+        DialogAnswer cancel(QStringLiteral("Cancel"), read);
+        launch();
+        EXPECT_EQ(cancel.shown, QStringLiteral("UpdateNotice"));
+    }
+    EXPECT_EQ(text, QString::fromLatin1(Startup::kUpdateNoticeTitle) + u'|' +
+                        QString::fromLatin1(Startup::kUpdateNoticeText));
+    {
+        DialogAnswer cancel(QStringLiteral("Cancel"));
+        window->startButton()->trigger();
+        EXPECT_EQ(cancel.shown, QStringLiteral("UpdateNotice"));
+    }
+    expectControls(kStopped, "start refused by the notice");
+    DialogAnswer ok(QStringLiteral("Ok"));
+    window->startMenu()->trigger();
+    expectControls(kStarted, "presets updated, then started");
+    EXPECT_TRUE(UserDefaults::standard().boolForKey(key(SettingsKey::UpdatePresets)));
 }
 
 TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
@@ -235,10 +159,13 @@ TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
     EXPECT_EQ(items().at(0)->status(), 9);
     EXPECT_EQ(grid(AppDelegate::EncodeFunction)->rowCount(), 2);
 
-    window->stopButton()->trigger();
-    expectControls(kStopped, "stopped while converting");
-    ASSERT_TRUE(waitUntil([&] { return !app->encodeController()->progressViewVisible(); }, 30000));
-    EXPECT_EQ(badge(0), BrowserModel::NoBadge);
+    // Quitting asks first, then stops like Stop: nothing half-written stays.
+    DialogAnswer quit(QStringLiteral("Stop and Quit"));
+    EXPECT_TRUE(window->close());
+    EXPECT_EQ(quit.shown, QStringLiteral("QuitQuestion"));
+    expectControls(kStopped, "quit while converting");
+    EXPECT_FALSE(app->encodeController()->progressViewVisible());
+    EXPECT_EQ(items().at(0)->status(), 8);
     EXPECT_TRUE(QDir(m_out.path()).entryList(QDir::Files).isEmpty())
         << "a stopped conversion leaves nothing: "
         << QDir(m_out.path()).entryList().join(u' ').toStdString();
