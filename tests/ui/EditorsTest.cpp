@@ -3,40 +3,36 @@
 // file, a library movie renamed and given a new cover, Cancel, Revert and a
 // read-only file changing nothing, and the warnings of a failed file listed.
 
-#include "library/LibraryTestMedia.h"
+#include "UiTestSupport.h"
 #include "retag/RetagTestSupport.h"
 
 #include "library/MoviesBrowserController.h"
 #include "library/RetagBrowserController.h"
 #include "media/MDI_Media.h"
 #include "media/MetadataEditorController.h"
-#include "processing/AppDelegate.h"
-#include "ui/BrowserView.h"
 #include "ui/EditorActions.h"
-#include "ui/MainWindow.h"
 #include "ui/MetadataEditor.h"
 #include "ui/PresentationPanels.h"
 #include "ui/SearchResultsPanel.h"
 
-#include "Processes.h"
-
-#include <QAbstractButton>
-#include <QApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTableWidget>
-#include <QTest>
-#include <QTimer>
 #include <QTreeWidget>
 
 using retagtest::tag;
-using testsupport::waitUntil;
+using uitest::waitUntil;
 
 namespace {
 
-// Runs `answer` on the next modal dialog of type T once it is on screen.
+QString atomicParsley(const QString& path) {
+    return QString::fromUtf8(testsupport::run(QStringLiteral("AtomicParsley"), {path, "-t"}).out);
+}
+
+// Runs `answer` on the next modal dialog of type T once it is on screen (the
+// editor itself is window-modal below it).
 template <typename T> class OnModal {
 public:
     explicit OnModal(std::function<void(T*)> answer) {
@@ -46,42 +42,25 @@ public:
             if (!dialog || !dialog->isVisible())
                 return;
             m_timer.stop();
-            seen = true;
+            shown = dialog->objectName();
             answer(dialog);
         });
         m_timer.start();
     }
-    bool seen = false;
+    QString shown;
 
 private:
     QTimer m_timer;
 };
 
-QString atomicParsley(const QString& path) {
-    return QString::fromUtf8(testsupport::run(QStringLiteral("AtomicParsley"), {path, "-t"}).out);
-}
-
-class EditorsTest : public ::testing::Test {
+class EditorsTest : public uitest::MainWindowTest {
 protected:
     void SetUp() override {
         if (!testsupport::haveTool("AtomicParsley"))
             GTEST_SKIP() << "AtomicParsley is not installed";
-        scantest::server();
-        scantest::resetSettings();
-        UserDefaults::standard().setBool(true, tag(SettingsKey::HideInstructions));
+        MainWindowTest::SetUp();
         ASSERT_TRUE(dir.isValid());
-        EncodeList::releaseInstance();
-        TagList::releaseInstance();
-        app = std::make_unique<AppDelegate>();
-        window = std::make_unique<MainWindow>(app.get());
-        window->show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(window.get()));
-    }
-    void TearDown() override {
-        window.reset();
-        app.reset();
-        EncodeList::releaseInstance();
-        TagList::releaseInstance();
+        launch();
     }
     MetadataEditor* openEditor(int function, int row) {
         window->functionAction(function)->trigger();
@@ -106,8 +85,6 @@ protected:
     }
 
     QTemporaryDir dir;
-    std::unique_ptr<AppDelegate> app;
-    std::unique_ptr<MainWindow> window;
 };
 
 } // namespace
@@ -165,7 +142,7 @@ TEST_F(EditorsTest, AHandPickInTheRetagResultsPanelIsWrittenIntoTheFileAndCancel
             panel->cancelButton()->click();
         });
         editor->runSearch();
-        EXPECT_TRUE(cancel.seen);
+        EXPECT_EQ(cancel.shown, "SearchResultsPanel");
     }
     EXPECT_EQ(movie->status(), 8);
     EXPECT_EQ(movie->getTag(tag(TagName::TMDbID)), "100001");
@@ -177,7 +154,7 @@ TEST_F(EditorsTest, AHandPickInTheRetagResultsPanelIsWrittenIntoTheFileAndCancel
             panel->doneButton()->click();
         });
         editor->runSearch();
-        EXPECT_TRUE(pick.seen);
+        EXPECT_EQ(pick.shown, "SearchResultsPanel");
     }
     ASSERT_TRUE(waitUntil([&] { return movie->status() == 8 && !retag->isScanning(); }, 30000));
     // The pick wins over the file's own "My Keeper".
@@ -247,12 +224,14 @@ TEST_F(EditorsTest, ALibraryMovieRenamedWithANewCoverIsSavedToTheFileAndTheCell)
     // A read-only file: one clear message, the file untouched, the edit kept.
     QFile::setPermissions(movie, QFile::ReadOwner | QFile::ReadGroup);
     rename(editor, "Zephyr Again");
-    OnModal<QMessageBox> alert([](QMessageBox* box) {
-        EXPECT_TRUE(box->text().contains("read-only")) << box->text().toStdString();
-        box->accept();
-    });
-    editor->saveButton()->click();
-    EXPECT_TRUE(alert.seen);
+    {
+        OnModal<QMessageBox> alert([](QMessageBox* box) {
+            EXPECT_TRUE(box->text().contains("read-only")) << box->text().toStdString();
+            box->accept();
+        });
+        editor->saveButton()->click();
+        EXPECT_EQ(alert.shown, "EditorAlert");
+    }
     EXPECT_EQ(retagtest::fileHash(movie), saved);
     EXPECT_EQ(editor->editor()->value(tag(TagName::Name)), "Zephyr Again");
     EXPECT_EQ(grid->index(0, 0).data().toString(), "Zephyr Restored");
