@@ -12,4 +12,7 @@ OUT="$BUILD/screenshots"
 mkdir -p "$OUT"
 TARNWICK_SCREENSHOT_DIR="$OUT" QT_QPA_PLATFORM=offscreen \
   "$BUILD/bin/test_ui" --gtest_filter='Screenshots.*' --gtest_brief=1
+# The search results panel, an editor with a real record, the movie's panels.
+TARNWICK_SCREENSHOT_DIR="$OUT" QT_QPA_PLATFORM=offscreen \
+  "$BUILD/bin/test_ui" --gtest_filter='EditorScreenshots.*' --gtest_brief=1
 ls "$OUT"/*.png

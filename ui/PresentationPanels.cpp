@@ -1,5 +1,6 @@
 #include "ui/PresentationPanels.h"
 
+#include "core/HttpClient.h"
 #include "media/EncodeBrowserController.h"
 #include "media/MDI_Media.h"
 #include "metadata/MDB_Metadata.h"
@@ -42,8 +43,25 @@ QPixmap moviePoster(const MDI_Media& movie) {
 
 QPixmap movieBackdrop(const MDI_Media& movie) {
     QPixmap backdrop;
-    if (const MDB_Metadata* record = movie.metaData(); record && !record->backdrop().isNull())
+    const MDB_Metadata* record = movie.metaData();
+    if (!record)
+        return backdrop;
+    // The stand-in of a match made with the "backdrop Art" setting off
+    // gives way to the movie's first backdrop, fetched once for this panel.
+    const bool standIn =
+        record->backdropURL().fileName().startsWith(QLatin1String("NoArtworkBackground"));
+    if (!record->backdrop().isNull() && !(standIn && !record->backdropFullsizeURLs().isEmpty()))
         backdrop.loadFromData(record->backdrop().data());
+    if (backdrop.isNull() && !record->backdropFullsizeURLs().isEmpty()) {
+        const QUrl url = record->backdropFullsizeURLs().first();
+        if (url.isLocalFile()) {
+            backdrop.load(url.toLocalFile());
+        } else {
+            const HttpClient::Response answer = HttpClient::get(url);
+            if (answer.error.isEmpty())
+                backdrop.loadFromData(answer.body);
+        }
+    }
     return backdrop;
 }
 
