@@ -8,6 +8,7 @@
 #include "lookup/SearchResultsPanelController.h"
 #include "media/EncodeBrowserController.h"
 #include "media/MDI_Media.h"
+#include "metadata/MDB_Certifications.h"
 #include "metadata/MDB_Metadata.h"
 #include "metadata/TagNames.h"
 
@@ -133,6 +134,8 @@ MetadataEditorController::Kind MetadataEditorController::kind(const QString& key
         return Kind::Date;
     if (key == QLatin1String(TagName::TrackNumber) || key == QLatin1String(TagName::DiskNumber))
         return Kind::NumberPair;
+    if (key == QLatin1String(TagName::Rating))
+        return Kind::Rating;
     if (key == QLatin1String(kMediaKind))
         return Kind::MediaKind;
     if (key == QLatin1String(kContentRating))
@@ -160,6 +163,18 @@ QString MetadataEditorController::value(const QString& key) const {
     default:
         return r->getTag(key);
     }
+}
+
+QList<std::pair<QString, QString>> MetadataEditorController::ratingChoices() const {
+    QList<std::pair<QString, QString>> choices;
+    if (!m_item)
+        return choices;
+    const QString country = MDB_Utility::countryCode(m_item->languageRegion());
+    const QStringList names = MDB_Certifications::certificationNames(country);
+    const QStringList codes = MDB_Certifications::certificationCodes(country);
+    for (qsizetype i = 0; i < names.size() && i < codes.size(); ++i)
+        choices.append({names.at(i), codes.at(i)});
+    return choices;
 }
 
 bool MetadataEditorController::setValue(const QString& key, const QString& text) {

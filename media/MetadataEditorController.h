@@ -7,6 +7,7 @@
 #include <QUrl>
 
 #include <memory>
+#include <utility>
 
 class EncodeBrowserController;
 class MDB_Metadata;
@@ -31,6 +32,7 @@ public:
         LongText,
         Date,
         NumberPair,
+        Rating,
         MediaKind,
         ContentRating,
         HDVideo,
@@ -59,6 +61,9 @@ public:
     // The value as its control shows it: media kind and content rating by
     // name, "HD Video" as "0"/"1"/"2", booleans as "1"/"0".
     QString value(const QString& key) const;
+    // The "Rating" menu: names and the rating strings stored for them, of
+    // the item's country.
+    QList<std::pair<QString, QString>> ratingChoices() const;
     // False when nothing changed. A new "Name" renames the cell.
     bool setValue(const QString& key, const QString& value);
 

@@ -48,8 +48,8 @@ MetadataEditor::MetadataEditor(MetadataEditorController* editor, QWidget* parent
     : QDialog(parent), m_editor(editor) {
     m_editor->setParent(this);
     setWindowModality(Qt::WindowModal);
-    build();
     m_editor->load();
+    build();
     refresh();
     connect(m_editor, &MetadataEditorController::changed, this, [this] {
         if (!m_filling)
@@ -183,6 +183,14 @@ QWidget* MetadataEditor::makeControl(const MetadataEditorController::Field& fiel
         row->addStretch(1);
         return pair;
     }
+    case Kind::Rating: {
+        auto* popup = new QComboBox(this);
+        for (const auto& [name, code] : m_editor->ratingChoices())
+            popup->addItem(name, code);
+        connect(popup, &QComboBox::activated, this,
+                [commit, popup] { commit(popup->currentData().toString()); });
+        return popup;
+    }
     case Kind::MediaKind:
     case Kind::ContentRating: {
         auto* popup = new QComboBox(this);
@@ -228,7 +236,11 @@ void MetadataEditor::fillControl(const QString& key, QWidget* control) {
         const QDate parsed = QDate::fromString(value.left(10), Qt::ISODate);
         date->setDate(parsed.isValid() ? parsed : kNoDate);
     } else if (auto* popup = qobject_cast<QComboBox*>(control)) {
-        const int byData = popup->findData(value);
+        // A rating of another country's scale, as the file holds it.
+        if (MetadataEditorController::kind(key) == Kind::Rating && !value.isEmpty() &&
+            popup->findData(value) < 0)
+            popup->addItem(value.section(u'|', 1, 1), value);
+        const int byData = value.isEmpty() ? -1 : popup->findData(value);
         popup->setCurrentIndex(byData >= 0 ? byData : popup->findText(value));
     } else if (auto* box = qobject_cast<QCheckBox*>(control)) {
         box->setChecked(value == QLatin1String("1"));

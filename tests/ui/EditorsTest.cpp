@@ -106,10 +106,15 @@ TEST(MetadataEditorFields, TheMetadataListGroupsChooseTheFieldsAndEachGetsItsCon
     UserDefaults::standard().setObject(groups, tag(SettingsKey::MetadataList));
     shown = kinds();
     const QList<std::pair<const char*, Kind>> expected{
-        {"Name", Kind::Text},         {"Long Description", Kind::LongText},
-        {"Release Date", Kind::Date}, {"Track #", Kind::NumberPair},
-        {"Lyrics", Kind::LongText},   {"Media Kind", Kind::MediaKind},
-        {"HD Video", Kind::HDVideo},  {"Content Rating", Kind::ContentRating},
+        {"Name", Kind::Text},
+        {"Long Description", Kind::LongText},
+        {"Release Date", Kind::Date},
+        {"Rating", Kind::Rating},
+        {"Track #", Kind::NumberPair},
+        {"Lyrics", Kind::LongText},
+        {"Media Kind", Kind::MediaKind},
+        {"HD Video", Kind::HDVideo},
+        {"Content Rating", Kind::ContentRating},
         {"Gapless", Kind::Boolean},
     };
     for (const auto& [key, kind] : expected) {
