@@ -8,6 +8,7 @@
 
 #include "library/MoviesBrowserController.h"
 #include "library/RetagBrowserController.h"
+#include "media/EncodeBrowserController.h"
 #include "media/MDI_Media.h"
 #include "media/MetadataEditorController.h"
 #include "ui/EditorActions.h"
@@ -243,4 +244,32 @@ TEST_F(EditorsTest, ALibraryMovieRenamedWithANewCoverIsSavedToTheFileAndTheCell)
     QFile::setPermissions(movie, QFile::ReadOwner | QFile::WriteOwner);
     editor->editor()->revert();
     editor->close();
+}
+
+TEST_F(EditorsTest, TheEncodeEditorKeepsItsEditsAndAHandPickReplacesTheMatch) {
+    EncodeBrowserController* encode = app->encodeBrowseController();
+    app->openFiles({scantest::sample(QStringLiteral("The Lighthouse Keeper (2019).mkv"))});
+    ASSERT_TRUE(
+        waitUntil([&] { return items().size() == 1 && items().at(0)->status() == 8; }, 60000));
+    const std::shared_ptr<MDI_Media> movie = items().at(0);
+    MetadataEditor* editor = openEditor(AppDelegate::EncodeFunction, 0);
+    ASSERT_NE(editor, nullptr);
+    EXPECT_EQ(editor->objectName(), "MetadataController");
+    EXPECT_FALSE(editor->saveButton()->isVisible()); // written by the tagging after the encode
+    rename(editor, "Keeper (Director's Cut)");
+    EXPECT_EQ(movie->getTag(tag(TagName::Name)), "Keeper (Director's Cut)");
+    EXPECT_EQ(grid(AppDelegate::EncodeFunction)->index(0, 0).data().toString(),
+              "Keeper (Director's Cut)");
+
+    OnModal<SearchResultsPanel> pick([](SearchResultsPanel* panel) {
+        panel->chooseRow(1);
+        panel->doneButton()->click();
+    });
+    editor->runSearch();
+    ASSERT_TRUE(waitUntil([&] { return movie->status() == 8 && !encode->isScanning(); }, 30000));
+    EXPECT_EQ(movie->getTag(tag(TagName::TMDbID)), "100002");
+    EXPECT_EQ(qobject_cast<QLineEdit*>(editor->field(tag(TagName::Name)))->text(),
+              movie->getTag(tag(TagName::Name)));
+    editor->close();
+    EXPECT_EQ(movie->getTag(tag(TagName::TMDbID)), "100002"); // closing keeps the pick
 }
