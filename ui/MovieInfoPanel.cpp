@@ -109,11 +109,22 @@ void MovieInfoPanel::fill() {
     m_ui->pages->setCurrentWidget(m_ui->moviePage);
 
     const QList<QUrl>& thumbs = movie.localThumbnails();
-    m_posterSource =
-        !thumbs.isEmpty() ? thumbs.first().toLocalFile()
-        : QFileInfo(movie.inPath()).suffix().compare(QLatin1String("m4v"), Qt::CaseInsensitive) == 0
-            ? movie.inPath()
-            : QString();
+    // A movie file (retag, library) carries its own cover art.
+    auto isMovieFile = [](const QString& path) {
+        return QFileInfo(path).suffix().compare(QLatin1String("m4v"), Qt::CaseInsensitive) == 0 &&
+               QFileInfo::exists(path);
+    };
+    m_posterSource.clear();
+    for (const QUrl& thumb : thumbs) {
+        if (thumb.isLocalFile() && QFileInfo::exists(thumb.toLocalFile())) {
+            m_posterSource = thumb.toLocalFile();
+            break;
+        }
+    }
+    if (m_posterSource.isEmpty())
+        m_posterSource = isMovieFile(movie.inPath())    ? movie.inPath()
+                         : isMovieFile(movie.outPath()) ? movie.outPath()
+                                                        : QString();
     QPixmap poster = m_posters->poster(m_posterSource);
     if (poster.isNull())
         poster = Artwork::pixmap(QStringLiteral("MovieTicket"));

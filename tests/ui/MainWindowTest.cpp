@@ -12,7 +12,9 @@
 #include "processing/EncoderController.h"
 #include "ui/MovieInfoPanel.h"
 #include "ui/ProgressArea.h"
+#include "ui/WindowPanels.h"
 
+#include <QCheckBox>
 #include <QComboBox>
 #include <QMessageBox>
 #include <QMimeData>
@@ -26,6 +28,16 @@ const Controls kStarted{false, false, true, true, false, true, true, "Pause", "A
 const Controls kPaused{false, false, true, true, true, true, true, "Resume", "Aqua-Play-icon"};
 
 } // namespace
+
+TEST(BrowserModelTest, BadgeFollowsTheStatusGroups) {
+    using B = BrowserModel;
+    const B::Badge expected[20] = {B::Error,    B::NoBadge,  B::Added,    B::Scanning, B::Scanning,
+                                   B::Scanning, B::Scanning, B::Scanning, B::NoBadge,  B::Working,
+                                   B::Working,  B::Working,  B::Working,  B::Working,  B::Working,
+                                   B::Working,  B::Working,  B::Working,  B::Error,    B::Done};
+    for (qint32 status = 0; status < 20; ++status)
+        EXPECT_EQ(B::badgeForStatus(status), expected[status]) << "status " << status;
+}
 
 TEST_F(MainWindowTest, ControlsFollowTheQueueAndTheFunction) {
     UserDefaults::standard().setBool(false, key(SettingsKey::HideInstructions));
@@ -67,6 +79,18 @@ TEST_F(MainWindowTest, ControlsFollowTheQueueAndTheFunction) {
     window->functionAction(AppDelegate::EncodeFunction)->trigger();
     EXPECT_FALSE(window->genrePopup()->isEnabled());
     EXPECT_EQ(window->genrePopup()->count(), 0);
+
+    // The disc panels keep their "hide" box in the settings.
+    for (auto [show, setting] :
+         {std::pair{&WindowPanels::showDvdInstructions, SettingsKey::HideDVDInstructions},
+          std::pair{&WindowPanels::showBlurayInstructions, SettingsKey::HideBlurayInstructions}}) {
+        DialogAnswer close(QStringLiteral("Close"), [](QWidget* dialog) {
+            dialog->findChild<QCheckBox*>(QStringLiteral("hideBox"))->click();
+        });
+        (window->panels()->*show)();
+        EXPECT_FALSE(close.shown.isEmpty());
+        EXPECT_TRUE(UserDefaults::standard().boolForKey(key(setting))) << setting;
+    }
 }
 
 TEST_F(MainWindowTest, OutOfDatePresetsAskAtLaunchAndBeforeStart) {
@@ -144,6 +168,9 @@ TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
     window->startButton()->trigger();
     ASSERT_TRUE(waitUntil([&] { return items().at(0)->status() == 9; }, 60000));
     EXPECT_EQ(badge(0), BrowserModel::Working);
+    // The converting cell shows how far the encoder is.
+    EXPECT_GE(grid(AppDelegate::EncodeFunction)->index(0, 0).data(BrowserRole::Progress).toDouble(),
+              0.0);
     ASSERT_TRUE(waitUntil([&] { return !window->progressArea()->encodeText().isEmpty(); }));
     expectControls(kStarted, "converting");
     window->pauseToggle()->trigger();
