@@ -103,6 +103,11 @@ QDialog* EditorActions::editMetadata() {
         m_window->statusBar()->showMessage(tr("Select a movie to edit its metadata."), 5000);
         return nullptr;
     }
+    // The information panel follows the edits of the movie it shows.
+    connect(editor->editor(), &MetadataEditorController::changed, this, [this, editor] {
+        if (const std::shared_ptr<MDI_Media> item = editor->editor()->item())
+            m_window->infoPanel()->refreshView(item.get());
+    });
     editor->setAttribute(Qt::WA_DeleteOnClose);
     editor->open();
     return editor;
