@@ -333,5 +333,5 @@ bool MetadataEditorController::applySearch(const SearchResultsPanelController& p
     // what a revert should bring back over the user's pick.
     m_modified = true;
     emit changed();
-    return m_item->status() == 7 || m_item->status() == 8;
+    return m_item->status() == 7;
 }

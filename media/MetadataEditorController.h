@@ -88,7 +88,7 @@ public:
     void openSearch(SearchResultsPanelController& panel) const;
     // After the panel closed: applies the hand-picked hit in the encode
     // (`metadataSearchUpdate`) or retag browser (`tagSearchUpdate`). The
-    // library applies no pick. True when a pick was applied.
+    // library applies no pick. True when a pick is being applied.
     bool applySearch(const SearchResultsPanelController& panel);
 
 signals:

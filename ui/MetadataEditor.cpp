@@ -305,15 +305,16 @@ void MetadataEditor::followBrowser(EncodeBrowserController* browser) {
     connect(browser, &EncodeBrowserController::isScanningChanged, this, follow);
 }
 
-void MetadataEditor::runSearch() {
+bool MetadataEditor::runSearch() {
     if (!m_editor->item())
-        return;
+        return false;
     SearchResultsPanelController panel;
     m_editor->openSearch(panel);
     SearchResultsPanel dialog(&panel, this);
     dialog.exec();
-    m_editor->applySearch(panel);
+    const bool applied = m_editor->applySearch(panel);
     refresh();
+    return applied;
 }
 
 bool MetadataEditor::save() {

@@ -30,8 +30,9 @@ public:
     QPushButton* searchButton() const { return m_search; }
     QLabel* coverWell() const { return m_cover; }
 
-    // Opens the search results panel and applies the hit picked there.
-    void runSearch();
+    // Opens the search results panel and applies the hit picked there;
+    // true when a pick is being applied.
+    bool runSearch();
     // Save; a failure is shown and the edits stay.
     bool save();
     // Fills the controls from the record again.

@@ -147,7 +147,7 @@ TEST_F(EditorsTest, AHandPickInTheRetagResultsPanelIsWrittenIntoTheFileAndCancel
             panel->chooseRow(1);
             panel->cancelButton()->click();
         });
-        editor->runSearch();
+        EXPECT_FALSE(editor->runSearch());
         EXPECT_EQ(cancel.shown, "SearchResultsPanel");
     }
     EXPECT_EQ(movie->status(), 8);
@@ -159,7 +159,7 @@ TEST_F(EditorsTest, AHandPickInTheRetagResultsPanelIsWrittenIntoTheFileAndCancel
             panel->chooseRow(2);
             panel->doneButton()->click();
         });
-        editor->runSearch();
+        EXPECT_TRUE(editor->runSearch());
         EXPECT_EQ(pick.shown, "SearchResultsPanel");
     }
     ASSERT_TRUE(waitUntil([&] { return movie->status() == 8 && !retag->isScanning(); }, 30000));
@@ -168,8 +168,15 @@ TEST_F(EditorsTest, AHandPickInTheRetagResultsPanelIsWrittenIntoTheFileAndCancel
     EXPECT_EQ(name->text(), "Keeper of the Light");
     EXPECT_EQ(window->view(AppDelegate::RetagFunction)->model()->index(0, 0).data().toString(),
               "Keeper of the Light");
+    // A poster of the database's as the cover: the cell shows it at once.
+    QAbstractItemModel* cells = grid(AppDelegate::RetagFunction);
+    const QString before = cells->index(0, 0).data(BrowserRole::Poster).toString();
+    ASSERT_FALSE(editor->editor()->coverCandidates().isEmpty());
+    ASSERT_TRUE(editor->editor()->chooseCover(0));
+    EXPECT_NE(cells->index(0, 0).data(BrowserRole::Poster).toString(), before);
     ASSERT_TRUE(editor->saveButton()->isEnabled());
     editor->saveButton()->click();
+    EXPECT_TRUE(retagtest::probeHasCover(file));
     const QString written = atomicParsley(file);
     EXPECT_TRUE(written.contains("Keeper of the Light")) << written.toStdString();
     EXPECT_TRUE(written.contains("Western")) << written.toStdString();
@@ -214,6 +221,7 @@ TEST_F(EditorsTest, ALibraryMovieRenamedWithANewCoverIsSavedToTheFileAndTheCell)
     rename(editor, "Zephyr Restored");
     ASSERT_TRUE(editor->editor()->setCoverFromFile(coverFile));
     EXPECT_FALSE(editor->coverWell()->pixmap().isNull());
+    EXPECT_TRUE(editor->revertButton()->isEnabled());
     editor->saveButton()->click();
     EXPECT_TRUE(atomicParsley(movie).contains("Zephyr Restored"));
     EXPECT_TRUE(retagtest::probeHasCover(movie));
