@@ -3,6 +3,8 @@
 #include "core/Bookmark.h"
 #include "core/SettingsKeys.h"
 #include "core/UserDefaults.h"
+#include "library/RetagBrowserController.h"
+#include "media/MDI_Movie.h"
 #include "metadata/MDB_Basicdata.h"
 #include "metadata/MDB_MovieMetadata.h"
 #include "metadata/TagNames.h"
@@ -254,6 +256,39 @@ void MoviesBrowserController::imageBrowserSelectionDidChange() {
     else
         m_curMovie = movieFromFile(*m_curCells.at(m_selection.first()));
     emit curMovieChanged();
+}
+
+bool MoviesBrowserController::saveMovie(const std::shared_ptr<MDI_Media>& movie, QString* error) {
+    auto fail = [&](const QString& message) {
+        if (error)
+            *error = message;
+        return false;
+    };
+    if (!movie)
+        return fail(QStringLiteral("No movie to save."));
+    const QString path = movie->outPath();
+    const QFileInfo info(path);
+    if (!info.isFile())
+        return fail(
+            QStringLiteral("%1: the movie file is gone, so its tags were not written.").arg(path));
+    const bool anyWriteBit =
+        info.permissions() & (QFile::WriteOwner | QFile::WriteGroup | QFile::WriteOther);
+    if (!info.isWritable() || !anyWriteBit)
+        return fail(QStringLiteral("%1: %2").arg(
+            path, QString::fromLatin1(RetagBrowserController::kReadOnlyFile)));
+    movie->writeMetadataToFile(false);
+    if (movie->status() != 12)
+        return fail(QStringLiteral("%1: %2").arg(path, movie->warnings()));
+    const QString name = movie->getTag(QString::fromLatin1(TagName::Name));
+    for (int row = 0; row < m_curCells.size(); ++row) {
+        if (m_curCells.at(row)->imageRepresentation() == path) {
+            m_curCells.at(row)->fileSaved(name);
+            emit cellUpdated(row);
+        }
+    }
+    if (error)
+        error->clear();
+    return true;
 }
 
 std::shared_ptr<MDI_Movie> MoviesBrowserController::movieFromFile(const iTunesMovieCell& cell) {

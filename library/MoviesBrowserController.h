@@ -100,6 +100,10 @@ public:
     void imageBrowserSelectionDidChange();
     // The selected cell's movie with the tags of its file.
     std::shared_ptr<MDI_Movie> curMovie() const { return m_curMovie; }
+    // The editor's save: writes `movie`'s tags into its file and renames the
+    // cells of that file. False, with the reason in `error`, when the file is
+    // read-only or gone or the write failed; the file is then left as it was.
+    bool saveMovie(const std::shared_ptr<MDI_Media>& movie, QString* error = nullptr);
 
     void statusUpdate() { emit reloaded(); }
     void updateDatasource() { emit reloaded(); }
@@ -124,6 +128,8 @@ signals:
     // The shown cells changed (reloadData).
     void reloaded();
     void curMovieChanged();
+    // One shown cell's name or image changed.
+    void cellUpdated(int row);
     void movieListLoaded();
 
 private:

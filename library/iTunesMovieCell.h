@@ -38,6 +38,14 @@ public:
     quint64 imageVersion() const { return m_version; }
     const QString& imageTitle() const { return m_name; }
 
+    // After the editor saved the file: the new name, and a new image version
+    // so views load the cover again.
+    void fileSaved(const QString& name) {
+        if (!name.isEmpty())
+            m_name = name;
+        ++m_version;
+    }
+
     // The grid's representation type for a file path image.
     static constexpr char kPathRepresentationType[] = "path";
 

@@ -15,4 +15,7 @@ TARNWICK_SCREENSHOT_DIR="$OUT" QT_QPA_PLATFORM=offscreen \
 # The preferences, devices and genres panels.
 TARNWICK_SCREENSHOT_DIR="$OUT" QT_QPA_PLATFORM=offscreen \
   "$BUILD/bin/test_ui" --gtest_filter='PanelScreenshots.*' --gtest_brief=1
+# The search results panel, an editor with a real record, the movie's panels.
+TARNWICK_SCREENSHOT_DIR="$OUT" QT_QPA_PLATFORM=offscreen \
+  "$BUILD/bin/test_ui" --gtest_filter='EditorScreenshots.*' --gtest_brief=1
 ls "$OUT"/*.png

@@ -13,6 +13,7 @@
 #include "ui/BrowserView.h"
 #include "ui/DevicesPanel.h"
 #include "ui/GenresPanel.h"
+#include "ui/EditorActions.h"
 #include "ui/LoadPanel.h"
 #include "ui/MovieInfoPanel.h"
 #include "ui/PreferencesPanel.h"
@@ -71,6 +72,7 @@ MainWindow::MainWindow(AppDelegate* app, QWidget* parent)
     buildCentre();
     buildToolbar();
     buildMenus();
+    m_editorActions = new EditorActions(this);
 
     m_app->setInformationController(m_info);
     connect(m_app, &AppDelegate::controlsChanged, this, &MainWindow::applyControls);

@@ -8,6 +8,7 @@
 
 class AppDelegate;
 class BrowserView;
+class EditorActions;
 class EncodeBrowserModel;
 class LibraryBrowserModel;
 class MovieInfoPanel;
@@ -37,6 +38,8 @@ public:
     MovieInfoPanel* infoPanel() const { return m_info; }
     ProgressArea* progressArea() const { return m_progress; }
     QComboBox* genrePopup() const { return m_genrePopup; }
+    // The "Movie" menu: editors, search results and the movie's panels.
+    EditorActions* editorActions() const { return m_editorActions; }
 
     // Toolbar items and menu entries, by the controller's names.
     QAction* startButton() const { return m_startButton; }
@@ -96,6 +99,7 @@ private:
     ProgressArea* m_progress = nullptr;
     QComboBox* m_genrePopup = nullptr;
     QAction* m_genreItem = nullptr;
+    EditorActions* m_editorActions = nullptr;
 
     QActionGroup* m_functions = nullptr;
     QAction* m_functionActions[3] = {};

@@ -43,6 +43,11 @@ PosterCache::~PosterCache() {
     m_pool.waitForDone();
 }
 
+void PosterCache::forget(const QString& source) {
+    m_cache.remove(source);
+    m_unreadable.remove(source);
+}
+
 QImage PosterCache::load(const QString& source, const QSize& size) {
     QImage image;
     if (isMovieFile(source)) {

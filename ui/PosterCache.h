@@ -22,6 +22,8 @@ public:
     // follows) or when the source has no readable image.
     QPixmap poster(const QString& source);
     QSize posterSize() const { return m_size; }
+    // Drops what is kept of `source` (its image changed on disk).
+    void forget(const QString& source);
     // Decoding requests still queued or running.
     int pending() const { return int(m_pending.size()); }
 
