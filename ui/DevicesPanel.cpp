@@ -2,9 +2,12 @@
 
 #include "ui_DevicesPanel.h"
 
+#include "presets/MDB_Devices.h"
+
 #include <QDesktopServices>
 #include <QHeaderView>
 #include <QLineEdit>
+#include <QMessageBox>
 #include <QSignalBlocker>
 
 DevicesPanel::DevicesPanel(QWidget* parent)
@@ -30,8 +33,14 @@ DevicesPanel::DevicesPanel(QWidget* parent)
             &DevicesPanel::nameEdited);
     connect(m_ui->addDevice, &QPushButton::clicked, &m_controller,
             &DevicesPanelController::onAddDevice);
-    connect(m_ui->deleteDevice, &QPushButton::clicked, &m_controller,
-            &DevicesPanelController::onDeleteDevice);
+    connect(m_ui->deleteDevice, &QPushButton::clicked, this, [this] {
+        // The preset a device setting names cannot go; say why instead of doing nothing.
+        const QString refused = MDB_Devices::deletionRefusal(m_controller.currentDevice());
+        if (!refused.isEmpty())
+            QMessageBox::warning(this, windowTitle(), refused);
+        else
+            m_controller.onDeleteDevice();
+    });
     connect(m_ui->resetDev, &QPushButton::clicked, &m_controller,
             &DevicesPanelController::onResetDevice);
     connect(m_ui->resetAll, &QPushButton::clicked, &m_controller,

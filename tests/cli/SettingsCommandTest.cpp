@@ -114,7 +114,7 @@ TEST_F(SettingsCommandTest, RefusedValuesLeaveTheStoreAsItWas) {
                           Case{"Language Region", "en_US", "not a known language region"},
                           Case{"HD-SD", "YES", "needs an HD primary preset"},
                           Case{"ContentID Source", "3", "must be 0"},
-                          Case{"ContentID Source", "-1", "must be 0"}}) {
+                          Case{"ContentID Source", "12", "must be 0"}}) {
         const QString before = cli({"get", c.key}).out;
         const Result r = cli({"set", c.key, c.value});
         EXPECT_EQ(r.status, 2) << c.key << " " << c.value;

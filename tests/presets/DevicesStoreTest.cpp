@@ -222,6 +222,10 @@ TEST_F(DevicesPanel, DeleteKeepsTheIndexOrStepsBackAndEmptiesSafely) {
     panel.withParentWindow();
     ASSERT_EQ(panel.currentDevice(), "C");
     ASSERT_GT(panel.rowCount(), 0);
+    EXPECT_FALSE(panel.onDeleteDevice()) << "the primary device's preset cannot go";
+    EXPECT_EQ(panel.devices(), QStringList({"A", "B", "C"}));
+    UserDefaults::standard().setObject(QStringLiteral("Elsewhere"), SettingsKey::PrimaryDevice);
+    UserDefaults::standard().setObject(QStringLiteral("Elsewhere"), SettingsKey::SecondaryDevice);
 
     ASSERT_TRUE(panel.onDeleteDevice());
     EXPECT_EQ(panel.devices(), QStringList({"A", "B"}));

@@ -35,6 +35,8 @@ fail() {
 
 export HOME="$WORK/home" XDG_CONFIG_HOME="$WORK/home/.config" TMPDIR="$WORK/tmp"
 export XDG_RUNTIME_DIR="$WORK/runtime"
+# The real window, whatever platform the caller chose for widget tests.
+export QT_QPA_PLATFORM=xcb
 export TARNWICK_RESOURCES="$BUILD/share/tarnwick" TARNWICK_LIBEXEC="$BUILD/bin"
 unset TARNWICK_SETTINGS
 CLI="$BUILD/bin/tarnwick-cli"
@@ -75,7 +77,7 @@ xdotool getdisplaygeometry >/dev/null 2>&1 || fail "Xvfb did not start"
 scratch_before="$(ls "$TMPDIR")"
 "$BUILD/bin/tarnwick" "$SAMPLE" >"$WORK/app.log" 2>&1 &
 APP_PID=$!
-WINDOW="$(timeout 30 xdotool search --sync --onlyvisible --name '^Tarnwick$' | head -n1)" ||
+WINDOW="$(timeout 60 xdotool search --sync --onlyvisible --name '^Tarnwick$' | head -n1)" ||
   fail "the main window did not appear"
 
 key() {
