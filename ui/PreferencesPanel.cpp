@@ -199,8 +199,8 @@ void PreferencesPanel::showFolders() {
     const auto shown = [](QLabel* label, const char* bookmarkKey) {
         const QString folder = Bookmark::resolve(store().dataForKey(key(bookmarkKey)));
         label->setText(folder.isEmpty() ? tr("Not set")
-                                        : label->fontMetrics().elidedText(
-                                              folder, Qt::ElideMiddle, label->minimumWidth()));
+                                        : label->fontMetrics().elidedText(folder, Qt::ElideMiddle,
+                                                                          label->minimumWidth()));
         label->setToolTip(folder);
     };
     shown(m_ui->destinationPath, SettingsKey::DestinationPathBookmark);
