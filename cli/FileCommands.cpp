@@ -2,7 +2,7 @@
 // `tarnwick-cli tags FILE --set "TAG=VALUE"... [--delete TAG]... [--artwork IMAGE |
 // --remove-artwork]` and `tarnwick-cli tracks FILE [--json]`: the tags and tracks of one MP4 file,
 // read with the MP4 layer and the metadata record's reader, written through the media item's tag
-// writer (Part 4.2), as the retag browser does. A file that is not an MP4, is damaged or truncated,
+// writer, as the retag browser does. A file that is not an MP4, is damaged or truncated,
 // or is read-only gets one line and exit status 1, and is left unchanged.
 #include "cli/Commands.h"
 #include "cli/Describe.h"

@@ -25,7 +25,7 @@ public:
 
 // The client of the online movie database (API version 3). Searches and
 // queries run on detached threads of their own; class operations block the
-// calling thread for the round trip. As the spec has it, a failed or refused
+// calling thread for the round trip. A failed or refused
 // request yields an empty result, and the matching logic sees nothing else;
 // why it failed is kept beside the result, as the client's lastError().
 //
