@@ -178,6 +178,29 @@ protected:
 
 } // namespace
 
+// Two sources that would make one output name end as two files, and the
+// summary names both.
+TEST_F(EncodeCliTest, TwoSourcesWithOneOutputNameEndAsTwoFiles) {
+    const QString source = sample(QStringLiteral("Harbour Lights.mp4"));
+    ASSERT_FALSE(source.isEmpty());
+    QStringList sources;
+    for (const char* folder : {"a", "b"}) {
+        QDir().mkpath(m_dir.filePath(folder));
+        sources << m_dir.filePath(QStringLiteral("%1/Harbour Lights.mp4").arg(folder));
+        ASSERT_TRUE(QFile::copy(source, sources.last()));
+    }
+    const CliResult r =
+        runCli(QStringList{QStringLiteral("encode")} + sources +
+                   QStringList{QStringLiteral("--dest"), dest(), QStringLiteral("--preset"),
+                               QStringLiteral("SD 480p")},
+               tmp());
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
+    for (const QString name : {"Harbour Lights.m4v", "Harbour Lights (2).m4v"}) {
+        EXPECT_GT(QFileInfo(dest() + u'/' + name).size(), 0) << name.toStdString();
+        EXPECT_TRUE(r.out.contains(dest() + u'/' + name)) << r.out.toStdString();
+    }
+}
+
 TEST_F(EncodeCliTest, EncodesOneSourceIntoATaggedMovieAndKeepsTheStoredSettings) {
     const QString source = sample(QStringLiteral("Harbour Lights.mp4"));
     ASSERT_FALSE(source.isEmpty());
