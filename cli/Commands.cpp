@@ -299,6 +299,12 @@ QStringList Invocation::values(const QString& name) const {
 
 // --- output --------------------------------------------------------------------------
 
+QString movieIDOption(const Invocation& run) {
+    bool ok = false;
+    const qulonglong id = run.value(QStringLiteral("id")).trimmed().toULongLong(&ok);
+    return ok && id > 0 ? QString::number(id) : QString();
+}
+
 void registerCommand(Command command) {
     const QString name = command.name;
     registry()[name] = std::move(command);

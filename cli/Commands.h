@@ -83,6 +83,10 @@ private:
 QTextStream& out();
 QTextStream& err();
 
+// The movie database id given with --id, without leading zeros; empty when
+// it is no positive number.
+QString movieIDOption(const Invocation& run);
+
 // Prints "tarnwick-cli COMMAND: MESSAGE (usage: ...)" as one line on
 // standard error; answers kExitUsage. With --json the message is the
 // document's "error".

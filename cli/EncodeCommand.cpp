@@ -61,6 +61,7 @@ struct Options {
     QString preset;
     QString secondary;
     QString iTunes;
+    QString id;
     std::optional<qint64> title;
     bool hdsd = false;
     bool skipTagging = false;
@@ -104,6 +105,16 @@ std::optional<int> parse(const cli::Invocation& run, Options& o) {
         o.passthru = run.isSet(QStringLiteral("passthru"));
     if (o.sources.isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no source given"));
+    if (run.isSet(QStringLiteral("id"))) {
+        o.id = cli::movieIDOption(run);
+        if (o.id.isEmpty())
+            return cli::usageError(kCommand, QStringLiteral("--id needs a movie database id"));
+        if (o.sources.size() > 1)
+            return cli::usageError(kCommand, QStringLiteral("--id takes one source"));
+        if (o.skipTagging)
+            return cli::usageError(kCommand,
+                                   QStringLiteral("--id and --skip-tagging exclude each other"));
+    }
     for (const QString* folder : {&o.dest, &o.iTunes}) {
         if (folder->isEmpty())
             continue;
@@ -617,10 +628,27 @@ int EncodeRun::run() {
         m_progress.message(QStringLiteral("Note: %1 source(s) skipped: application or bundle "
                                           "folders are not movies.")
                                .arg(m_options.sources.size() - browser->count()));
+    // Matched to the id after its scan, instead of searched.
+    if (!m_options.id.isEmpty() && !m_items.isEmpty() &&
+        !browser->pickMovieID(m_items.first(), m_options.id)) {
+        m_progress.finish();
+        return finish(cli::failure(QStringLiteral("%1: cannot be matched to TMDb id %2")
+                                       .arg(m_options.sources.first(), m_options.id)));
+    }
 
     if (m_interrupts.count() == 0 && !cli::scanSessionSettled(*browser, m_browserPrompts.alerted()))
         m_loop.exec();
     m_items = browser->movieList();
+
+    // A movie picked by an id the database does not give is not encoded
+    // untagged: the id was most likely mistyped.
+    if (m_stage == Stage::Scanning && !m_options.id.isEmpty() && !m_items.isEmpty() &&
+        !m_items.first()->lookupError().isEmpty()) {
+        m_progress.finish();
+        return finish(cli::failure(
+            QStringLiteral("%1: TMDb id %2: %3; nothing was encoded")
+                .arg(m_options.sources.first(), m_options.id, m_items.first()->lookupError())));
+    }
 
     if (m_stage == Stage::Scanning) {
         bool anyReady = false;
@@ -674,7 +702,8 @@ int runEncode(cli::Invocation& invocation) {
 
 const cli::CommandRegistration registration(
     {kCommand,
-     {QStringLiteral("encode SOURCE... [options]")},
+     {QStringLiteral("encode SOURCE... [options]"),
+      QStringLiteral("encode SOURCE --id TMDB_ID [options]")},
      QStringLiteral("scan, match, encode, tag and file every source"),
      QStringLiteral(
          "Scans and matches every source as scan does, then converts the ready ones one after "
@@ -709,6 +738,11 @@ const cli::CommandRegistration registration(
        QStringLiteral("DIR"),
        QStringLiteral("move the finished movies into the \"Automatically Add to iTunes\" "
                       "folder of the iTunes folder DIR")},
+      {{QStringLiteral("id")},
+       QStringLiteral("TMDB_ID"),
+       QStringLiteral("match the source to the movie with this movie database id instead of "
+                      "searching, as picked by hand; an id the database does not give stops "
+                      "the run before anything is encoded (one SOURCE only)")},
       {{QStringLiteral("skip-tagging")},
        {},
        QStringLiteral("do not look the sources up in the movie database")},

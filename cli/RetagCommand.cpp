@@ -124,14 +124,36 @@ int runRetag(cli::Invocation& run) {
             return cli::usageError(kCommand, QStringLiteral("--search needs a title"));
         search = run.value(QStringLiteral("search")).trimmed();
     }
+    std::optional<qint64> pick;
+    if (run.isSet(QStringLiteral("pick"))) {
+        bool ok = false;
+        pick = run.value(QStringLiteral("pick")).toLongLong(&ok);
+        if (!ok || *pick < 1)
+            return cli::usageError(kCommand,
+                                   QStringLiteral("--pick needs a hit number (1 = the first)"));
+    }
+    std::optional<QString> id;
+    if (run.isSet(QStringLiteral("id"))) {
+        id = cli::movieIDOption(run);
+        if (id->isEmpty())
+            return cli::usageError(kCommand, QStringLiteral("--id needs a movie database id"));
+    }
     const bool json = run.json();
     const bool assumeYes = run.isSet(QStringLiteral("yes"));
     if (files.isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no file given"));
-    if (search && files.size() > 1)
-        return cli::usageError(kCommand,
-                               QStringLiteral("--search takes one file; with several files each "
-                                              "is searched under its own name"));
+    if (id && (search || pick))
+        return cli::usageError(
+            kCommand, QStringLiteral("--id names the movie; it takes no --search or --pick"));
+    for (const auto& [given, name] :
+         {std::pair{search.has_value(), "--search"}, std::pair{pick.has_value(), "--pick"},
+          std::pair{id.has_value(), "--id"}}) {
+        if (given && files.size() > 1)
+            return cli::usageError(kCommand,
+                                   QStringLiteral("%1 takes one file; with several files each "
+                                                  "is searched under its own name")
+                                       .arg(QLatin1String(name)));
+    }
     for (const QString& file : files) {
         const QFileInfo info(file);
         if (!info.exists())
@@ -175,28 +197,61 @@ int runRetag(cli::Invocation& run) {
     if (search && !list->isEmpty() && !browser.searchByHand(list->first(), *search))
         return cli::failure(
             QStringLiteral("%1: cannot be searched as \"%2\"").arg(files.first(), *search));
+    if (id && !list->isEmpty() && !browser.pickMovieID(list->first(), *id))
+        return cli::failure(
+            QStringLiteral("%1: cannot be matched to TMDb id %2").arg(files.first(), *id));
 
-    QEventLoop loop;
-    QTimer poll;
-    QObject::connect(&poll, &QTimer::timeout, [&] {
-        interrupts.poll();
-        if (interrupts.count() > 0) {
-            browser.stopScanning();
-            loop.quit();
-            return;
+    // False when Ctrl-C ended the wait.
+    auto settle = [&] {
+        QEventLoop loop;
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, [&] {
+            interrupts.poll();
+            if (interrupts.count() > 0) {
+                browser.stopScanning();
+                loop.quit();
+                return;
+            }
+            lookupProgress();
+            if (cli::scanSessionSettled(browser, delegate.alerted()))
+                loop.quit();
+        });
+        poll.start(50);
+        loop.exec();
+        progress.finish();
+        return interrupts.count() == 0;
+    };
+    bool settled = settle();
+    // The N-th hit of the search that just ran, picked by hand.
+    if (settled && pick && !list->isEmpty()) {
+        const std::shared_ptr<MDI_Media>& item = list->first();
+        const QString outcome = delegate.lookupOutcome(*item, false);
+        if (outcome == QLatin1String(cli::lookup::Matched) ||
+            outcome == QLatin1String(cli::lookup::NoMatch)) {
+            const qsizetype hits =
+                outcome == QLatin1String(cli::lookup::Matched) ? item->searchList().size() : 0;
+            if (*pick > hits)
+                return cli::failure(
+                    QStringLiteral("%1: --pick %2: the search for \"%3\" found %4 hit(s); "
+                                   "nothing written")
+                        .arg(files.first())
+                        .arg(*pick)
+                        .arg(item->name())
+                        .arg(hits));
+            if (!browser.pickSearchHit(item, *pick - 1))
+                return cli::failure(
+                    QStringLiteral("%1: hit %2 cannot be picked").arg(files.first()).arg(*pick));
+            settled = settle();
         }
-        lookupProgress();
-        if (cli::scanSessionSettled(browser, delegate.alerted()))
-            loop.quit();
-    });
-    poll.start(50);
-    loop.exec();
-    poll.stop();
-    progress.finish();
-    if (interrupts.count() > 0) {
+    }
+    if (!settled) {
         cli::err() << "tarnwick-cli: interrupted; no file was written" << Qt::endl;
         return interrupts.exitStatus();
     }
+    // An id the database does not know, or a failed lookup of it: one line.
+    if (id && !list->isEmpty() && !list->first()->lookupError().isEmpty())
+        return cli::failure(QStringLiteral("%1: TMDb id %2: %3; nothing written")
+                                .arg(files.first(), *id, list->first()->lookupError()));
 
     // A file is written only when its lookup found its movie.
     QStringList outcomes;
@@ -309,7 +364,9 @@ int runRetag(cli::Invocation& run) {
 
 const cli::CommandRegistration registration(
     {kCommand,
-     {QStringLiteral("retag FILE... [--search TITLE] [--yes] [--json]")},
+     {QStringLiteral("retag FILE... [--search TITLE] [--yes] [--json]"),
+      QStringLiteral("retag FILE [--search TITLE] --pick N [--yes] [--json]"),
+      QStringLiteral("retag FILE --id TMDB_ID [--yes] [--json]")},
      QStringLiteral("look .m4v files up again and write the match into them in place"),
      QStringLiteral(
          "Scans each file, looks it up in the movie database under its file name and shows what "
@@ -325,6 +382,16 @@ const cli::CommandRegistration registration(
        QStringLiteral("TITLE"),
        QStringLiteral("search TITLE instead of the file name and take its first hit as picked by "
                       "hand: the match replaces the file's old tags and cover (one FILE only)")},
+      {{QStringLiteral("pick")},
+       QStringLiteral("N"),
+       QStringLiteral("take the N-th hit of the search (1 = the first, in the order the "
+                      "database lists them; see tarnwick-cli lookup) as picked by hand: it "
+                      "replaces the file's old tags and cover; with --search, the N-th hit of "
+                      "TITLE (one FILE only)")},
+      {{QStringLiteral("id")},
+       QStringLiteral("TMDB_ID"),
+       QStringLiteral("match the file to the movie with this movie database id instead of "
+                      "searching, as picked by hand (one FILE only)")},
       {{QStringLiteral("y"), QStringLiteral("yes")},
        {},
        QStringLiteral("write without asking; a file without a match is skipped")}},

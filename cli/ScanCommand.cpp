@@ -119,6 +119,17 @@ int runScan(cli::Invocation& run) {
                                QStringLiteral("--passthru and --no-passthru exclude each other"));
     if (sources.isEmpty())
         return cli::usageError(kCommand, QStringLiteral("no source given"));
+    QString id;
+    if (run.isSet(QStringLiteral("id"))) {
+        id = cli::movieIDOption(run);
+        if (id.isEmpty())
+            return cli::usageError(kCommand, QStringLiteral("--id needs a movie database id"));
+        if (sources.size() > 1)
+            return cli::usageError(kCommand, QStringLiteral("--id takes one source"));
+        if (skipTagging)
+            return cli::usageError(kCommand,
+                                   QStringLiteral("--id and --skip-tagging exclude each other"));
+    }
     for (const QString& source : sources) {
         if (!QFileInfo::exists(source))
             return cli::failure(QStringLiteral("%1: no such file or folder").arg(source));
@@ -163,6 +174,10 @@ int runScan(cli::Invocation& run) {
         cli::err() << "Note: " << sources.size() - added
                    << " source(s) skipped: application or bundle folders are not movies."
                    << Qt::endl;
+    // Matched to the id after its scan, instead of searched.
+    if (!id.isEmpty() && !list->isEmpty() && !browser.pickMovieID(list->first(), id))
+        return cli::failure(
+            QStringLiteral("%1: cannot be matched to TMDb id %2").arg(sources.first(), id));
 
     QEventLoop loop;
     QTimer poll;
@@ -211,7 +226,8 @@ int runScan(cli::Invocation& run) {
 
 const cli::CommandRegistration registration(
     {kCommand,
-     {QStringLiteral("scan SOURCE... [options]")},
+     {QStringLiteral("scan SOURCE... [options]"),
+      QStringLiteral("scan SOURCE --id TMDB_ID [options]")},
      QStringLiteral("scan and match sources; show their tracks, match and encoder command"),
      QStringLiteral(
          "Scans each source with the encoder tool, one after another, looks it up in the movie "
@@ -228,6 +244,10 @@ const cli::CommandRegistration registration(
        QStringLiteral("N"),
        QStringLiteral("scan title N of every source; 0, the default, scans all titles and takes "
                       "the longest as the main title")},
+      {{QStringLiteral("id")},
+       QStringLiteral("TMDB_ID"),
+       QStringLiteral("match the source to the movie with this movie database id instead of "
+                      "searching, as picked by hand (one SOURCE only)")},
       {{QStringLiteral("skip-tagging")},
        {},
        QStringLiteral("do not look the sources up in the movie database (this run only)")},

@@ -200,6 +200,21 @@ void RetagBrowserController::tagSearchUpdate(const std::shared_ptr<MDI_Media>& i
     queryDatabase(*item);
 }
 
+bool RetagBrowserController::pickSearchHit(const std::shared_ptr<MDI_Media>& item, qint64 index) {
+    if (!item || index < 0 || index >= item->searchList().size() || rowOf(item.get()) < 0)
+        return false;
+    // A query in flight fills the item's record, which must stay.
+    if (isScanning() && item == workMovie())
+        return false;
+    prepareHandPick(*item);
+    tagSearchUpdate(item, index);
+    return true;
+}
+
+void RetagBrowserController::prepareHandPick(MDI_Media& item) {
+    item.setMetaData(std::make_unique<MDB_MovieMetadata>());
+}
+
 bool RetagBrowserController::searchByHand(const std::shared_ptr<MDI_Media>& item,
                                           const QString& title) {
     const QString name = title.trimmed();
@@ -217,7 +232,7 @@ bool RetagBrowserController::searchByHand(const std::shared_ptr<MDI_Media>& item
     renameItem(*item, name);
     // What the item holds (the file's tags after an earlier lookup) gives way
     // to the new match, as replaceMetadata does for a hit picked by hand.
-    item->setMetaData(std::make_unique<MDB_MovieMetadata>());
+    prepareHandPick(*item);
     item->setSearchList({});
     item->resetSearchIndex();
     item->setBypassMetadata(true);

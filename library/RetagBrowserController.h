@@ -39,6 +39,10 @@ public:
     // tags are not read back over the choice.
     void tagSearchUpdate(qint64 row);
     void tagSearchUpdate(const std::shared_ptr<MDI_Media>& item, qint64 row);
+    // The hit picked by hand through tagSearchUpdate; like searchByHand it
+    // replaces all of the file's own tags and its cover. False also while
+    // the item is being looked up.
+    bool pickSearchHit(const std::shared_ptr<MDI_Media>& item, qint64 index) override;
     // A title the user typed for one item (the command line's --search): the
     // item is searched under it and the first hit counts as picked by hand,
     // so it replaces the file's own tags (`bypassMetadata`) as a hit picked
@@ -69,6 +73,8 @@ protected:
     void skipLookup(const std::shared_ptr<MDI_Media>& item) override;
     void renameItem(MDI_Media& item, const QString& name) override;
     int selectionTab() const override { return 1; }
+    // The file's own tags: a merge would keep those the pick does not set.
+    void prepareHandPick(MDI_Media& item) override;
 
 private:
     // The item whose record a query filled; the work item when none is.

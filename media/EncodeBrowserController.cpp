@@ -12,6 +12,7 @@
 #include "lookup/SearchPanelController.h"
 #include "media/MDI_Movie.h"
 #include "media/MDI_Utility.h"
+#include "metadata/MDB_MovieMetadata.h"
 #include "metadata/TagNames.h"
 #include "metadata/Utility.h"
 
@@ -326,11 +327,8 @@ void EncodeBrowserController::processFinished(AMShellWrapper* runner, int status
     const bool skipTagging = setting(SettingsKey::SkipTagging);
     if (item->isValid() && !skipTagging) {
         applyProcessingSwitches(*item);
-        item->setStatus(5);
-        statusUpdate();
         setScanTitle(item->name());
-        setScanStatus(QStringLiteral("Searching..."));
-        searchDatabase(*item);
+        lookUp(item);
     } else if (!item->isValid()) {
         setScanning(false);
         if (m_browserDelegate)
@@ -437,15 +435,49 @@ void EncodeBrowserController::searchDatabase(MDI_Media& item) {
     movieDB(item).search(item.name(), item.languageRegion(), this);
 }
 
+void EncodeBrowserController::lookUp(const std::shared_ptr<MDI_Media>& item) {
+    const auto pending = m_pickedIDs.find(item.get());
+    if (pending == m_pickedIDs.end()) {
+        item->setStatus(5);
+        statusUpdate();
+        setScanStatus(QStringLiteral("Searching..."));
+        searchDatabase(*item);
+        return;
+    }
+    const QString id = pending->second;
+    m_pickedIDs.erase(pending);
+    // Applied as a search hit picked by hand would be, with nothing but the
+    // id in it; the query fills in the rest.
+    MDB_MovieMetadata picked;
+    picked.setTag(id, tag(TagName::TMDbID));
+    prepareHandPick(*item);
+    item->replaceMetadata(picked);
+    item->setSearchList({});
+    item->resetSearchIndex();
+    item->setBypassMetadata(true);
+    item->setLookupError(QString());
+    item->setStatus(7);
+    statusUpdate();
+    setScanStatus(QStringLiteral("Querying..."));
+    queryDatabase(*item);
+}
+
 void EncodeBrowserController::noteLookupError(MDI_Media& item) {
     if (!item.lookupError().isEmpty())
         return;
     const auto found = m_movieDBs.find(&item);
     if (found == m_movieDBs.end())
         return;
-    const QString message = found->second->lastError().message();
+    const MDB_TheMovieDb::Error error = found->second->lastError();
+    QString message = error.message();
     if (message.isEmpty())
         return;
+    // Only a query asks for a movie by its id, so a 404 means the id.
+    const QString id = item.getMetadata()->getTag(tag(TagName::TMDbID));
+    if (error.failure == MDB_TheMovieDb::Failure::Rejected && error.httpStatus == 404 &&
+        !id.isEmpty())
+        message =
+            QStringLiteral("the movie database has no movie with the id %1 (HTTP 404)").arg(id);
     item.setLookupError(message);
     item.setWarnings(QStringLiteral("Lookup failed: ") + message);
 }
@@ -611,6 +643,39 @@ void EncodeBrowserController::metadataSearchUpdate(const std::shared_ptr<MDI_Med
     }
 }
 
+bool EncodeBrowserController::pickSearchHit(const std::shared_ptr<MDI_Media>& item, qint64 index) {
+    if (!item || index < 0 || index >= item->searchList().size() || rowOf(item.get()) < 0)
+        return false;
+    metadataSearchUpdate(item, index);
+    return true;
+}
+
+bool EncodeBrowserController::pickMovieID(const std::shared_ptr<MDI_Media>& item,
+                                          const QString& tmdbID) {
+    const QString id = tmdbID.trimmed();
+    bool number = false;
+    if (!item || id.toULongLong(&number) == 0 || !number || rowOf(item.get()) < 0)
+        return false;
+    const qint32 status = item->status();
+    // Waiting, or being scanned: the lookup after the scan takes the id.
+    const bool waiting = status >= 2 && status <= 4;
+    const bool ready = status == 6 || status == 8 || status == 12;
+    if (!waiting && (!ready || m_isScanning))
+        return false;
+    m_pickedIDs[item.get()] = QString::number(id.toULongLong());
+    if (waiting)
+        return true;
+    m_workMovie = item;
+    setScanning(true);
+    setScanTitle(item->name());
+    if (m_viewVisible) {
+        setScanProgress(true);
+        setVidImageVisible(true);
+    }
+    lookUp(item);
+    return true;
+}
+
 void EncodeBrowserController::metadataViewUpdate(const QString& imagePath) {
     if (m_selection.isEmpty() || m_selection.first() >= m_images.size())
         return;
@@ -713,6 +778,7 @@ void EncodeBrowserController::clearIndexes(const QList<int>& rows) {
             m_scanStr.clear();
         }
         m_movieDBs.erase(item.get());
+        m_pickedIDs.erase(item.get());
         m_movieList->removeAt(row);
         if (row < m_images.size())
             m_images.removeAt(row);

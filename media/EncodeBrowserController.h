@@ -144,6 +144,17 @@ public:
     // (or the given one): replaces the item's metadata and queries it.
     void metadataSearchUpdate(qint64 row);
     void metadataSearchUpdate(const std::shared_ptr<MDI_Media>& item, qint64 row);
+    // The hit at `index` (0-based, in the order of the item's last search)
+    // picked by hand, as in the results panel. False when the item is not in
+    // this browser or its last search has no such hit.
+    virtual bool pickSearchHit(const std::shared_ptr<MDI_Media>& item, qint64 index);
+    // The movie with the database id `tmdbID` picked by hand for the item
+    // instead of a search. An item still waiting or being scanned is matched
+    // so after its scan; a ready one at once. False for an id that is not a
+    // positive number, an item not in this browser, one that failed its scan,
+    // or one being looked up right now (or while another item is). An id the
+    // database does not know ends as a failed lookup.
+    bool pickMovieID(const std::shared_ptr<MDI_Media>& item, const QString& tmdbID);
     // The editor changed the first selected cell's poster or title.
     void metadataViewUpdate(const QString& imagePath);
     void metadataNameUpdate(const QString& name);
@@ -207,6 +218,8 @@ protected:
     virtual void renameItem(MDI_Media& item, const QString& name);
     // The information panel's tab named in the selection notification.
     virtual int selectionTab() const { return 0; }
+    // Drops what the item holds that a movie picked by hand must not keep.
+    virtual void prepareHandPick(MDI_Media& item) { Q_UNUSED(item); }
 
     // --- pieces of the match for those steps ---------------------------------
     // Rating, genre and sort name of the fetched record, HD flag, foreign
@@ -244,6 +257,8 @@ protected:
     void applyProcessingSwitches(MDI_Media& item);
     MDB_TheMovieDb& movieDB(const MDI_Media& item);
     void searchDatabase(MDI_Media& item);
+    // The search after a scan, or the query of the id picked for the item.
+    void lookUp(const std::shared_ptr<MDI_Media>& item);
     // Keeps the failure of the item's last search or query (its client's
     // lastError) as the item's lookup error and warning, once.
     void noteLookupError(MDI_Media& item);
@@ -267,6 +282,8 @@ private:
     // fetches the configuration when made, so items that are never looked up
     // never reach the database).
     std::map<const MDI_Media*, std::unique_ptr<MDB_TheMovieDb>> m_movieDBs;
+    // Ids picked by hand for items whose scan has not ended yet.
+    std::map<const MDI_Media*, QString> m_pickedIDs;
 
     QString m_scanTitle;
     bool m_scanTitleVisible = false;

@@ -12,8 +12,8 @@
 #include "Processes.h"
 #include "SmallDisk.h"
 
-#include <QRegularExpression>
-
+using retagtest::atomicParsleyTags;
+using retagtest::coverWidth;
 using retagtest::tag;
 
 namespace {
@@ -112,34 +112,6 @@ TEST_F(RetagCliTest, SearchTitleJsonAndAFileThatIsNoMovie) {
                     .toString()
                     .startsWith("No valid title was found!."));
     EXPECT_EQ(retagtest::fileHash(junk), junkBefore);
-}
-
-// The tags AtomicParsley reads, as "NAME: value" for its "Atom "NAME" contains: value" lines.
-QMap<QString, QString> atomicParsleyTags(const QString& path) {
-    const testsupport::RunResult r =
-        testsupport::run(QStringLiteral("AtomicParsley"), {path, "-t"}, 30000);
-    QMap<QString, QString> tags;
-    for (const QString& line : QString::fromUtf8(r.out).split(u'\n')) {
-        static const QRegularExpression atom(QStringLiteral("^Atom \"(.+)\" contains: (.*)$"));
-        const QRegularExpressionMatch m = atom.match(line.trimmed());
-        if (m.hasMatch())
-            tags.insert(m.captured(1), m.captured(2));
-    }
-    return tags;
-}
-
-int coverWidth(const QString& path) {
-    const testsupport::RunResult r =
-        testsupport::run(QStringLiteral("ffprobe"),
-                         {"-v", "error", "-show_entries",
-                          "stream=width:stream_disposition=attached_pic", "-of", "json", path},
-                         30000);
-    for (const QJsonValue& s : QJsonDocument::fromJson(r.out).object().value("streams").toArray()) {
-        const QJsonObject o = s.toObject();
-        if (o.value("disposition").toObject().value("attached_pic").toInt() == 1)
-            return o.value("width").toInt();
-    }
-    return 0;
 }
 
 TEST_F(RetagCliTest, SearchByTitleReplacesTheOldTagsAndCover) {

@@ -7,15 +7,19 @@
 
 #include "scan/ScanTestSupport.h"
 
+#include "Processes.h"
+
 #include "media/MDI_Movie.h"
 #include "metadata/TagNames.h"
 
 #include <QBuffer>
 #include <QCryptographicHash>
 #include <QImage>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMap>
+#include <QRegularExpression>
 
 namespace retagtest {
 
@@ -112,6 +116,34 @@ inline bool probeHasCover(const QString& path) {
                                         "stream_disposition=attached_pic", "-of", "json", path});
     p.waitForFinished(30000);
     return p.readAllStandardOutput().contains("\"attached_pic\": 1");
+}
+
+// The tags AtomicParsley reads, as "NAME: value" for its "Atom "NAME" contains: value" lines.
+inline QMap<QString, QString> atomicParsleyTags(const QString& path) {
+    const testsupport::RunResult r =
+        testsupport::run(QStringLiteral("AtomicParsley"), {path, "-t"}, 30000);
+    QMap<QString, QString> tags;
+    for (const QString& line : QString::fromUtf8(r.out).split(u'\n')) {
+        static const QRegularExpression atom(QStringLiteral("^Atom \"(.+)\" contains: (.*)$"));
+        const QRegularExpressionMatch m = atom.match(line.trimmed());
+        if (m.hasMatch())
+            tags.insert(m.captured(1), m.captured(2));
+    }
+    return tags;
+}
+
+inline int coverWidth(const QString& path) {
+    const testsupport::RunResult r =
+        testsupport::run(QStringLiteral("ffprobe"),
+                         {"-v", "error", "-show_entries",
+                          "stream=width:stream_disposition=attached_pic", "-of", "json", path},
+                         30000);
+    for (const QJsonValue& s : QJsonDocument::fromJson(r.out).object().value("streams").toArray()) {
+        const QJsonObject o = s.toObject();
+        if (o.value("disposition").toObject().value("attached_pic").toInt() == 1)
+            return o.value("width").toInt();
+    }
+    return 0;
 }
 
 } // namespace retagtest
