@@ -10,7 +10,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 
 using librarytest::makeJunk;
@@ -84,10 +83,13 @@ TEST_F(LibraryCommand, JsonHoldsEveryFileOfAMovie) {
               QJsonArray{m_movies + "/Alien.M4V"});
 }
 
-TEST_F(LibraryCommand, GenreOptionShowsThatGenreOnly) {
+TEST_F(LibraryCommand, GenreOptionShowsThatGenreOnlyAndUnreadableFilesAreReported) {
+    const QString junk = makeJunk(m_movies + "/Notes.m4v");
     Result r = runCli({"--folder", m_movies, "--genre", "Science Fiction"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.toStdString(), "Science Fiction (1 movie)\n  Alien (1 file)\n");
+    EXPECT_TRUE(r.err.contains("skipped " + junk + ": not a readable MP4 file"))
+        << r.err.toStdString();
 
     r = runCli({"--folder", m_movies, "--genre", "All Movies", "--json"});
     EXPECT_EQ(r.status, 0);
@@ -103,41 +105,29 @@ TEST_F(LibraryCommand, GenreOptionShowsThatGenreOnly) {
     EXPECT_TRUE(r.err.contains("Crime, Science Fiction")) << r.err.toStdString();
 }
 
-TEST_F(LibraryCommand, UnreadableFileIsReportedAndTheRestListed) {
-    const QString junk = makeJunk(m_movies + "/Notes.m4v");
-    const Result r = runCli({"--folder", m_movies, "--genre", "Science Fiction"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.toStdString(), "Science Fiction (1 movie)\n  Alien (1 file)\n");
-    EXPECT_TRUE(r.err.contains("skipped " + junk + ": not a readable MP4 file"))
-        << r.err.toStdString();
-}
-
-TEST_F(LibraryCommand, FolderDefaultsToTheLibraryBookmarksMoviesFolder) {
-    UserDefaults::standard().reopen();
-    UserDefaults::standard().setObject(Bookmark::create(m_dir.path()),
-                                       QLatin1String(SettingsKey::ITunesPathBookmark));
-    ASSERT_TRUE(UserDefaults::standard().synchronize());
-    const Result r = runCli({"--genre", "Science Fiction"});
-    EXPECT_EQ(r.status, 0) << r.err.toStdString();
-    EXPECT_EQ(r.out.toStdString(), "Science Fiction (1 movie)\n  Alien (1 file)\n");
-}
-
-TEST_F(LibraryCommand, NoFolderToListFailsWithAHint) {
-    UserDefaults::standard().reopen();
-    UserDefaults::standard().removeObject(QLatin1String(SettingsKey::ITunesPathBookmark));
-    ASSERT_TRUE(UserDefaults::standard().synchronize());
+TEST_F(LibraryCommand, FolderDefaultsToTheLibraryBookmarksMoviesFolderOrFailsWithAHint) {
+    UserDefaults& defaults = UserDefaults::standard();
+    defaults.reopen();
+    defaults.removeObject(QLatin1String(SettingsKey::ITunesPathBookmark));
+    ASSERT_TRUE(defaults.synchronize());
     Result r = runCli({});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.out.isEmpty());
     EXPECT_TRUE(r.err.contains("no iTunes folder is set")) << r.err.toStdString();
     EXPECT_TRUE(r.err.contains("--folder")) << r.err.toStdString();
 
+    defaults.setObject(Bookmark::create(m_dir.path()),
+                       QLatin1String(SettingsKey::ITunesPathBookmark));
+    ASSERT_TRUE(defaults.synchronize());
+    r = runCli({"--genre", "Science Fiction"});
+    EXPECT_EQ(r.status, 0) << r.err.toStdString();
+    EXPECT_EQ(r.out.toStdString(), "Science Fiction (1 movie)\n  Alien (1 file)\n");
+
     // A library folder without a "Movies" folder.
     const QString empty = m_dir.filePath("Empty Library");
     QDir().mkpath(empty);
-    UserDefaults::standard().setObject(Bookmark::create(empty),
-                                       QLatin1String(SettingsKey::ITunesPathBookmark));
-    ASSERT_TRUE(UserDefaults::standard().synchronize());
+    defaults.setObject(Bookmark::create(empty), QLatin1String(SettingsKey::ITunesPathBookmark));
+    ASSERT_TRUE(defaults.synchronize());
     r = runCli({"--json"});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.err.contains("has no \"Movies\" folder")) << r.err.toStdString();

@@ -97,20 +97,7 @@ TEST_F(MoviesBrowser, FindsMovieFilesInEveryFolderWhateverTheExtensionCase) {
               (QStringList{"Drama/Old/heat.m4v", "Film.M4V", "Mixed.M4v"}));
 }
 
-TEST_F(MoviesBrowser, MoviesFolderComesFromTheLibraryBookmark) {
-    QDir().mkpath(m_library + "/Music");
-    QDir().mkpath(m_library + "/movies-lowercase");
-    setLibraryBookmark(m_library);
-    EXPECT_EQ(MoviesBrowserController::iTunesMoviesFolder(),
-              QFileInfo(m_movies).absoluteFilePath());
-
-    MoviesBrowserController browser;
-    EXPECT_EQ(browser.moviesFolder(), QFileInfo(m_movies).absoluteFilePath());
-    browser.setMoviesFolder(m_dir.path());
-    EXPECT_EQ(browser.moviesFolder(), m_dir.path());
-}
-
-TEST_F(MoviesBrowser, NoBookmarkOrNoMoviesFolderShowsNoCells) {
+TEST_F(MoviesBrowser, MoviesFolderComesFromTheLibraryBookmarkOrShowsNoCells) {
     movie("Heat.m4v", MovieTags().setName("Heat"));
     {
         MoviesBrowserController browser;
@@ -119,17 +106,21 @@ TEST_F(MoviesBrowser, NoBookmarkOrNoMoviesFolderShowsNoCells) {
         EXPECT_EQ(browser.count(), 0);
         EXPECT_EQ(browser.genres(), QStringList{"All Movies"});
     }
+    QDir().mkpath(m_library + "/movies-lowercase");
+    setLibraryBookmark(m_library);
+    MoviesBrowserController browser;
+    EXPECT_EQ(browser.moviesFolder(), QFileInfo(m_movies).absoluteFilePath());
+
     // The search for "Movies" is case-sensitive and wants a folder.
     const QString other = m_dir.filePath("Other Library");
     QDir().mkpath(other + "/movies");
     QFile(other + "/Movies.txt").open(QIODevice::WriteOnly);
     setLibraryBookmark(other);
     EXPECT_TRUE(MoviesBrowserController::iTunesMoviesFolder().isEmpty());
-    MoviesBrowserController browser;
-    ASSERT_TRUE(load(browser));
-    EXPECT_EQ(browser.count(), 0);
-    ASSERT_TRUE(browser.movieMap().has_value());
-    EXPECT_TRUE(browser.movieMap()->isEmpty());
+    MoviesBrowserController none;
+    ASSERT_TRUE(load(none));
+    ASSERT_TRUE(none.movieMap().has_value());
+    EXPECT_TRUE(none.movieMap()->isEmpty());
 
     MoviesBrowserController gone;
     gone.setMoviesFolder(m_dir.filePath("gone"));
@@ -138,124 +129,76 @@ TEST_F(MoviesBrowser, NoBookmarkOrNoMoviesFolderShowsNoCells) {
     EXPECT_TRUE(gone.skippedFiles().isEmpty());
 }
 
-TEST_F(MoviesBrowser, FilesWithOneContentIdBecomeOneCellShowingTheHdVersion) {
+TEST_F(MoviesBrowser, OneCellPerContentIdGroupedByGenreAndSkippingWhatIsNoMovie) {
     // The SD file comes first in the listing: the HD one must still be shown.
     const QString sd =
-        movie("a/Heat (SD).m4v",
-              MovieTags().setName("Heat").setGenre("Crime").setContentID(42).setHDVideo(0));
+        movie("a/Heat (SD).m4v", MovieTags().setName("Heat").setGenre("Action").setContentID(42));
     const QString hd =
         movie("b/Heat (HD).m4v",
-              MovieTags().setName("Heat").setGenre("Crime").setContentID(42).setHDVideo(1));
+              MovieTags().setName("Heat").setGenre("Action").setContentID(42).setHDVideo(1));
     // And here the HD file comes first and keeps its place.
-    const QString hd2 =
-        movie("a/Ronin 1080p.m4v", MovieTags().setName("Ronin").setContentID(7).setHDVideo(2));
-    const QString sd2 = movie("b/Ronin.m4v", MovieTags().setName("Ronin").setContentID(7));
-    movie("c/Alien.m4v", MovieTags().setName("Alien").setContentID(9));
-
-    MoviesBrowserController browser;
-    browser.setMoviesFolder(m_movies);
-    ASSERT_TRUE(load(browser));
-    ASSERT_TRUE(browser.movieMap().has_value());
-    const auto& movies = *browser.movieMap();
-    ASSERT_EQ(movies.size(), 3);
-
-    const auto heat = movies.value("42");
-    ASSERT_TRUE(heat);
-    EXPECT_EQ(heat->urls(), (QList<QUrl>{QUrl::fromLocalFile(sd), QUrl::fromLocalFile(hd)}));
-    EXPECT_EQ(heat->url(), QUrl::fromLocalFile(hd));
-    EXPECT_TRUE(heat->isHD());
-    EXPECT_FALSE(heat->isSD());
-    EXPECT_EQ(heat->hdVideo(), 1);
-
-    const auto ronin = movies.value("7");
-    ASSERT_TRUE(ronin);
-    EXPECT_EQ(ronin->urls().size(), 2);
-    EXPECT_EQ(ronin->url(), QUrl::fromLocalFile(hd2));
-    EXPECT_EQ(ronin->hdVideo(), 2);
-    EXPECT_TRUE(ronin->isHD());
-
-    const auto alien = movies.value("9");
-    ASSERT_TRUE(alien);
-    EXPECT_EQ(alien->urls().size(), 1);
-    EXPECT_TRUE(alien->isSD());
-    EXPECT_EQ(browser.count(), 3);
-    Q_UNUSED(sd2);
-}
-
-TEST_F(MoviesBrowser, CellsGroupByGenreAndAllMoviesHoldsEveryCell) {
-    movie("heat.m4v", MovieTags().setName("Heat").setGenre("Action").setContentID(1));
-    movie("the-rock.m4v",
-          MovieTags().setName("The Rock").setSortName("Rock").setGenre("Action").setContentID(2));
-    movie("alien.m4v", MovieTags().setName("Alien").setGenre("Action").setContentID(3));
-    movie("amelie.m4v", MovieTags().setName("Amelie").setGenre("Drama").setContentID(4));
-    movie("untagged.m4v", MovieTags().setContentID(5));
+    const QString hd2 = movie("a/Rock 1080p.m4v", MovieTags()
+                                                      .setName("The Rock")
+                                                      .setSortName("Rock")
+                                                      .setGenre("Action")
+                                                      .setContentID(7)
+                                                      .setHDVideo(2));
+    movie("b/Rock.m4v", MovieTags().setName("The Rock").setGenre("Action").setContentID(7));
+    movie("c/alien.m4v", MovieTags().setName("Alien").setGenre("Action").setContentID(3));
+    movie("c/amelie.m4v", MovieTags().setName("Amelie").setGenre("Drama").setContentID(4));
+    movie("c/untagged.m4v", MovieTags().setContentID(5));
+    const QString junk = makeJunk(m_movies + "/d/Broken.m4v");
+    const QString empty = m_movies + "/d/Empty.M4V";
+    QFile(empty).open(QIODevice::WriteOnly);
 
     MoviesBrowserController browser;
     browser.setMoviesFolder(m_movies);
     SignalCount genresChanged(&browser, &MoviesBrowserController::genresChanged);
     ASSERT_TRUE(load(browser));
     EXPECT_GE(genresChanged.count(), 1);
+    EXPECT_EQ(browser.skippedFiles(),
+              (QList<QUrl>{QUrl::fromLocalFile(junk), QUrl::fromLocalFile(empty)}));
+    EXPECT_FALSE(browser.isLoading());
+    EXPECT_FALSE(browser.scanProgressVisible());
+    ASSERT_TRUE(browser.movieMap().has_value());
+    const auto& movies = *browser.movieMap();
+    ASSERT_EQ(movies.size(), 5);
+    const auto heat = movies.value("42");
+    ASSERT_TRUE(heat);
+    EXPECT_EQ(heat->urls(), (QList<QUrl>{QUrl::fromLocalFile(sd), QUrl::fromLocalFile(hd)}));
+    EXPECT_EQ(heat->url(), QUrl::fromLocalFile(hd));
+    EXPECT_TRUE(heat->isHD());
+    EXPECT_EQ(heat->hdVideo(), 1);
+    const auto rock = movies.value("7");
+    ASSERT_TRUE(rock);
+    EXPECT_EQ(rock->urls().size(), 2);
+    EXPECT_EQ(rock->url(), QUrl::fromLocalFile(hd2));
+    EXPECT_EQ(rock->hdVideo(), 2);
+    EXPECT_TRUE(movies.value("3")->isSD());
 
     EXPECT_EQ(browser.genres(), (QStringList{"All Movies", "Action", "Drama", "Unknown"}));
     const auto& genres = browser.genreMap();
     // Within a genre, cells follow their sort names.
     EXPECT_EQ(cellNames(genres.value("Action")), (QStringList{"Alien", "Heat", "The Rock"}));
-    EXPECT_EQ(cellNames(genres.value("Drama")), QStringList{"Amelie"});
     // Without a name tag the cell takes the file's name.
     EXPECT_EQ(cellNames(genres.value("Unknown")), QStringList{"untagged"});
-
     EXPECT_EQ(browser.curGenre(), "All Movies");
     EXPECT_EQ(cellNames(browser.curCells()),
               (QStringList{"Alien", "Amelie", "Heat", "The Rock", "untagged"}));
-    EXPECT_EQ(browser.numberOfItemsInImageBrowser(), 5);
-    ASSERT_TRUE(browser.itemAtIndex(4));
     EXPECT_EQ(browser.itemAtIndex(4)->name(), "untagged");
     EXPECT_FALSE(browser.itemAtIndex(5));
     EXPECT_FALSE(browser.itemAtIndex(-1));
-}
 
-TEST_F(MoviesBrowser, ChoosingAGenreShowsItsCells) {
-    movie("heat.m4v", MovieTags().setName("Heat").setGenre("Action").setContentID(1));
-    movie("alien.m4v", MovieTags().setName("Alien").setGenre("Science Fiction").setContentID(2));
-    movie("aliens.m4v", MovieTags().setName("Aliens").setGenre("Science Fiction").setContentID(3));
-
-    MoviesBrowserController browser;
-    browser.setMoviesFolder(m_movies);
-    ASSERT_TRUE(load(browser));
     SignalCount reloaded(&browser, &MoviesBrowserController::reloaded);
-
-    EXPECT_TRUE(browser.chooseGenre("Science Fiction"));
+    EXPECT_TRUE(browser.chooseGenre("Drama"));
     EXPECT_EQ(reloaded.count(), 1);
-    EXPECT_EQ(browser.curGenre(), "Science Fiction");
-    EXPECT_EQ(browser.count(), 2);
-    EXPECT_EQ(cellNames(browser.curCells()), (QStringList{"Alien", "Aliens"}));
-
+    EXPECT_EQ(cellNames(browser.curCells()), QStringList{"Amelie"});
     // A genre the library does not have changes nothing.
     EXPECT_FALSE(browser.chooseGenre("Western"));
     EXPECT_EQ(reloaded.count(), 1);
-    EXPECT_EQ(browser.curGenre(), "Science Fiction");
-    EXPECT_EQ(browser.count(), 2);
-
+    EXPECT_EQ(browser.curGenre(), "Drama");
     EXPECT_TRUE(browser.chooseGenre("All Movies"));
-    EXPECT_EQ(browser.count(), 3);
-    EXPECT_TRUE(browser.chooseGenre("Action"));
-    EXPECT_EQ(cellNames(browser.curCells()), QStringList{"Heat"});
-}
-
-TEST_F(MoviesBrowser, FileThatIsNotAMovieIsSkippedAndTheRestListed) {
-    movie("heat.m4v", MovieTags().setName("Heat").setGenre("Action").setContentID(1));
-    const QString junk = makeJunk(m_movies + "/Broken.m4v");
-    const QString empty = m_movies + "/Empty.M4V";
-    QFile(empty).open(QIODevice::WriteOnly);
-
-    MoviesBrowserController browser;
-    browser.setMoviesFolder(m_movies);
-    ASSERT_TRUE(load(browser));
-    EXPECT_EQ(cellNames(browser.curCells()), QStringList{"Heat"});
-    EXPECT_EQ(browser.skippedFiles(),
-              (QList<QUrl>{QUrl::fromLocalFile(junk), QUrl::fromLocalFile(empty)}));
-    EXPECT_FALSE(browser.isLoading());
-    EXPECT_FALSE(browser.scanProgressVisible());
+    EXPECT_EQ(browser.count(), 5);
 }
 
 TEST_F(MoviesBrowser, LoadingRunsBesideTheEventLoop) {
@@ -320,7 +263,7 @@ TEST_F(MoviesBrowser, DestroyingTheBrowserDuringALoadStopsIt) {
     QCoreApplication::processEvents();
 }
 
-TEST_F(MoviesBrowser, SelectionBuildsTheMovieFromItsFileTags) {
+TEST_F(MoviesBrowser, SelectionBuildsTheMovieFromItsFileTagsAndShowingAgainRereadsIt) {
     const QString heat = movie("heat.m4v", MovieTags().setContentID(1));
     MDB_Metadata record;
     record.setTagsDict({});
@@ -335,30 +278,43 @@ TEST_F(MoviesBrowser, SelectionBuildsTheMovieFromItsFileTags) {
 
     MoviesBrowserController browser;
     browser.setMoviesFolder(m_movies);
-    ASSERT_TRUE(load(browser));
+    SignalCount loaded(&browser, &MoviesBrowserController::movieListLoaded);
+    browser.setHidden(false);
+    browser.setHidden(true);
+    browser.setHidden(false);
+    ASSERT_TRUE(testsupport::waitUntil([&] { return loaded.count() > 0; }, 60000));
     SignalCount changed(&browser, &MoviesBrowserController::curMovieChanged);
 
     ASSERT_EQ(cellNames(browser.curCells()), (QStringList{"Alien", "Heat"}));
     browser.setSelection({7, 1});
     EXPECT_EQ(changed.count(), 1);
     EXPECT_EQ(browser.selection(), QList<int>{1});
-    const auto movie = browser.curMovie();
-    ASSERT_TRUE(movie);
-    EXPECT_EQ(movie->outPath(), heat);
-    EXPECT_EQ(movie->name(), "Heat");
-    EXPECT_EQ(movie->getTag(TagName::Director), "Michael Mann");
-    EXPECT_EQ(movie->getTag(TagName::Genre), "Crime");
+    ASSERT_TRUE(browser.curMovie());
+    EXPECT_EQ(browser.curMovie()->outPath(), heat);
+    EXPECT_EQ(browser.curMovie()->name(), "Heat");
+    EXPECT_EQ(browser.curMovie()->getTag(TagName::Director), "Michael Mann");
+
+    // While the browser is away a movie is added and the selected one edited:
+    // the list is not read again, the selected movie is.
+    browser.setHidden(true);
+    movie("zodiac.m4v", MovieTags().setName("Zodiac").setContentID(3));
+    ASSERT_TRUE(librarytest::writeTags(heat, MovieTags().setName("Heat (Director's Cut)")));
+    browser.setHidden(false);
+    browser.loadMovieList();
+    QCoreApplication::processEvents();
+    EXPECT_FALSE(browser.isLoading());
+    EXPECT_EQ(loaded.count(), 1);
+    EXPECT_EQ(browser.count(), 2);
+    ASSERT_TRUE(browser.curMovie());
+    EXPECT_EQ(browser.curMovie()->name(), "Heat (Director's Cut)");
 
     // The first selected cell is the lowest row.
     browser.selectAll();
     EXPECT_EQ(browser.getSelected().size(), 2);
     ASSERT_TRUE(browser.curMovie());
     EXPECT_EQ(browser.curMovie()->name(), "Alien");
-
     browser.setSelection({});
     EXPECT_FALSE(browser.curMovie());
-    EXPECT_TRUE(browser.getSelected().isEmpty());
-
     // Another genre's cells drop the selection and its movie.
     browser.setSelection({0});
     ASSERT_TRUE(browser.curMovie());
@@ -367,61 +323,20 @@ TEST_F(MoviesBrowser, SelectionBuildsTheMovieFromItsFileTags) {
     EXPECT_FALSE(browser.curMovie());
 }
 
-TEST_F(MoviesBrowser, ShowingAgainKeepsTheListAndRereadsTheSelectedMovie) {
-    const QString heat = movie("heat.m4v", MovieTags().setName("Heat").setContentID(1));
-    MoviesBrowserController browser;
-    browser.setMoviesFolder(m_movies);
-    SignalCount loaded(&browser, &MoviesBrowserController::movieListLoaded);
-    browser.setHidden(false);
-    browser.setHidden(true);
-    browser.setHidden(false);
-    ASSERT_TRUE(testsupport::waitUntil([&] { return loaded.count() > 0; }, 60000));
-    EXPECT_EQ(browser.count(), 1);
-    browser.setSelection({0});
-    ASSERT_TRUE(browser.curMovie());
-    EXPECT_EQ(browser.curMovie()->name(), "Heat");
-
-    // While the browser is away a movie is added and the selected one edited:
-    // the list is not read again, the selected movie is.
-    browser.setHidden(true);
-    movie("alien.m4v", MovieTags().setName("Alien").setContentID(2));
-    ASSERT_TRUE(librarytest::writeTags(heat, MovieTags().setName("Heat (Director's Cut)")));
-    browser.setHidden(false);
-    browser.loadMovieList();
-    QCoreApplication::processEvents();
-    EXPECT_FALSE(browser.isLoading());
-    EXPECT_EQ(loaded.count(), 1);
-    EXPECT_EQ(browser.count(), 1);
-    ASSERT_TRUE(browser.curMovie());
-    EXPECT_EQ(browser.curMovie()->name(), "Heat (Director's Cut)");
-}
-
-TEST(iTunesMovieCell, StartsUnknownAndTakesTheBasicData) {
+TEST(iTunesMovieCell, StartsUnknownAndTheHighestHdFileIsShown) {
     const iTunesMovieCell empty;
     EXPECT_EQ(empty.name(), "Unknown");
-    EXPECT_EQ(empty.sortName(), "Unknown");
     EXPECT_EQ(empty.genre(), "Unknown");
-    EXPECT_EQ(empty.version(), 1u);
     EXPECT_TRUE(empty.urls().isEmpty());
 
     MDB_Basicdata data;
     data.name = "The Rock";
-    data.sortName = "Rock";
-    data.genre = "Action";
     data.contentID = "1234";
     data.url = QUrl::fromLocalFile("/library/Movies/The Rock.m4v");
-    data.hdVideo = 0;
     iTunesMovieCell cell(data);
     EXPECT_EQ(cell.uid(), "1234");
-    EXPECT_EQ(cell.imageUID(), "1234");
     EXPECT_EQ(cell.imageTitle(), "The Rock");
-    EXPECT_EQ(cell.sortName(), "Rock");
-    EXPECT_EQ(cell.genre(), "Action");
     EXPECT_EQ(cell.imageRepresentation(), "/library/Movies/The Rock.m4v");
-    EXPECT_EQ(cell.imageRepresentationType(), "path");
-    EXPECT_TRUE(cell.isSD());
-    EXPECT_FALSE(cell.isHD());
-
     // The same file twice stays one entry; a lower HD flag does not take over.
     cell.addURL(data.url, 0);
     EXPECT_EQ(cell.urls().size(), 1);
@@ -430,7 +345,6 @@ TEST(iTunesMovieCell, StartsUnknownAndTakesTheBasicData) {
     EXPECT_EQ(cell.urls().size(), 3);
     EXPECT_EQ(cell.imageRepresentation(), "/library/Movies/The Rock 720p.m4v");
     EXPECT_TRUE(cell.isHD());
-    EXPECT_FALSE(cell.isSD());
 }
 
 } // namespace

@@ -24,88 +24,59 @@ QString tagOf(const MDB_Metadata& record, const char* name) {
     return record.getTag(QString::fromLatin1(name));
 }
 
-TEST(MovieRecord, PeopleListsKeepTheirTrailingSeparator) {
-    const auto record = MDB_TheMovieDb::metadata(
-        parse(R"({"id": 7, "casts": {"cast": [{"name": "A"}, {"name": "B"}, {"name": "C"}],
-                  "crew": [{"name": "D", "department": "Directing"},
-                           {"name": "W", "department": "Writing"},
-                           {"name": "P", "department": "Production"},
-                           {"name": "Q", "department": "Production"},
-                           {"name": "S", "department": "Sound"}]},
-                  "production_companies": [{"name": "One"}, {"name": "Two"}]})"),
-        "US");
-    EXPECT_EQ(tagOf(*record, TagName::Cast), "A, B, C, ");
-    EXPECT_EQ(tagOf(*record, TagName::Director), "D, ");
-    EXPECT_EQ(tagOf(*record, TagName::Screenwriters), "W, ");
-    EXPECT_EQ(tagOf(*record, TagName::Producers), "P, Q, ");
-    EXPECT_EQ(tagOf(*record, TagName::Studio), "One, Two, ");
-}
-
-TEST(MovieRecord, ACrewOfOtherDepartmentsEmptiesThePeopleTags) {
-    MDB_MovieMetadata record;
-    record.setTag("Someone, ", TagName::Director);
-    record.setTag("Someone, ", TagName::Producers);
-    record.setTag("Cast, ", TagName::Cast);
-    MDB_TheMovieDb::metadata(
-        record, parse(R"({"casts": {"cast": [], "crew": [{"name": "S", "department": "Sound"}]}})"),
-        "US");
-    EXPECT_EQ(tagOf(record, TagName::Director), "");
-    EXPECT_EQ(tagOf(record, TagName::Producers), "");
-    EXPECT_EQ(tagOf(record, TagName::Screenwriters), "");
-    // An empty cast list leaves the cast alone.
-    EXPECT_EQ(tagOf(record, TagName::Cast), "Cast, ");
-}
-
-TEST(MovieRecord, ImdbIdLosesItsPrefixAndAShortOneClearsThePage) {
-    auto record = MDB_TheMovieDb::metadata(parse(R"({"id": 1, "imdb_id": "tt0000123"})"), "US");
-    EXPECT_EQ(tagOf(*record, TagName::IMDbID), "0000123");
-    EXPECT_EQ(record->imdb().toUrl().toString(), "http://www.imdb.com/title/tt0000123/");
-
-    MDB_TheMovieDb::metadata(*record, parse(R"({"id": 1, "imdb_id": ""})"), "US");
-    EXPECT_EQ(tagOf(*record, TagName::IMDbID), "");
-    EXPECT_FALSE(tagOf(*record, TagName::IMDbID).isNull());
-    EXPECT_FALSE(record->imdb().isValid());
-
-    // null is absent: the earlier value stays.
-    record->setTag("42", TagName::IMDbID);
-    MDB_TheMovieDb::metadata(*record, parse(R"({"id": 1, "imdb_id": null})"), "US");
-    EXPECT_EQ(tagOf(*record, TagName::IMDbID), "42");
-}
-
-TEST(MovieRecord, IdIsAlwaysSetAndNullValuesAreSkipped) {
+TEST(MovieRecord, EachFieldAndItsQuirks) {
     MDB_MovieMetadata record;
     record.setTag("Old", TagName::Name);
     record.setTag("Old", TagName::Description);
+    record.setTag("Someone, ", TagName::Producers);
+    record.setTag("Cast, ", TagName::Cast);
+    // No id is still an id; null is absent; an empty cast list leaves the cast;
+    // a crew of other departments empties the people tags.
     MDB_TheMovieDb::metadata(
-        record, parse(R"({"title": null, "overview": null, "release_date": "1999-01-02"})"), "US");
+        record, parse(R"({"title": null, "overview": null, "release_date": "1999-01-02",
+                  "imdb_id": "tt0000123", "genres": [], "trailers": {"youtube": []},
+                  "casts": {"cast": [], "crew": [{"name": "S", "department": "Sound"}]}})"),
+        "US");
     EXPECT_EQ(tagOf(record, TagName::TMDbID), "0");
     EXPECT_EQ(record.tmdb().toUrl().toString(), "http://www.themoviedb.org/movie/0");
     EXPECT_EQ(tagOf(record, TagName::Name), "Old");
     EXPECT_EQ(tagOf(record, TagName::Description), "Old");
     EXPECT_EQ(tagOf(record, TagName::ReleaseDate), "1999-01-02");
+    EXPECT_EQ(tagOf(record, TagName::IMDbID), "0000123");
+    EXPECT_EQ(record.imdb().toUrl().toString(), "http://www.imdb.com/title/tt0000123/");
+    EXPECT_EQ(tagOf(record, TagName::Genre), "");
+    EXPECT_FALSE(record.trailer().isValid());
+    EXPECT_EQ(tagOf(record, TagName::Producers), "");
+    EXPECT_EQ(tagOf(record, TagName::Director), "");
+    EXPECT_EQ(tagOf(record, TagName::Cast), "Cast, ");
     EXPECT_EQ(record.mediaKind(), 9);
 
-    MDB_TheMovieDb::metadata(record, parse(R"({"id": 603, "title": "New", "overview": ""})"), "US");
+    // People lists keep their trailing separator; only the first YouTube trailer counts.
+    MDB_TheMovieDb::metadata(record,
+                             parse(R"({"id": 603, "title": "New", "overview": "", "imdb_id": "",
+                  "casts": {"cast": [{"name": "A"}, {"name": "B"}],
+                  "crew": [{"name": "D", "department": "Directing"},
+                           {"name": "W", "department": "Writing"},
+                           {"name": "P", "department": "Production"},
+                           {"name": "Q", "department": "Production"}]},
+                  "production_companies": [{"name": "One"}, {"name": "Two"}],
+                  "trailers": {"youtube": [{"source": "first"}, {"source": "second"}]},
+                  "genres": [{"id": 18, "name": "Drama"}, {"id": 36, "name": "History"}]})"),
+                             "US");
     EXPECT_EQ(tagOf(record, TagName::TMDbID), "603");
-    EXPECT_EQ(tagOf(record, TagName::Name), "New");
     EXPECT_EQ(tagOf(record, TagName::SortName), "New");
     EXPECT_EQ(tagOf(record, TagName::Description), "");
     EXPECT_EQ(tagOf(record, TagName::LongDescription), "");
-}
-
-TEST(MovieRecord, OnlyTheFirstYouTubeTrailerAndAllGenresCount) {
-    const auto record = MDB_TheMovieDb::metadata(
-        parse(
-            R"({"trailers": {"quicktime": [], "youtube": [{"source": "first"}, {"source": "second"}]},
-                  "genres": [{"id": 18, "name": "Drama"}, {"id": 36, "name": "History"}]})"),
-        "US");
-    EXPECT_EQ(record->trailer().toUrl().toString(), "http://www.youtube.com/watch?v=first");
-    EXPECT_EQ(tagOf(*record, TagName::Genre), "Drama, History");
-
-    const auto none =
-        MDB_TheMovieDb::metadata(parse(R"({"trailers": {"youtube": []}, "genres": []})"), "US");
-    EXPECT_FALSE(none->trailer().isValid());
-    EXPECT_EQ(tagOf(*none, TagName::Genre), "");
+    // A short IMDb id clears the page.
+    EXPECT_EQ(tagOf(record, TagName::IMDbID), "");
+    EXPECT_FALSE(record.imdb().isValid());
+    EXPECT_EQ(tagOf(record, TagName::Cast), "A, B, ");
+    EXPECT_EQ(tagOf(record, TagName::Director), "D, ");
+    EXPECT_EQ(tagOf(record, TagName::Screenwriters), "W, ");
+    EXPECT_EQ(tagOf(record, TagName::Producers), "P, Q, ");
+    EXPECT_EQ(tagOf(record, TagName::Studio), "One, Two, ");
+    EXPECT_EQ(record.trailer().toUrl().toString(), "http://www.youtube.com/watch?v=first");
+    EXPECT_EQ(tagOf(record, TagName::Genre), "Drama, History");
 }
 
 TEST(MovieRecord, RatingFromTheReleases) {

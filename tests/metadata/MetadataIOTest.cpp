@@ -111,49 +111,30 @@ protected:
     QString m_path;
 };
 
-TEST_F(MetadataIO, TextAndNumbersRoundTrip) {
+TEST_F(MetadataIO, TextAndNumbersRoundTripAndAnEmptyRecordRemovesThem) {
     MDB_Metadata r = bare();
-    const QStringList texts = {TagName::Name,
-                               TagName::Artist,
-                               TagName::AlbumArtist,
-                               TagName::Album,
-                               TagName::Grouping,
-                               TagName::Composer,
-                               TagName::Comments,
-                               TagName::Genre,
-                               TagName::ReleaseDate,
-                               TagName::TVShow,
-                               TagName::TVNetwork,
-                               TagName::TVEpisodeID,
-                               TagName::Description,
-                               TagName::LongDescription,
-                               TagName::SeriesDescription,
-                               TagName::Lyrics,
-                               TagName::Copyright,
-                               TagName::EncodingTool,
-                               TagName::EncodedBy,
-                               TagName::ITunesAccount,
-                               TagName::Keywords,
-                               TagName::Category,
-                               TagName::XID,
-                               TagName::SortName,
-                               TagName::SortArtist,
-                               TagName::SortAlbumArtist,
-                               TagName::SortAlbum,
-                               TagName::SortComposer,
-                               TagName::SortTVShow};
+    // Every text tag the file can hold, by the names the user sees.
+    const QStringList texts =
+        QStringLiteral("Name,Artist,Album Artist,Album,Grouping,Composer,Comments,Genre,"
+                       "Release Date,TV Show,TV Network,TV Episode ID,Description,"
+                       "Long Description,Series Description,Lyrics,Copyright,Encoding Tool,"
+                       "Encoded By,iTunes Account,Keywords,Category,XID,Sort Name,Sort Artist,"
+                       "Sort Album Artist,Sort Album,Sort Composer,Sort TV Show")
+            .split(u',');
     for (const QString& key : texts)
-        r.setTag(key + QStringLiteral(" – ünïcødé ✓"), key);
-    r.setTag("7/10", TagName::TrackNumber);
-    r.setTag("1/2", TagName::DiskNumber);
-    r.setTag("120", TagName::Tempo);
-    r.setTag("4", TagName::TVSeason);
-    r.setTag("12", TagName::TVEpisodeNumber);
-    r.setTag("1234567", TagName::ContentID);
-    r.setTag("9876543210123", TagName::PlaylistID);
-    r.setTag("11", TagName::ComposerID);
-    r.setTag("22", TagName::ArtistID);
-    r.setTag("33", TagName::GenreID);
+        r.setTag(key + " – ünïcødé ✓", key);
+    const std::pair<const char*, const char*> numbers[] = {{TagName::TrackNumber, "7/10"},
+                                                           {TagName::DiskNumber, "1/2"},
+                                                           {TagName::Tempo, "120"},
+                                                           {TagName::TVSeason, "4"},
+                                                           {TagName::TVEpisodeNumber, "12"},
+                                                           {TagName::ContentID, "1234567"},
+                                                           {TagName::PlaylistID, "9876543210123"},
+                                                           {TagName::ComposerID, "11"},
+                                                           {TagName::ArtistID, "22"},
+                                                           {TagName::GenreID, "33"}};
+    for (const auto& [key, value] : numbers)
+        r.setTag(value, key);
     r.setMediaKind(9);
     r.setHdVideo(2);
     r.setGapless(1);
@@ -165,17 +146,9 @@ TEST_F(MetadataIO, TextAndNumbersRoundTrip) {
     const MDB_Metadata back = read(false, &hadArtwork);
     EXPECT_FALSE(hadArtwork);
     for (const QString& key : texts)
-        EXPECT_EQ(back.getTag(key), key + QStringLiteral(" – ünïcødé ✓")) << qPrintable(key);
-    EXPECT_EQ(back.getTag(TagName::TrackNumber), "7/10");
-    EXPECT_EQ(back.getTag(TagName::DiskNumber), "1/2");
-    EXPECT_EQ(back.getTag(TagName::Tempo), "120");
-    EXPECT_EQ(back.getTag(TagName::TVSeason), "4");
-    EXPECT_EQ(back.getTag(TagName::TVEpisodeNumber), "12");
-    EXPECT_EQ(back.getTag(TagName::ContentID), "1234567");
-    EXPECT_EQ(back.getTag(TagName::PlaylistID), "9876543210123");
-    EXPECT_EQ(back.getTag(TagName::ComposerID), "11");
-    EXPECT_EQ(back.getTag(TagName::ArtistID), "22");
-    EXPECT_EQ(back.getTag(TagName::GenreID), "33");
+        EXPECT_EQ(back.getTag(key), key + " – ünïcødé ✓") << qPrintable(key);
+    for (const auto& [key, value] : numbers)
+        EXPECT_EQ(back.getTag(key), value) << key;
     EXPECT_EQ(back.mediaKind(), 9);
     EXPECT_EQ(back.hdVideo(), 2);
     EXPECT_EQ(back.gapless(), 1);
@@ -183,55 +156,7 @@ TEST_F(MetadataIO, TextAndNumbersRoundTrip) {
     EXPECT_EQ(back.contentRating(), 4);
     // Nothing that was not in the file appears in the record.
     EXPECT_TRUE(back.getTag(TagName::PurchaseDate).isNull());
-    EXPECT_TRUE(back.getTag(TagName::Rating).isNull());
     EXPECT_TRUE(back.getTag(TagName::Cast).isNull());
-}
-
-TEST_F(MetadataIO, TrackAndDiskNumbersAcceptSlashHyphenOrBlank) {
-    struct Case {
-        const char* text;
-        int index;
-        int total;
-        const char* readBack;
-    };
-    const Case cases[] = {{"3", 3, 0, "3/0"},        {"3/12", 3, 12, "3/12"},
-                          {"3-12", 3, 12, "3/12"},   {"3 12", 3, 12, "3/12"},
-                          {"3 / 12", 3, 12, "3/12"}, {"x", 0, 0, "0/0"}};
-    for (const Case& c : cases) {
-        MDB_Metadata r = bare();
-        r.setTag(c.text, TagName::TrackNumber);
-        r.setTag(c.text, TagName::DiskNumber);
-        write(r);
-        inspect([&](const MP4Tags* t) {
-            ASSERT_TRUE(t->track) << c.text;
-            EXPECT_EQ(t->track->index, c.index) << c.text;
-            EXPECT_EQ(t->track->total, c.total) << c.text;
-            ASSERT_TRUE(t->disk) << c.text;
-            EXPECT_EQ(t->disk->index, c.index) << c.text;
-            EXPECT_EQ(t->disk->total, c.total) << c.text;
-        });
-        const MDB_Metadata back = read();
-        EXPECT_EQ(back.getTag(TagName::TrackNumber), c.readBack) << c.text;
-        EXPECT_EQ(back.getTag(TagName::DiskNumber), c.readBack) << c.text;
-    }
-}
-
-TEST_F(MetadataIO, AbsentTagsAndZeroFlagsRemoveItemsButStoreIdsStay) {
-    MDB_Metadata r = bare();
-    r.setTag("Before", TagName::Name);
-    r.setTag("100", TagName::Tempo);
-    r.setTag("5", TagName::TVSeason);
-    r.setTag("42", TagName::ContentID);
-    r.setTag("777", TagName::PlaylistID);
-    r.setTag("8", TagName::ComposerID);
-    r.setTag("9", TagName::ArtistID);
-    r.setTag("10", TagName::GenreID);
-    r.setMediaKind(9);
-    r.setHdVideo(1);
-    r.setGapless(1);
-    r.setPodcast(1);
-    r.setContentRating(2);
-    write(r);
 
     write(bare());
     inspect([](const MP4Tags* t) {
@@ -248,14 +173,11 @@ TEST_F(MetadataIO, AbsentTagsAndZeroFlagsRemoveItemsButStoreIdsStay) {
         ASSERT_TRUE(t->contentRating);
         EXPECT_EQ(*t->contentRating, 0);
         // Store identifiers missing from the record survive.
-        ASSERT_TRUE(t->playlistID);
-        EXPECT_EQ(*t->playlistID, 777u);
-        ASSERT_TRUE(t->composerID);
-        EXPECT_EQ(*t->composerID, 8u);
-        ASSERT_TRUE(t->artistID);
-        EXPECT_EQ(*t->artistID, 9u);
-        ASSERT_TRUE(t->genreID);
-        EXPECT_EQ(*t->genreID, 10u);
+        ASSERT_TRUE(t->playlistID && t->composerID && t->artistID && t->genreID);
+        EXPECT_EQ(*t->playlistID, 9876543210123u);
+        EXPECT_EQ(*t->composerID, 11u);
+        EXPECT_EQ(*t->artistID, 22u);
+        EXPECT_EQ(*t->genreID, 33u);
     });
 
     // Reading leaves fields the file lacks as they were in the record.
@@ -268,7 +190,33 @@ TEST_F(MetadataIO, AbsentTagsAndZeroFlagsRemoveItemsButStoreIdsStay) {
     MP4Close(h);
     EXPECT_EQ(keep.getTag(TagName::Name), "Mine");
     EXPECT_EQ(keep.mediaKind(), 10);
-    EXPECT_EQ(keep.getTag(TagName::PlaylistID), "777");
+    EXPECT_EQ(keep.getTag(TagName::ArtistID), "22");
+}
+
+TEST_F(MetadataIO, TrackAndDiskNumbersAcceptSlashHyphenOrBlank) {
+    const struct {
+        const char* text;
+        int index, total;
+        const char* readBack;
+    } cases[] = {{"3", 3, 0, "3/0"},      {"3/12", 3, 12, "3/12"},   {"3-12", 3, 12, "3/12"},
+                 {"3 12", 3, 12, "3/12"}, {"3 / 12", 3, 12, "3/12"}, {"x", 0, 0, "0/0"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        MDB_Metadata r = bare();
+        r.setTag(c.text, TagName::TrackNumber);
+        r.setTag(c.text, TagName::DiskNumber);
+        write(r);
+        inspect([&](const MP4Tags* t) {
+            ASSERT_TRUE(t->track && t->disk);
+            EXPECT_EQ(t->track->index, c.index);
+            EXPECT_EQ(t->track->total, c.total);
+            EXPECT_EQ(t->disk->index, c.index);
+            EXPECT_EQ(t->disk->total, c.total);
+        });
+        const MDB_Metadata back = read();
+        EXPECT_EQ(back.getTag(TagName::TrackNumber), c.readBack);
+        EXPECT_EQ(back.getTag(TagName::DiskNumber), c.readBack);
+    }
 }
 
 TEST_F(MetadataIO, NumericGenreGivesWayToTheTextGenre) {
@@ -284,8 +232,9 @@ TEST_F(MetadataIO, NumericGenreGivesWayToTheTextGenre) {
         MP4Close(h);
     }
     EXPECT_EQ(read().getTag(TagName::Genre), "Rock");
-    ASSERT_TRUE(MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path)));
-    EXPECT_EQ(MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path))->genre, "Rock");
+    const auto basic = MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path));
+    ASSERT_TRUE(basic);
+    EXPECT_EQ(basic->genre, "Rock");
 
     MDB_Metadata r = bare();
     r.setTag("Drama", TagName::Genre);
@@ -295,58 +244,11 @@ TEST_F(MetadataIO, NumericGenreGivesWayToTheTextGenre) {
         ASSERT_TRUE(t->genre);
         EXPECT_STREQ(t->genre, "Drama");
     });
-    EXPECT_EQ(read().getTag(TagName::Genre), "Drama");
 }
 
-TEST_F(MetadataIO, CoverArtIsTouchedOnlyWhenEdited) {
-    const MDB_Image red = imagetest::png(imagetest::solid(40, 30, Qt::red));
-    const MDB_Image blue = imagetest::png(imagetest::solid(20, 20, Qt::blue));
-
-    MDB_Metadata r = bare();
-    r.setArtwork(red);
-    r.setIsArtworkEdited(true);
-    write(r);
-    inspect([](const MP4Tags* t) {
-        ASSERT_EQ(t->artworkCount, 1u);
-        EXPECT_EQ(t->artwork[0].type, MP4_ART_PNG);
-        EXPECT_EQ(QByteArray(static_cast<const char*>(t->artwork[0].data), 8),
-                  QByteArray("\x89PNG\r\n\x1a\n"));
-    });
-    bool had = false;
-    MDB_Metadata back = read(false, &had);
-    EXPECT_TRUE(had);
-    EXPECT_EQ(back.artwork().size(), QSize(40, 30));
-    EXPECT_EQ(imagetest::decoded(back.artwork()).pixelColor(5, 5), QColor(Qt::red));
-
-    // Not edited: neither a missing nor a different picture changes the file.
-    MDB_Metadata untouched = bare();
-    write(untouched);
-    untouched.setArtwork(blue);
-    write(untouched);
-    EXPECT_EQ(MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(m_path)).size(), QSize(40, 30));
-
-    // Edited: the first picture is replaced, not joined by a second.
-    untouched.setIsArtworkEdited(true);
-    write(untouched);
-    inspect([](const MP4Tags* t) { EXPECT_EQ(t->artworkCount, 1u); });
-    const auto art = MDB_Artwork::readArtworkFromFile(QUrl::fromLocalFile(m_path));
-    ASSERT_TRUE(art);
-    EXPECT_EQ(art->artwork.size(), QSize(20, 20));
-    EXPECT_EQ(imagetest::decoded(art->artwork).pixelColor(1, 1), QColor(Qt::blue));
-
-    MDB_Metadata cleared = bare();
-    cleared.setIsArtworkEdited(true);
-    write(cleared);
-    inspect([](const MP4Tags* t) { EXPECT_EQ(t->artworkCount, 0u); });
-    EXPECT_FALSE(read(false, &had).artwork().isNull() && had);
-    EXPECT_FALSE(had);
-    EXPECT_TRUE(MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(m_path)).isNull());
-    EXPECT_FALSE(MDB_Artwork::readArtworkFromFile(QUrl::fromLocalFile(m_path)));
-}
-
-// The cover is one PNG image: a PNG artwork's own bytes, anything else (a
-// JPEG poster as the movie database serves it) converted at its pixel size.
-TEST_F(MetadataIO, CoverArtReachesTheFileAsPng) {
+// The cover is one PNG image, touched only when edited: a PNG artwork's own
+// bytes, anything else (a JPEG poster as the database serves it) converted.
+TEST_F(MetadataIO, CoverArtIsOnePngTouchedOnlyWhenEdited) {
     const MDB_Image png = imagetest::png(imagetest::gradient(40, 30));
     MDB_Metadata r = bare();
     r.setArtwork(png);
@@ -359,36 +261,39 @@ TEST_F(MetadataIO, CoverArtReachesTheFileAsPng) {
             QByteArray(static_cast<const char*>(t->artwork[0].data), qsizetype(t->artwork[0].size)),
             png.data());
     });
+    bool had = false;
+    EXPECT_EQ(read(false, &had).artwork().size(), QSize(40, 30));
+    EXPECT_TRUE(had);
 
+    // Not edited: neither a missing nor a different picture changes the file.
+    MDB_Metadata untouched = bare();
+    write(untouched);
     const MDB_Image jpeg = imagetest::jpeg(imagetest::gradient(90, 134));
-    ASSERT_EQ(jpeg.format(), MDB_Image::Format::Jpeg);
-    r.setArtwork(jpeg);
-    write(r);
+    untouched.setArtwork(jpeg);
+    write(untouched);
+    EXPECT_EQ(MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(m_path)).size(), QSize(40, 30));
+
+    // Edited: the first picture is replaced, not joined by a second.
+    untouched.setIsArtworkEdited(true);
+    write(untouched);
     inspect([](const MP4Tags* t) {
         ASSERT_EQ(t->artworkCount, 1u);
         EXPECT_EQ(t->artwork[0].type, MP4_ART_PNG);
     });
-    const MDB_Image back = MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(m_path));
-    EXPECT_EQ(back.format(), MDB_Image::Format::Png);
-    EXPECT_EQ(back.size(), QSize(90, 134));
-    EXPECT_TRUE(back.hasSamePixels(jpeg));
+    const auto art = MDB_Artwork::readArtworkFromFile(QUrl::fromLocalFile(m_path));
+    ASSERT_TRUE(art);
+    EXPECT_EQ(art->artwork.format(), MDB_Image::Format::Png);
+    EXPECT_EQ(art->artwork.size(), QSize(90, 134));
+    EXPECT_TRUE(art->artwork.hasSamePixels(jpeg));
 
-    if (!haveTool("AtomicParsley") || !haveTool("ffprobe"))
-        GTEST_SKIP() << "AtomicParsley or ffprobe missing";
-    const RunResult ap = run("AtomicParsley", {m_path, "-t"});
-    EXPECT_TRUE(ap.out.contains("Atom \"covr\" contains: 1 piece of artwork"))
-        << ap.out.toStdString();
-    const RunResult probe =
-        run("ffprobe", {"-v", "error", "-select_streams", "v", "-show_entries",
-                        "stream=codec_name,width,height:stream_disposition=attached_pic", "-of",
-                        "default=nw=1", m_path});
-    ASSERT_EQ(probe.exitCode, 0) << probe.err.toStdString();
-    const QString streams = QString::fromUtf8(probe.out);
-    const qsizetype cover = streams.indexOf("codec_name=png");
-    ASSERT_GE(cover, 0) << qPrintable(streams);
-    EXPECT_TRUE(streams.mid(cover).startsWith("codec_name=png\nwidth=90\nheight=134\n"))
-        << qPrintable(streams);
-    EXPECT_TRUE(streams.mid(cover).contains("attached_pic=1")) << qPrintable(streams);
+    MDB_Metadata cleared = bare();
+    cleared.setIsArtworkEdited(true);
+    write(cleared);
+    inspect([](const MP4Tags* t) { EXPECT_EQ(t->artworkCount, 0u); });
+    read(false, &had);
+    EXPECT_FALSE(had);
+    EXPECT_TRUE(MDB_Metadata::readImageFromFile(QUrl::fromLocalFile(m_path)).isNull());
+    EXPECT_FALSE(MDB_Artwork::readArtworkFromFile(QUrl::fromLocalFile(m_path)));
 }
 
 TEST_F(MetadataIO, ACoverThatCannotBecomePngWritesNothing) {
@@ -412,11 +317,8 @@ TEST_F(MetadataIO, ACoverThatCannotBecomePngWritesNothing) {
         EXPECT_TRUE(error.contains(MDB_Image::codecPath())) << error.toStdString();
     }
     EXPECT_TRUE(error.contains("no tags were written")) << error.toStdString();
-
-    bool had = false;
-    const MDB_Metadata back = read(false, &had);
+    const MDB_Metadata back = read();
     EXPECT_EQ(back.getTag(TagName::Name), "Before");
-    EXPECT_TRUE(had);
     EXPECT_EQ(back.artwork().size(), QSize(10, 10));
 }
 
@@ -427,7 +329,6 @@ TEST_F(MetadataIO, RatingItemCarriesTheAnnotationAndIsTranslatedOnReading) {
     write(r);
     EXPECT_EQ(items("com.apple.iTunes", "iTunEXTC"),
               QList<QByteArray>{"mpaa|PG-13|300|For violence and sexuality."});
-
     MDB_Metadata back = read();
     EXPECT_EQ(back.getTag(TagName::Rating), "mpaa|PG-13|300|");
     EXPECT_EQ(back.getTag(TagName::RatingAnnotation), "For violence and sexuality.");
@@ -438,43 +339,21 @@ TEST_F(MetadataIO, RatingItemCarriesTheAnnotationAndIsTranslatedOnReading) {
     // A country without a rating table keeps the file's rating.
     UserDefaults::standard().setObject(QStringLiteral("eo-XX"), SettingsKey::LanguageRegion);
     EXPECT_EQ(read().getTag(TagName::Rating), "mpaa|PG-13|300|");
-}
 
-TEST_F(MetadataIO, RatingItemPresenceFollowsTheRatingKey) {
-    MDB_Metadata r = bare();
+    // An empty rating still writes the item; an empty value reads as no rating.
     r.setTag("", TagName::Rating);
-    r.setTag("ignored without a rating", TagName::RatingAnnotation);
     write(r);
     EXPECT_EQ(items("com.apple.iTunes", "iTunEXTC"), QList<QByteArray>{QByteArray()});
-    // An empty value splits into fewer than three fields: no rating is read.
     EXPECT_TRUE(read().getTag(TagName::Rating).isNull());
-
     write(bare());
     EXPECT_TRUE(items("com.apple.iTunes", "iTunEXTC").isEmpty());
 
     // The item's length is the value's length modulo 256.
-    MDB_Metadata longOne = bare();
-    longOne.setTag("uk-movie|15|350|", TagName::Rating);
-    longOne.setTag(QString(284, u'a'), TagName::RatingAnnotation);
-    write(longOne);
-    const QList<QByteArray> values = items("com.apple.iTunes", "iTunEXTC");
-    ASSERT_EQ(values.size(), 1);
-    EXPECT_EQ(values.first(), QByteArray("uk-movie|15|350|").append(284, 'a').left(300 % 256));
-}
-
-TEST_F(MetadataIO, RatingsOfOtherWritersAreRead) {
-    addRawItem("com.apple.iTunes", "iTunEXTC", "uk-movie\\15\\350\\Strong language");
-    UserDefaults::standard().setObject(QStringLiteral("en-GB"), SettingsKey::LanguageRegion);
-    MDB_Metadata back = read();
-    EXPECT_EQ(back.getTag(TagName::Rating), "uk-movie|15|350|");
-    EXPECT_EQ(back.getTag(TagName::RatingAnnotation), "Strong language");
-
-    // A later item wins; a value of fewer than three fields changes nothing.
-    addRawItem("com.apple.iTunes", "iTunEXTC", "de-movie|Ab 12 Jahren|200|");
-    addRawItem("com.apple.iTunes", "iTunEXTC", "garbage");
-    back = read();
-    EXPECT_EQ(back.getTag(TagName::Rating), "uk-movie|PG|200|");
-    EXPECT_EQ(back.getTag(TagName::RatingAnnotation), "Strong language");
+    r.setTag("uk-movie|15|350|", TagName::Rating);
+    r.setTag(QString(284, u'a'), TagName::RatingAnnotation);
+    write(r);
+    EXPECT_EQ(items("com.apple.iTunes", "iTunEXTC"),
+              QList<QByteArray>{QByteArray("uk-movie|15|350|").append(284, 'a').left(300 % 256)});
 }
 
 TEST_F(MetadataIO, CastAndCrewItem) {
@@ -484,11 +363,10 @@ TEST_F(MetadataIO, CastAndCrewItem) {
     r.setTag("Joel Silver", TagName::Producers);
     r.setTag("Warner Bros.", TagName::Studio);
     write(r);
-    const QList<QByteArray> values = items("com.apple.iTunes", "iTunMOVI");
+    QList<QByteArray> values = items("com.apple.iTunes", "iTunMOVI");
     ASSERT_EQ(values.size(), 1);
-    const QVariantMap plist = PropertyList::fromData(values.first()).toMap();
+    QVariantMap plist = PropertyList::fromData(values.first()).toMap();
     EXPECT_EQ(plist.keys(), (QStringList{"cast", "directors", "producers", "studio"}));
-    EXPECT_EQ(plist.value("cast").toList().size(), 3);
     EXPECT_EQ(plist.value("cast").toList().at(1).toMap().value("name"), "Laurence Fishburne");
     EXPECT_EQ(plist.value("studio"), "Warner Bros.");
 
@@ -497,23 +375,18 @@ TEST_F(MetadataIO, CastAndCrewItem) {
     EXPECT_EQ(back.getTag(TagName::Director), "Lana Wachowski, Lilly Wachowski");
     EXPECT_EQ(back.getTag(TagName::Producers), "Joel Silver");
     EXPECT_EQ(back.getTag(TagName::Studio), "Warner Bros.");
-    EXPECT_TRUE(back.getTag(TagName::Codirector).isNull());
     EXPECT_TRUE(back.getTag(TagName::Screenwriters).isNull());
-}
 
-TEST_F(MetadataIO, CastAndCrewItemWithEmptyOrNoPeople) {
-    MDB_Metadata r = bare();
-    r.setTag("", TagName::Cast);
-    write(r);
-    const QList<QByteArray> values = items("com.apple.iTunes", "iTunMOVI");
+    MDB_Metadata empty = bare();
+    empty.setTag("", TagName::Cast);
+    write(empty);
+    values = items("com.apple.iTunes", "iTunMOVI");
     ASSERT_EQ(values.size(), 1);
-    const QVariantMap plist = PropertyList::fromData(values.first()).toMap();
+    plist = PropertyList::fromData(values.first()).toMap();
     EXPECT_EQ(plist.value("cast").toList(), (QVariantList{QVariantMap{{"name", QString("")}}}));
     EXPECT_TRUE(read().getTag(TagName::Cast).isNull());
-
     write(bare());
     EXPECT_TRUE(items("com.apple.iTunes", "iTunMOVI").isEmpty());
-
     // A broken property list yields nothing.
     addRawItem("com.apple.iTunes", "iTunMOVI", "<plist>not really");
     EXPECT_TRUE(read().getTag(TagName::Cast).isNull());
@@ -527,8 +400,8 @@ TEST_F(MetadataIO, IdentifierItemForMoviesAndTv) {
     write(movie);
     QList<QByteArray> values = items("com.oswenna.metadata", "MOVI");
     ASSERT_EQ(values.size(), 1);
-    QVariantMap plist = PropertyList::fromData(values.first()).toMap();
-    EXPECT_EQ(plist.keys(), (QStringList{"IMDb ID", "TMDb ID"}));
+    EXPECT_EQ(PropertyList::fromData(values.first()).toMap().keys(),
+              (QStringList{"IMDb ID", "TMDb ID"}));
     MDB_Metadata back = read();
     EXPECT_EQ(back.getTag(TagName::TMDbID), "603");
     EXPECT_EQ(back.getTag(TagName::IMDbID), "tt0133093");
@@ -540,7 +413,7 @@ TEST_F(MetadataIO, IdentifierItemForMoviesAndTv) {
     write(show, true);
     values = items("com.oswenna.metadata", "MOVI");
     ASSERT_EQ(values.size(), 1);
-    plist = PropertyList::fromData(values.first()).toMap();
+    const QVariantMap plist = PropertyList::fromData(values.first()).toMap();
     EXPECT_EQ(plist.keys(), (QStringList{"TVDb EID", "TVDb ID"}));
     // The episode key holds the series identifier.
     EXPECT_EQ(plist.value("TVDb EID").toList(),
@@ -549,17 +422,26 @@ TEST_F(MetadataIO, IdentifierItemForMoviesAndTv) {
     EXPECT_EQ(back.getTag(TagName::TVDbID), "121361");
     EXPECT_EQ(back.getTag(TagName::TVDbEID), "121361");
     EXPECT_TRUE(read(false).getTag(TagName::TVDbID).isNull());
-
     write(bare());
     EXPECT_TRUE(items("com.oswenna.metadata", "MOVI").isEmpty());
 }
 
-TEST_F(MetadataIO, ItemsOfOtherProgramsSurviveAndNoHandleMeansNo) {
+TEST_F(MetadataIO, ItemsOfOtherProgramsAreReadAndSurviveAndNoHandleMeansNo) {
     addRawItem("com.apple.iTunes", "iTunNORM", " 00000A2B 00000B3C");
-    // Duplicates left by other programs all give way to the one new item.
-    addRawItem("com.apple.iTunes", "iTunEXTC", "mpaa|G|100|");
-    addRawItem("com.apple.iTunes", "iTunEXTC", "mpaa|PG|200|");
+    addRawItem("com.apple.iTunes", "iTunEXTC", "uk-movie\\15\\350\\Strong language");
     addRawItem("com.oswenna.metadata", "MOVI", "<plist/>");
+    UserDefaults::standard().setObject(QStringLiteral("en-GB"), SettingsKey::LanguageRegion);
+    MDB_Metadata back = read();
+    EXPECT_EQ(back.getTag(TagName::Rating), "uk-movie|15|350|");
+    EXPECT_EQ(back.getTag(TagName::RatingAnnotation), "Strong language");
+    // A later item wins; a value of fewer than three fields changes nothing.
+    addRawItem("com.apple.iTunes", "iTunEXTC", "de-movie|Ab 12 Jahren|200|");
+    addRawItem("com.apple.iTunes", "iTunEXTC", "garbage");
+    back = read();
+    EXPECT_EQ(back.getTag(TagName::Rating), "uk-movie|PG|200|");
+    EXPECT_EQ(back.getTag(TagName::RatingAnnotation), "Strong language");
+
+    // Duplicates left by other programs all give way to the one new item.
     MDB_Metadata r = bare();
     r.setTag("Name", TagName::Name);
     r.setTag("mpaa|R|400|", TagName::Rating);
@@ -577,7 +459,7 @@ TEST_F(MetadataIO, ItemsOfOtherProgramsSurviveAndNoHandleMeansNo) {
     EXPECT_FALSE(none.readMetaDataFromFile(MP4_INVALID_FILE_HANDLE, false));
 }
 
-TEST_F(MetadataIO, IndependentReadersSeeOurTags) {
+TEST_F(MetadataIO, IndependentReadersSeeOurTagsAndWeSeeTheirs) {
     if (!haveTool("AtomicParsley") || !haveTool("ffprobe"))
         GTEST_SKIP() << "AtomicParsley or ffprobe missing";
     const QByteArray before = packetHash(m_path);
@@ -589,52 +471,46 @@ TEST_F(MetadataIO, IndependentReadersSeeOurTags) {
     write(r);
     // Tags alone leave every media packet as it was.
     EXPECT_EQ(packetHash(m_path), before);
-    r.setArtwork(imagetest::png(imagetest::solid(32, 32, Qt::green)));
+    r.setArtwork(imagetest::jpeg(imagetest::gradient(90, 134)));
     r.setIsArtworkEdited(true);
     write(r);
 
-    const RunResult ap = run("AtomicParsley", {m_path, "-t"});
+    RunResult ap = run("AtomicParsley", {m_path, "-t"});
     ASSERT_EQ(ap.exitCode, 0) << ap.err.toStdString();
     const QString out = QString::fromUtf8(ap.out);
-    EXPECT_TRUE(out.contains("Atom \"©nam\" contains: The Matrix")) << qPrintable(out);
-    EXPECT_TRUE(out.contains("Atom \"©gen\" contains: Sci-Fi & Fantasy")) << qPrintable(out);
-    EXPECT_TRUE(out.contains("[com.apple.iTunes;iTunEXTC] contains: mpaa|R|400|"))
-        << qPrintable(out);
-    EXPECT_TRUE(out.contains("[com.apple.iTunes;iTunMOVI] contains: <?xml")) << qPrintable(out);
-    EXPECT_TRUE(out.contains("Atom \"covr\" contains: 1 piece of artwork")) << qPrintable(out);
-
+    for (const char* line :
+         {"Atom \"©nam\" contains: The Matrix", "Atom \"©gen\" contains: Sci-Fi & Fantasy",
+          "[com.apple.iTunes;iTunEXTC] contains: mpaa|R|400|",
+          "[com.apple.iTunes;iTunMOVI] contains: <?xml",
+          "Atom \"covr\" contains: 1 piece of artwork"})
+        EXPECT_TRUE(out.contains(QString::fromUtf8(line))) << line << "\n" << qPrintable(out);
     const RunResult probe =
-        run("ffprobe", {"-v", "error", "-show_entries", "format_tags=title,genre", "-of",
-                        "default=nw=1", m_path});
-    EXPECT_EQ(probe.exitCode, 0);
-    EXPECT_TRUE(probe.out.contains("TAG:title=The Matrix")) << probe.out.toStdString();
+        run("ffprobe", {"-v", "error", "-show_entries",
+                        "format_tags=title:stream=codec_name,width,height:stream_disposition="
+                        "attached_pic",
+                        "-of", "default=nw=1", m_path});
+    ASSERT_EQ(probe.exitCode, 0) << probe.err.toStdString();
+    const QString streams = QString::fromUtf8(probe.out);
+    EXPECT_TRUE(streams.contains("TAG:title=The Matrix")) << qPrintable(streams);
+    const qsizetype cover = streams.indexOf("codec_name=png");
+    ASSERT_GE(cover, 0) << qPrintable(streams);
+    EXPECT_TRUE(streams.mid(cover).startsWith("codec_name=png\nwidth=90\nheight=134\n"))
+        << qPrintable(streams);
+    EXPECT_TRUE(streams.mid(cover).contains("attached_pic=1")) << qPrintable(streams);
     QByteArray errors;
     EXPECT_TRUE(ffmpegPlays(m_path, &errors)) << errors.toStdString();
-}
 
-TEST_F(MetadataIO, TagsOfAnotherWriterAreRead) {
-    if (!haveTool("AtomicParsley"))
-        GTEST_SKIP() << "AtomicParsley missing";
-    const QString cover = coverImage("cover-48.png", 48);
-    ASSERT_FALSE(cover.isEmpty());
-    const RunResult ap =
-        run("AtomicParsley", {m_path, "--title", "Blade Runner", "--genre", "Science Fiction",
-                              "--artwork", cover, "--overWrite"});
+    const QString cover48 = coverImage("cover-48.png", 48);
+    ASSERT_FALSE(cover48.isEmpty());
+    ap = run("AtomicParsley", {m_path, "--title", "Blade Runner", "--genre", "Science Fiction",
+                               "--artwork", "REMOVE_ALL", "--artwork", cover48, "--overWrite"});
     ASSERT_EQ(ap.exitCode, 0) << ap.err.toStdString() << ap.out.toStdString();
-
     bool had = false;
     const MDB_Metadata back = read(false, &had);
     EXPECT_TRUE(had);
     EXPECT_EQ(back.getTag(TagName::Name), "Blade Runner");
     EXPECT_EQ(back.getTag(TagName::Genre), "Science Fiction");
     EXPECT_EQ(back.artwork().size(), QSize(48, 48));
-
-    const auto basic = MDB_Basicdata::readBasicDataFromFile(QUrl::fromLocalFile(m_path));
-    ASSERT_TRUE(basic);
-    EXPECT_EQ(basic->name, "Blade Runner");
-    EXPECT_EQ(basic->sortName, "Blade Runner");
-    EXPECT_EQ(basic->genre, "Science Fiction");
-    EXPECT_EQ(basic->contentID, "movie.m4v");
 }
 
 TEST_F(MetadataIO, BasicDataFallsBackToTheFileName) {
@@ -675,7 +551,6 @@ TEST_F(MetadataIO, MovieRecordFromAFileResetsItsInitialTagsAfterTheRead) {
     original.setTag(QStringLiteral("Read Back"), TagName::Name);
     original.setTag(QStringLiteral("A studio"), TagName::Studio);
     original.setTag(QStringLiteral("Someone"), TagName::Cast);
-    original.setTag(QStringLiteral("1999"), TagName::ReleaseDate);
     original.setMediaType(QStringLiteral("Movie"));
     write(original);
 
@@ -683,14 +558,12 @@ TEST_F(MetadataIO, MovieRecordFromAFileResetsItsInitialTagsAfterTheRead) {
     ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
     const MDB_MovieMetadata movie(m_path, h);
     MP4Close(h);
-
     // Tags outside the initial set keep what the file had...
     EXPECT_EQ(movie.getTag(TagName::Studio), "A studio");
     EXPECT_EQ(movie.mediaKind(), 9);
     // ...while the initial set is emptied again after the read.
     EXPECT_EQ(movie.getTag(TagName::Name), "");
     EXPECT_EQ(movie.getTag(TagName::Cast), "");
-    EXPECT_EQ(movie.getTag(TagName::ReleaseDate), "");
     EXPECT_TRUE(movie.sourcePath().isEmpty());
 }
 

@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -20,13 +21,19 @@ QVariantMap readUserFile() {
 class DevicesStoreTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        // A private settings store: the panel tests change the device settings.
+        ASSERT_TRUE(settings.isValid());
+        UserDefaults::standard().reopen(settings.filePath(QStringLiteral("Tarnwick.plist")));
         folder = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
                  QStringLiteral("/Oswenna");
         QDir(folder).removeRecursively();
         shipped = MDB_Devices::defaultDevices();
         ASSERT_FALSE(shipped.isEmpty()) << "the shipped Devices.plist is missing";
     }
-    void TearDown() override { QDir(folder).removeRecursively(); }
+    void TearDown() override {
+        QDir(folder).removeRecursively();
+        UserDefaults::standard().reopen();
+    }
 
     // A user file with the given names, each a copy of the first shipped preset.
     void writeUserNames(const QStringList& names) {
@@ -39,30 +46,22 @@ protected:
         ASSERT_TRUE(MDB_Devices::createUserFile(root));
     }
 
+    QTemporaryDir settings;
     QString folder;
     QVariantMap shipped;
 };
 
-TEST_F(DevicesStoreTest, ShippedPresetsAreCompleteAndConsistent) {
+TEST_F(DevicesStoreTest, ShippedPresetsHaveEverySectionAndAreReadWithoutAUserFile) {
     const QStringList names = MDB_Devices::defaultDeviceNames();
-    EXPECT_GE(names.size(), 5);
-    // The shipped defaults name these two.
-    ASSERT_TRUE(names.contains("HD 1080p"));
-    ASSERT_TRUE(names.contains("SD 480p"));
     const QStringList sections = shipped.value("Sections").toStringList();
     for (const QString& name : names) {
         const QVariantMap preset = shipped.value(name).toMap();
-        ASSERT_FALSE(preset.isEmpty()) << qPrintable(name);
         // The devices panel shows one row per key, labelled from "Sections".
         EXPECT_EQ(QStringList(preset.keys()).size(), sections.size()) << qPrintable(name);
         for (const QString& key : sections)
             EXPECT_TRUE(preset.contains(key)) << qPrintable(name) << ": " << qPrintable(key);
-        EXPECT_EQ(preset.value("HD").typeId(), QMetaType::Bool) << qPrintable(name);
-        EXPECT_GT(preset.value("width").toInt(), 0) << qPrintable(name);
         EXPECT_TRUE(preset.value("audio track").toString().contains('%')) << qPrintable(name);
-        EXPECT_FALSE(preset.value("audio track").toString().contains("  ")) << qPrintable(name);
     }
-    // Without a user file everything reads the shipped file.
     EXPECT_FALSE(MDB_Devices::userDevices().has_value());
     EXPECT_EQ(MDB_Devices::deviceNames(), names);
     EXPECT_EQ(MDB_Devices::sections(), sections);
@@ -154,47 +153,31 @@ TEST_F(DevicesStoreTest, AddRenameAndDeleteEditTheUserFile) {
     EXPECT_FALSE(MDB_Devices::deleteDevice("Living Room"));
 }
 
-TEST_F(DevicesStoreTest, ResetRestoresShippedPresets) {
+// Reset one and all through the presets command; here what it cannot show.
+TEST_F(DevicesStoreTest, ResetOneRestoresTheShippedOriginal) {
     ASSERT_TRUE(MDB_Devices::createUserFile(shipped));
     QVariantMap root = *MDB_Devices::userDevices();
     QVariantMap edited = root.value("HD 1080p").toMap();
     edited.insert("misc", "--grayscale");
     root.insert("HD 1080p", edited);
     ASSERT_TRUE(MDB_Devices::writeToUserFile(root));
-    ASSERT_TRUE(MDB_Devices::addDevice("Mine", "HD 1080p"));
-    EXPECT_EQ(MDB_Devices::device("Mine")->value("misc"), "--grayscale");
-
     ASSERT_TRUE(MDB_Devices::resetDevice("HD 1080p"));
     EXPECT_EQ(MDB_Devices::device("HD 1080p"), shipped.value("HD 1080p").toMap());
-    // A user-made preset has no shipped original.
-    EXPECT_FALSE(MDB_Devices::resetDevice("Mine"));
-    EXPECT_TRUE(MDB_Devices::device("Mine").has_value());
-
-    ASSERT_TRUE(MDB_Devices::resetAll());
-    EXPECT_EQ(readUserFile(), shipped);
-    EXPECT_FALSE(MDB_Devices::device("Mine").has_value());
 }
 
 TEST_F(DevicesStoreTest, CustomNamesCountUpFromTheHighest) {
-    writeUserNames({"Custom 1", "Custom 3", "Phone"});
-    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 4");
-    QDir(folder).removeRecursively();
-
-    writeUserNames({"Custom 0"});
-    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 1");
-    QDir(folder).removeRecursively();
-
-    writeUserNames({"HD 1080p", "Phone"});
-    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 1");
-    QDir(folder).removeRecursively();
-
-    // Matched anywhere before the end, but only at the end.
-    writeUserNames({"My Custom 7", "Custom 12 copy", "Custom 2"});
-    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 8");
-    QDir(folder).removeRecursively();
-
-    writeUserNames({});
-    EXPECT_EQ(MDB_Devices::GenerateCustomName(), "Custom 1");
+    const std::pair<QStringList, const char*> cases[] = {
+        {{"Custom 1", "Custom 3", "Phone"}, "Custom 4"},
+        {{"Custom 0"}, "Custom 1"},
+        {{"HD 1080p", "Phone"}, "Custom 1"},
+        // Matched anywhere before the end, but only at the end.
+        {{"My Custom 7", "Custom 12 copy", "Custom 2"}, "Custom 8"},
+        {{}, "Custom 1"}};
+    for (const auto& [names, expected] : cases) {
+        QDir(folder).removeRecursively();
+        writeUserNames(names);
+        EXPECT_EQ(MDB_Devices::GenerateCustomName(), expected) << qPrintable(names.join(','));
+    }
 }
 
 TEST_F(DevicesStoreTest, AnUnreadableUserFileFallsBackAndResetRepairsIt) {

@@ -66,49 +66,37 @@ protected:
     QString folder;
 };
 
-TEST_F(EncoderArgsTest, BitRateScalesDownForSmallerSources) {
-    EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "720x480"),
-              "--encoder x264 --vb 937 --rate 30 --pfr --format av_mp4 "
-              "--maxWidth 1280 --maxHeight 720 --markers");
-    EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "160x120"),
-              "--encoder x264 --vb 150 --rate 30 --pfr --format av_mp4 "
-              "--maxWidth 1280 --maxHeight 720 --markers");
+TEST_F(EncoderArgsTest, BitRateScalesDownForSmallerSourcesWhereItCan) {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {"Long", "720x480", "--encoder x264 --vb 937 "},
+        {"Long", "160x120", "--encoder x264 --vb 150 "},
+        // Exactly the maximum size is not smaller.
+        {"Long", "1280x720", "--encoder x264 --vb 2500 "},
+        // The short picture options count the same.
+        {"Short", "720x480", "--encoder x264 --vb 937 "},
+        // Every occurrence of the old rate is rewritten.
+        {"Twice", "720x480", "--vb 937 -x vb=--vb 937 "},
+        // "-b" is found and read, but only "--vb N" is ever replaced.
+        {"Short rate", "720x480", "--encoder x264 -b 2500 "},
+        // No number after "--vb": the rate reads as 2000, which the text lacks.
+        {"Auto rate", "720x480", "--encoder x264 --vb auto "},
+        // Without both limits there is no maximum picture to compare with.
+        {"Width only", "720x480", "--encoder x264 --vb 2500 "}};
+    for (const auto& [name, size, start] : cases)
+        EXPECT_TRUE(MDB_Devices::videoCmdArgs(name, false, size).startsWith(start))
+            << name << " " << size << ": "
+            << MDB_Devices::videoCmdArgs(name, false, size).toStdString();
     EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "1920x1080"),
               "--encoder x264 --vb 2500 --rate 30 --pfr --format av_mp4 "
               "--maxWidth 1280 --maxHeight 720 --markers");
-    // Exactly the maximum size is not smaller.
-    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Long", false, "1280x720")
-                    .startsWith("--encoder x264 --vb 2500 "));
-    // The short picture options count the same.
-    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Short", false, "720x480")
-                    .startsWith("--encoder x264 --vb 937 "));
-    // Every occurrence of the old rate is rewritten.
-    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Twice", false, "720x480")
-                    .startsWith("--vb 937 -x vb=--vb 937 "));
-}
-
-TEST_F(EncoderArgsTest, RatesThatCannotBeRewrittenStay) {
-    // "-b" is found and read, but only "--vb N" is ever replaced.
-    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Short rate", false, "720x480")
-                    .startsWith("--encoder x264 -b 2500 "));
-    // No number after "--vb": the rate reads as 2000, which the text lacks.
-    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Auto rate", false, "720x480")
-                    .startsWith("--encoder x264 --vb auto "));
-    // Without both limits there is no maximum picture to compare with.
-    EXPECT_TRUE(MDB_Devices::videoCmdArgs("Width only", false, "720x480")
-                    .startsWith("--encoder x264 --vb 2500 "));
-}
-
-TEST_F(EncoderArgsTest, FrameRateFollowsTheSettingNotTheFlag) {
+    // The frame rate follows the setting, not the flag.
     set(SettingsKey::NativeFramerate, true);
-    EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "1920x1080"),
-              "--encoder x264 --vb 2500 --vfr --format av_mp4 --maxWidth 1280 --maxHeight 720 "
+    EXPECT_EQ(MDB_Devices::videoCmdArgs("Long", false, "720x480"),
+              "--encoder x264 --vb 937 --vfr --format av_mp4 --maxWidth 1280 --maxHeight 720 "
               "--markers");
     set(SettingsKey::NativeFramerate, false);
     EXPECT_TRUE(MDB_Devices::videoCmdArgs("Long", true, "1920x1080").contains("--rate 30 --pfr"));
-}
-
-TEST_F(EncoderArgsTest, AMissingPresetShowsInTheText) {
+    // A missing preset shows in the text.
     EXPECT_EQ(MDB_Devices::videoCmdArgs("Nothing", false, "720x480"),
               "(null) (null) (null) (null) (null)");
 }
@@ -136,48 +124,39 @@ TEST_F(EncoderArgsTest, AudioTemplateRepeatsPerTrack) {
 }
 
 TEST_F(EncoderArgsTest, SubtitleListsPutTheBurnedTrackFirst) {
-    using Tracks = QList<qint64>;
-    const QStringList titles{"English", "French"};
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{3, 4}, titles, 3, 0),
-              (QStringList{"--subtitle", "3,4", "--subtitle-burn", "1"}));
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{3}, titles, 3, 0),
-              (QStringList{"--subtitle", "3", "--subtitle-burn", "1"}));
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{4, 3}, titles, 3, -1),
-              (QStringList{"--subtitle", "3,4", "--subtitle-burn", "1"}));
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{2, 5}, titles, 0, 5),
-              (QStringList{"--subtitle", "scan,2,5", "--subtitle-default", "2"}));
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", Tracks{2, 5}, titles, -1, -1),
-              (QStringList{"--subtitle", "2,5"}));
-}
-
-TEST_F(EncoderArgsTest, DefaultSubtitlePositionCountsTheLeadOnlyForTheFirstTrack) {
-    using Tracks = QList<qint64>;
-    const QStringList titles{"a", "b", "c"};
-    // First track: the leading scan/burn entry is counted.
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{2, 5}, titles, 0, 2),
-              (QStringList{"--subtitle", "scan,2,5", "--subtitle-default", "2"}));
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{2, 5}, titles, -1, 2),
-              (QStringList{"--subtitle", "2,5", "--subtitle-default", "1"}));
-    // Later tracks: it is not.
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{2, 5, 6}, titles, 0, 6),
-              (QStringList{"--subtitle", "scan,2,5,6", "--subtitle-default", "3"}));
-    // A native number that is not among the tracks adds nothing.
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{2}, titles, -1, 9),
-              (QStringList{"--subtitle", "2"}));
-}
-
-TEST_F(EncoderArgsTest, SubtitleArgsWithoutTracks) {
-    using Tracks = QList<qint64>;
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{}, QStringList{}, 0, 0),
-              (QStringList{"--subtitle", "scan"}));
-    // A burn number with an empty list leaves "--subtitle" without a value.
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{}, QStringList{}, 4, 0),
-              (QStringList{"--subtitle", "--subtitle-burn", "1"}));
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", std::nullopt, std::nullopt, 0, 3),
-              (QStringList{"--subtitle", "scan"}));
-    EXPECT_EQ(MDB_Devices::subtitleCmdArgs("x", Tracks{1}, std::nullopt, 2, 0),
-              (QStringList{"--subtitle-burn", "1"}));
-    EXPECT_TRUE(MDB_Devices::subtitleCmdArgs("x", std::nullopt, std::nullopt, -1, -1).isEmpty());
+    using Tracks = std::optional<QList<qint64>>;
+    const QStringList titles{"English", "French", "German"};
+    const struct {
+        Tracks tracks;
+        std::optional<QStringList> titles;
+        int burn, native;
+        QStringList args;
+    } cases[] = {
+        {QList<qint64>{3, 4}, titles, 3, 0, {"--subtitle", "3,4", "--subtitle-burn", "1"}},
+        {QList<qint64>{4, 3}, titles, 3, -1, {"--subtitle", "3,4", "--subtitle-burn", "1"}},
+        // The default's position counts the leading scan entry for the first track only.
+        {QList<qint64>{2, 5}, titles, 0, 2, {"--subtitle", "scan,2,5", "--subtitle-default", "2"}},
+        {QList<qint64>{2, 5}, titles, 0, 5, {"--subtitle", "scan,2,5", "--subtitle-default", "2"}},
+        {QList<qint64>{2, 5}, titles, -1, 2, {"--subtitle", "2,5", "--subtitle-default", "1"}},
+        {QList<qint64>{2, 5, 6},
+         titles,
+         0,
+         6,
+         {"--subtitle", "scan,2,5,6", "--subtitle-default", "3"}},
+        {QList<qint64>{2, 5}, titles, -1, -1, {"--subtitle", "2,5"}},
+        // A native number that is not among the tracks adds nothing.
+        {QList<qint64>{2}, titles, -1, 9, {"--subtitle", "2"}},
+        {QList<qint64>{}, QStringList{}, 0, 0, {"--subtitle", "scan"}},
+        // A burn number with an empty list leaves "--subtitle" without a value.
+        {QList<qint64>{}, QStringList{}, 4, 0, {"--subtitle", "--subtitle-burn", "1"}},
+        {std::nullopt, std::nullopt, 0, 3, {"--subtitle", "scan"}},
+        {QList<qint64>{1}, std::nullopt, 2, 0, {"--subtitle-burn", "1"}},
+        {std::nullopt, std::nullopt, -1, -1, {}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(MDB_Devices::subtitleCmdArgs("Long", c.tracks, c.titles, c.burn, c.native),
+                  c.args)
+            << c.burn << " " << c.native;
 }
 
 TEST_F(EncoderArgsTest, FiltersFollowTheSettingsInFixedOrder) {

@@ -14,7 +14,6 @@
 #include "processing/AppDelegate.h"
 #include "processing/EncoderController.h"
 
-#include <QElapsedTimer>
 #include <QScopeGuard>
 
 using testsupport::waitUntil;
@@ -413,30 +412,4 @@ TEST_F(AppControllerTest, RemovingTheConvertingMovieAsksAndNoKeepsIt) {
     EXPECT_FALSE(app->encodeController()->isEncoding());
     // The half-written output goes once the tool has let go of it.
     EXPECT_TRUE(waitUntil([&] { return !QFileInfo::exists(converting->outPath()); }, 10000));
-}
-
-TEST_F(AppControllerTest, PausedEncodeHoldsAndResumedOneFinishesTheQueue) {
-    QString missing;
-    if (!jobtest::toolsPresent(&missing))
-        GTEST_SKIP() << missing.toStdString() << " is not installed";
-    UserDefaults::standard().setBool(true, key(SettingsKey::SkipTagging));
-    app->openFiles({scantest::sample(QStringLiteral("Harbour Lights.mp4"))});
-    ASSERT_TRUE(waitScanned());
-    ASSERT_TRUE(app->startProcessing());
-    const std::shared_ptr<MDI_Media> converting = waitConverting();
-    ASSERT_TRUE(converting);
-    app->pauseProcessing();
-    ASSERT_TRUE(app->paused());
-
-    // Long enough for the whole encode had it been running.
-    QElapsedTimer held;
-    held.start();
-    waitUntil([&] { return held.elapsed() > 6000; }, 7000);
-    EXPECT_EQ(converting->status(), 9);
-    EXPECT_TRUE(app->processing());
-
-    app->pauseProcessing();
-    ASSERT_TRUE(waitQueueEnd());
-    EXPECT_EQ(converting->status(), 19) << converting->warnings().toStdString();
-    expectStopped(app->controls());
 }

@@ -39,42 +39,31 @@ inline QString cached(const QString& name, const std::function<bool(const QStrin
     return testsupport::cachedFile(sampleDir() + QLatin1Char('/') + name, make);
 }
 
-// 3 s of 320x240 H.264 at 25 fps (exactly 75 frames) with AAC audio of the
-// same length, so the encoder sees every frame it expects.
-inline QString sourceMovie() {
-    return cached(QStringLiteral("source-320x240.mp4"), [](const QString& out) {
-        return ffmpeg({"-f",        "lavfi",
-                       "-i",        "testsrc2=size=320x240:rate=25",
-                       "-f",        "lavfi",
-                       "-i",        "sine=frequency=440:sample_rate=48000:duration=3",
-                       "-frames:v", "75",
-                       "-c:v",      "libx264",
-                       "-preset",   "ultrafast",
-                       "-pix_fmt",  "yuv420p",
-                       "-c:a",      "aac",
-                       "-ac",       "2",
-                       "-f",        "mp4",
-                       out});
+// A 3 s H.264 + AAC clip at 25 fps (exactly 75 frames), so the encoder sees
+// every frame it expects.
+inline QString clip(const QString& name, const QString& picture, int tone) {
+    return cached(name, [=](const QString& out) {
+        return ffmpeg(
+            QStringList{
+                "-f", "lavfi", "-i", picture, "-f", "lavfi", "-i",
+                QStringLiteral("sine=frequency=%1:sample_rate=48000:duration=3").arg(tone)} +
+            QString("-frames:v 75 -c:v libx264 -preset ultrafast -pix_fmt yuv420p "
+                    "-c:a aac -ac 2 -f mp4")
+                .split(u' ') +
+            QStringList{out});
     });
+}
+
+inline QString sourceMovie() {
+    return clip(QStringLiteral("source-320x240.mp4"),
+                QStringLiteral("testsrc2=size=320x240:rate=25"), 440);
 }
 
 // What the encoder leaves for the muxer: a tiny stand-by video and the
 // converted audio.
 inline QString standbyConversion() {
-    return cached(QStringLiteral("standby-80x60.m4v"), [](const QString& out) {
-        return ffmpeg({"-f",        "lavfi",
-                       "-i",        "testsrc=size=80x60:rate=25",
-                       "-f",        "lavfi",
-                       "-i",        "sine=frequency=880:sample_rate=48000:duration=3",
-                       "-frames:v", "75",
-                       "-c:v",      "libx264",
-                       "-preset",   "ultrafast",
-                       "-pix_fmt",  "yuv420p",
-                       "-c:a",      "aac",
-                       "-ac",       "2",
-                       "-f",        "mp4",
-                       out});
-    });
+    return clip(QStringLiteral("standby-80x60.m4v"), QStringLiteral("testsrc=size=80x60:rate=25"),
+                880);
 }
 
 // The streams of a file as ffprobe reports them.

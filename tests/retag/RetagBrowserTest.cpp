@@ -83,13 +83,15 @@ protected:
 } // namespace
 
 TEST(RetagOutputName, TheExtensionTextIsReplacedWhereverItOccurs) {
-    EXPECT_EQ(RetagBrowserController::outputFileName("Heat.mov"), "Heat.m4v");
-    EXPECT_EQ(RetagBrowserController::outputFileName("Heat.m4v"), "Heat.m4v");
-    EXPECT_EQ(RetagBrowserController::outputFileName("Heat"), "Heat.m4v");
     // Every occurrence of the extension's letters, as items have always been named.
-    EXPECT_EQ(RetagBrowserController::outputFileName("Removals.mov"), "Rem4vals.m4v");
-    EXPECT_EQ(RetagBrowserController::outputFileName("Casino.2.mp4"), "Casino.2.m4v");
-    EXPECT_EQ(RetagBrowserController::outputFileName(".hidden"), ".hidden.m4v");
+    const std::pair<const char*, const char*> names[] = {{"Heat.mov", "Heat.m4v"},
+                                                         {"Heat.m4v", "Heat.m4v"},
+                                                         {"Heat", "Heat.m4v"},
+                                                         {"Removals.mov", "Rem4vals.m4v"},
+                                                         {"Casino.2.mp4", "Casino.2.m4v"},
+                                                         {".hidden", ".hidden.m4v"}};
+    for (const auto& [in, out] : names)
+        EXPECT_EQ(RetagBrowserController::outputFileName(in), out) << in;
 }
 
 TEST(RetagList, TheRetagBrowserKeepsItsItemsApartFromTheEncodeBrowser) {
@@ -108,8 +110,12 @@ TEST_F(RetagBrowserTest, TheFilesOwnTagsWinOverTheMatchAndSaveWritesThemInPlace)
     const QByteArray before = retagtest::fileHash(file);
     scantest::server().clearRequests();
 
-    EXPECT_EQ(browser->loadFiles({file}), 1);
-    ASSERT_EQ(browser->count(), 1);
+    // The same movie again in another folder, with a cover of its own.
+    ASSERT_TRUE(QDir(dir.path()).mkdir("covered"));
+    const QString covered = retagtest::taggedCopy(dir.filePath("covered"), "Harbour Lights.m4v", {},
+                                                  retagtest::solidCover(Qt::blue));
+    EXPECT_EQ(browser->loadFiles({file, covered}), 2);
+    ASSERT_EQ(browser->count(), 2);
     const auto movie = item(0);
     EXPECT_EQ(movie->name(), "Harbour Lights");
     EXPECT_EQ(movie->inPath(), file);
@@ -118,7 +124,7 @@ TEST_F(RetagBrowserTest, TheFilesOwnTagsWinOverTheMatchAndSaveWritesThemInPlace)
     ASSERT_TRUE(waitSettled());
 
     ASSERT_EQ(movie->status(), 8) << movie->warnings().toStdString();
-    EXPECT_EQ(delegate.ready, QStringList{"Harbour Lights"});
+    EXPECT_EQ(delegate.ready, (QStringList{"Harbour Lights", "Harbour Lights"}));
     EXPECT_GT(scantest::server().requestCount(), 0);
     // The file's own values are applied after the match...
     EXPECT_EQ(movie->getTag(tag(TagName::Name)), "Harbour Lights (Restored)");
@@ -138,6 +144,16 @@ TEST_F(RetagBrowserTest, TheFilesOwnTagsWinOverTheMatchAndSaveWritesThemInPlace)
     EXPECT_TRUE(
         movie->metaData()->getArtworkURL().toString().startsWith(scantest::server().baseURL()));
     EXPECT_EQ(browser->images().at(0).title, "Harbour Lights (Restored)");
+    // A file with a cover keeps it: the database offers its poster, but the
+    // file's own stays chosen.
+    const auto withCover = item(1);
+    ASSERT_EQ(withCover->status(), 8);
+    EXPECT_EQ(withCover->getTag(tag(TagName::TMDbID)), "100004");
+    EXPECT_GT(withCover->numberOfPosters(), 1);
+    const QImage cover = imagetest::decoded(withCover->metaData()->artwork());
+    EXPECT_EQ(cover.size(), QSize(48, 72));
+    EXPECT_EQ(cover.pixelColor(10, 10), QColor(Qt::blue));
+    EXPECT_TRUE(withCover->metaData()->getArtworkURL().isLocalFile());
     // Nothing touches the file before the save.
     EXPECT_EQ(retagtest::fileHash(file), before);
 
@@ -216,22 +232,6 @@ TEST_F(RetagBrowserTest, SkipTaggingShowsTheFilesOwnTagsWithoutARequest) {
     QString error;
     EXPECT_FALSE(browser->saveItem(item(1), &error));
     EXPECT_TRUE(error.contains("not ready")) << error.toStdString();
-}
-
-TEST_F(RetagBrowserTest, AFileWithACoverKeepsItAfterTheLookup) {
-    const QString file = retagtest::taggedCopy(dir.path(), "Harbour Lights.m4v", {},
-                                               retagtest::solidCover(Qt::blue));
-    browser->loadFiles({file});
-    ASSERT_TRUE(waitSettled());
-    const auto movie = item(0);
-    ASSERT_EQ(movie->status(), 8);
-    EXPECT_EQ(movie->getTag(tag(TagName::TMDbID)), "100004");
-    // The database offers its poster, but the file's own stays chosen.
-    EXPECT_GT(movie->numberOfPosters(), 1);
-    const QImage cover = imagetest::decoded(movie->metaData()->artwork());
-    EXPECT_EQ(cover.size(), QSize(48, 72));
-    EXPECT_EQ(cover.pixelColor(10, 10), QColor(Qt::blue));
-    EXPECT_TRUE(movie->metaData()->getArtworkURL().isLocalFile());
 }
 
 TEST_F(RetagBrowserTest, AMovFileIsRetaggedInPlaceAndANoHitsNameRenamesOnlyTheItem) {

@@ -12,8 +12,6 @@
 #include "Processes.h"
 #include "SmallDisk.h"
 
-using retagtest::atomicParsleyTags;
-using retagtest::coverWidth;
 using retagtest::tag;
 
 namespace {
@@ -115,8 +113,6 @@ TEST_F(RetagCliTest, SearchTitleJsonAndAFileThatIsNoMovie) {
 }
 
 TEST_F(RetagCliTest, SearchByTitleReplacesTheOldTagsAndCover) {
-    if (!testsupport::haveTool("AtomicParsley"))
-        GTEST_SKIP() << "AtomicParsley is not installed";
     // A file tagged as another movie, with its own cover.
     const QString file = retagtest::taggedCopy(dir.path(), "Quayside.m4v",
                                                {{tag(TagName::Name), "Quayside Nights"},
@@ -124,22 +120,20 @@ TEST_F(RetagCliTest, SearchByTitleReplacesTheOldTagsAndCover) {
                                                 {tag(TagName::ReleaseDate), "1999-05-01"},
                                                 {tag(TagName::Comments), "tagged by hand"}},
                                                retagtest::solidCover(Qt::red));
-    QMap<QString, QString> before = atomicParsleyTags(file);
-    ASSERT_EQ(before.value("©nam"), "Quayside Nights");
-    ASSERT_EQ(coverWidth(file), 48);
+    ASSERT_EQ(retagtest::probeTags(file).value("comment").toString(), "tagged by hand");
+    ASSERT_EQ(retagtest::coverWidth(file), 48);
 
     const CliResult r = runRetag({file, "--search", "Harbour Lights", "--yes"});
     EXPECT_EQ(r.status, 0) << r.err.toStdString();
     EXPECT_TRUE(r.out.contains("name:       Harbour Lights\n")) << r.out.toStdString();
     EXPECT_TRUE(r.out.contains(file + ": written"));
-
-    // Read back by an independent reader: the match won, the old tags are gone.
-    const QMap<QString, QString> after = atomicParsleyTags(file);
-    EXPECT_EQ(after.value("©nam"), "Harbour Lights");
-    EXPECT_EQ(after.value("©gen"), "Comedy");
-    EXPECT_TRUE(after.value("©day").startsWith("1962")) << after.value("©day").toStdString();
-    EXPECT_FALSE(after.contains("©cmt")) << after.value("©cmt").toStdString();
-    EXPECT_GT(coverWidth(file), 48);
+    // The match won, the old tags and cover are gone.
+    const QJsonObject after = retagtest::probeTags(file);
+    EXPECT_EQ(after.value("title").toString(), "Harbour Lights");
+    EXPECT_EQ(after.value("genre").toString(), "Comedy");
+    EXPECT_TRUE(after.value("date").toString().startsWith("1962"));
+    EXPECT_FALSE(after.contains("comment"));
+    EXPECT_GT(retagtest::coverWidth(file), 48);
 
     // A plain retag afterwards searches the file's name, finds nothing and
     // writes nothing: the file keeps the match.
@@ -165,23 +159,23 @@ TEST_F(RetagCliTest, AFileWithoutAMatchIsNotWritten) {
 }
 
 TEST_F(RetagCliTest, BadArgumentsAreReported) {
-    CliResult r = runRetag({});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(r.err.contains("no file given"));
-    r = runRetag({dir.filePath("missing.m4v"), "--yes"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.err.contains(dir.filePath("missing.m4v") + ": no such file"));
-    r = runRetag({dir.path(), "--yes"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.err.contains("not a movie file"));
-    r = runRetag({"a.m4v", "b.m4v", "--search", "Heat"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(r.err.contains("--search takes one file"));
-    r = runRetag({"a.m4v", "--search"});
-    EXPECT_EQ(r.status, 2);
-    r = runRetag({"a.m4v", "--bogus"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(r.err.contains("unknown option '--bogus'"));
+    const struct {
+        QStringList args;
+        int status;
+        QString says;
+    } cases[] = {
+        {{}, 2, "no file given"},
+        {{dir.filePath("missing.m4v"), "--yes"}, 1, dir.filePath("missing.m4v") + ": no such file"},
+        {{dir.path(), "--yes"}, 1, "not a movie file"},
+        {{"a.m4v", "b.m4v", "--search", "Heat"}, 2, "--search takes one file"},
+        {{"a.m4v", "--search"}, 2, ""},
+        {{"a.m4v", "--bogus"}, 2, "unknown option '--bogus'"},
+    };
+    for (const auto& c : cases) {
+        const CliResult r = runRetag(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args.join(' ').toStdString();
+        EXPECT_TRUE(r.err.contains(c.says)) << r.err.toStdString();
+    }
 }
 
 // Two `retag --yes` on one file at the same time take turns: both report
@@ -201,7 +195,7 @@ TEST_F(RetagCliTest, TwoRetagsAtOnceTakeTurns) {
         return body;
     };
     const QByteArray packets = media(retagtest::plainMovie());
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < 2; ++round) {
         const QString folder = dir.filePath(QStringLiteral("round-%1").arg(round));
         ASSERT_TRUE(QDir().mkpath(folder));
         const QString file =

@@ -5,6 +5,7 @@
 // write into their copies) and tagged there with the project's own writer.
 // The movie database is the loopback server of the scan tests.
 
+#include "Processes.h"
 #include "scan/ScanTestSupport.h"
 
 #include "Processes.h"
@@ -23,29 +24,16 @@
 
 namespace retagtest {
 
-inline QString mediaDir() {
-    const QString dir = QStringLiteral(TARNWICK_BINARY_DIR "/test-media/retag");
-    QDir().mkpath(dir);
-    return dir;
-}
-
-// 2 s of 320x180 H.264 with AAC sound, no tags; made under a temporary name
-// and renamed into place so parallel test processes never see half a file.
+// 2 s of 320x180 H.264 with AAC sound, no tags.
 inline QString plainMovie() {
-    const QString target = mediaDir() + QStringLiteral("/plain.m4v");
-    if (QFileInfo::exists(target))
-        return target;
-    QTemporaryDir work(mediaDir() + QStringLiteral("/make-XXXXXX"));
-    const QString made = work.path() + QStringLiteral("/plain.m4v");
-    if (!scantest::ffmpeg({"-f",      "lavfi",     "-i",   "testsrc2=size=320x180:rate=25",
-                           "-f",      "lavfi",     "-i",   "sine=frequency=440",
-                           "-t",      "2",         "-c:v", "libx264",
-                           "-preset", "ultrafast", "-c:a", "aac",
-                           "-ac",     "2",         "-f",   "mp4",
-                           made}))
-        return {};
-    QFile::rename(made, target);
-    return QFileInfo::exists(target) ? target : QString();
+    return testsupport::cachedFile(
+        QStringLiteral(TARNWICK_BINARY_DIR "/test-media/retag/plain.m4v"), [](const QString& out) {
+            return testsupport::ffmpeg(
+                QString("-f lavfi -i testsrc2=size=320x180:rate=25 -f lavfi -i sine=frequency=440 "
+                        "-t 2 -c:v libx264 -preset ultrafast -c:a aac -ac 2 -f mp4")
+                    .split(u' ') +
+                QStringList{out});
+        });
 }
 
 inline QString tag(const char* name) {
@@ -94,14 +82,10 @@ inline QByteArray fileHash(const QString& path) {
 
 // The container tags as ffprobe reads them (an independent reader).
 inline QJsonObject probeTags(const QString& path) {
-    QProcess p;
-    p.start(QStringLiteral("ffprobe"),
-            {"-v", "error", "-show_entries", "format_tags", "-of", "json", path});
-    if (!p.waitForFinished(30000)) {
-        ADD_FAILURE() << "ffprobe did not finish";
-        return {};
-    }
-    return QJsonDocument::fromJson(p.readAllStandardOutput())
+    const testsupport::RunResult r =
+        testsupport::run(QStringLiteral("ffprobe"),
+                         {"-v", "error", "-show_entries", "format_tags", "-of", "json", path});
+    return QJsonDocument::fromJson(r.out)
         .object()
         .value("format")
         .toObject()
@@ -109,13 +93,22 @@ inline QJsonObject probeTags(const QString& path) {
         .toObject();
 }
 
-// The cover ffprobe sees as an attached picture stream, if any.
+// The width of the cover ffprobe sees as an attached picture stream; 0 for none.
+inline int coverWidth(const QString& path) {
+    const testsupport::RunResult r =
+        testsupport::run(QStringLiteral("ffprobe"),
+                         {"-v", "error", "-show_entries",
+                          "stream=width:stream_disposition=attached_pic", "-of", "json", path});
+    for (const QJsonValue& s : QJsonDocument::fromJson(r.out).object().value("streams").toArray()) {
+        const QJsonObject o = s.toObject();
+        if (o.value("disposition").toObject().value("attached_pic").toInt() == 1)
+            return o.value("width").toInt();
+    }
+    return 0;
+}
+
 inline bool probeHasCover(const QString& path) {
-    QProcess p;
-    p.start(QStringLiteral("ffprobe"), {"-v", "error", "-show_entries",
-                                        "stream_disposition=attached_pic", "-of", "json", path});
-    p.waitForFinished(30000);
-    return p.readAllStandardOutput().contains("\"attached_pic\": 1");
+    return coverWidth(path) > 0;
 }
 
 // The tags AtomicParsley reads, as "NAME: value" for its "Atom "NAME" contains: value" lines.
@@ -131,19 +124,4 @@ inline QMap<QString, QString> atomicParsleyTags(const QString& path) {
     }
     return tags;
 }
-
-inline int coverWidth(const QString& path) {
-    const testsupport::RunResult r =
-        testsupport::run(QStringLiteral("ffprobe"),
-                         {"-v", "error", "-show_entries",
-                          "stream=width:stream_disposition=attached_pic", "-of", "json", path},
-                         30000);
-    for (const QJsonValue& s : QJsonDocument::fromJson(r.out).object().value("streams").toArray()) {
-        const QJsonObject o = s.toObject();
-        if (o.value("disposition").toObject().value("attached_pic").toInt() == 1)
-            return o.value("width").toInt();
-    }
-    return 0;
-}
-
 } // namespace retagtest
