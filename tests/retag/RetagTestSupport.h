@@ -124,4 +124,5 @@ inline QMap<QString, QString> atomicParsleyTags(const QString& path) {
     }
     return tags;
 }
+
 } // namespace retagtest
