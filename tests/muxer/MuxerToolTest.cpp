@@ -325,19 +325,16 @@ protected:
         const MP4TrackId subtitle = findTrack(h, MP4_SUBTITLE_TRACK_TYPE);
         ASSERT_NE(audio, MP4_INVALID_TRACK_ID);
         ASSERT_NE(subtitle, MP4_INVALID_TRACK_ID);
-        char* name = nullptr;
-        ASSERT_TRUE(MP4GetTrackName(h, audio, &name));
-        EXPECT_STREQ(name, "Stereo Français");
-        free(name);
-        name = nullptr;
-        ASSERT_TRUE(MP4GetTrackName(h, subtitle, &name));
-        EXPECT_STREQ(name, "English Subtitles");
-        free(name);
-        char lang[4] = {};
-        ASSERT_TRUE(MP4GetTrackLanguage(h, audio, lang));
-        EXPECT_STREQ(lang, "fra");
-        ASSERT_TRUE(MP4GetTrackLanguage(h, subtitle, lang));
-        EXPECT_STREQ(lang, "eng");
+        for (const auto& [track, label, language] :
+             {std::tuple{audio, "Stereo Français", "fra"},
+              std::tuple{subtitle, "English Subtitles", "eng"}}) {
+            char* name = nullptr;
+            char lang[4] = {};
+            ASSERT_TRUE(MP4GetTrackName(h, track, &name) && MP4GetTrackLanguage(h, track, lang));
+            EXPECT_STREQ(name, label);
+            EXPECT_STREQ(lang, language);
+            free(name);
+        }
 
         MP4Chapter_t* chapters = nullptr;
         uint32_t count = 0;
