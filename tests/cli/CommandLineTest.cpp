@@ -1,7 +1,6 @@
 // One command line for every command: the help of each, one wording for an
-// unknown option, --opt=value, the exit statuses of the README, and one JSON
-// document of the documented shape from every --json command, whatever
-// happened.
+// unknown option, the exit statuses of the README, and one JSON document of
+// the documented shape from every --json command, whatever happened.
 
 #include "scan/ScanTestSupport.h"
 
@@ -45,7 +44,7 @@ const QList<CommandCase>& commands() {
     return all;
 }
 
-TEST(CommandLine, EveryCommandHasItsOwnHelpWithEveryOptionExplained) {
+TEST(CommandLine, EveryCommandHasItsOwnHelpAndOneWordingForAnUnknownOption) {
     const CliResult overview = runCli({"--help"});
     EXPECT_EQ(overview.status, 0);
     for (const CommandCase& c : commands()) {
@@ -73,23 +72,14 @@ TEST(CommandLine, EveryCommandHasItsOwnHelpWithEveryOptionExplained) {
             EXPECT_EQ(r.status, 0) << args.join(' ').toStdString();
             EXPECT_EQ(r.out, help.out) << args.join(' ').toStdString();
         }
-    }
-    const CliResult unknown = runCli({"help", "frobnicate"});
-    EXPECT_EQ(unknown.status, 2);
-    EXPECT_TRUE(unknown.err.contains("unknown command 'frobnicate'"));
-}
-
-TEST(CommandLine, OneWordingForAnUnknownOptionInEveryCommand) {
-    for (const CommandCase& c : commands()) {
-        const QString name = QString::fromLatin1(c.name);
-        const CliResult r = runCli({name, "--bogus", "x"});
-        EXPECT_EQ(r.status, 2) << c.name;
-        EXPECT_TRUE(r.err.startsWith("tarnwick-cli " + name +
-                                     ": unknown option '--bogus' (usage: tarnwick-cli " + name))
-            << r.err.toStdString();
-        // One line.
-        EXPECT_EQ(r.err.trimmed().count(u'\n'), 0) << r.err.toStdString();
-        EXPECT_TRUE(r.out.isEmpty()) << c.name;
+        // One wording, on one line, for an unknown option.
+        const CliResult bogus = runCli({name, "--bogus", "x"});
+        EXPECT_EQ(bogus.status, 2);
+        EXPECT_TRUE(bogus.err.startsWith("tarnwick-cli " + name +
+                                         ": unknown option '--bogus' (usage: tarnwick-cli " + name))
+            << bogus.err.toStdString();
+        EXPECT_EQ(bogus.err.trimmed().count(u'\n'), 0) << bogus.err.toStdString();
+        EXPECT_TRUE(bogus.out.isEmpty());
     }
 }
 
@@ -158,6 +148,7 @@ TEST(CommandLine, ExitStatusesAreTheSameInEveryCommand) {
          2,
          "unknown preset \"Toaster 8K\"; known presets: HD 1080p, HD 720p, SD 480p"},
         {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
+        {{"help", "frobnicate"}, 2, "unknown command 'frobnicate'"},
     };
     for (const Case& c : cases) {
         const CliResult r = runCli(c.args);
@@ -166,17 +157,6 @@ TEST(CommandLine, ExitStatusesAreTheSameInEveryCommand) {
         EXPECT_TRUE(r.err.contains(QString::fromUtf8(c.says)))
             << c.args.join(' ').toStdString() << ": " << r.err.toStdString();
     }
-}
-
-TEST(CommandLine, OptionValuesGoWithAnEqualsSignOrAsTheNextArgument) {
-    const QString report = testsupport::dataPath("scan-reports/file-mkv.txt");
-    const CliResult spaced =
-        runCli({"report", report, "--preset", "SD 480p", "--output", "/o.m4v"});
-    const CliResult joined = runCli({"report", "--preset=SD 480p", report, "--output=/o.m4v"});
-    EXPECT_EQ(spaced.status, 0) << spaced.err.toStdString();
-    EXPECT_EQ(joined.status, 0) << joined.err.toStdString();
-    EXPECT_EQ(spaced.out, joined.out);
-    EXPECT_TRUE(spaced.out.contains("--output /o.m4v")) << spaced.out.toStdString();
 }
 
 // Every --json command, in a run that works and in runs that fail, prints
@@ -215,6 +195,7 @@ TEST(CommandLine, EveryJsonRunPrintsOneDocumentOfTheDocumentedShape) {
         {{"tracks", movie}, 0},
         {{"tracks", junk}, 1},
         {{"encode", missing}, 1},
+        {{"scan", movie, "--skip-tagging", "--passthru"}, 0},
     };
     QList<QJsonObject> docs;
     for (const Case& c : cases) {
@@ -227,53 +208,28 @@ TEST(CommandLine, EveryJsonRunPrintsOneDocumentOfTheDocumentedShape) {
         }
     }
 
-    // What the shapes hold, once.
+    // What the shapes hold, once (the scan's own tests hold the rest).
     const QJsonObject item = docs.at(0).value("items").toArray().at(0).toObject();
     EXPECT_EQ(item.value("source").toObject().value("path").toString(), movie);
     EXPECT_EQ(item.value("source").toObject().value("sourceType").toString(), "video file");
     EXPECT_EQ(item.value("state").toString(), "ready");
-    EXPECT_EQ(item.value("lookup").toString(), "matched");
-    EXPECT_EQ(item.value("mainTitle").toInt(), 1);
     EXPECT_FALSE(item.value("passthru").toBool()); // the stored setting
-    EXPECT_EQ(item.value("match").toObject().value("tmdbID").toString(), "100004");
     EXPECT_EQ(item.value("match").toObject().value("year").toString(), "1962");
     const QJsonObject track =
         item.value("titles").toArray().at(0).toObject().value("audio").toArray().at(0).toObject();
-    EXPECT_EQ(track.value("language").toString(), "eng");
     EXPECT_EQ(track.value("channels").toString(), "2.0");
-    EXPECT_TRUE(item.value("warnings").toArray().isEmpty());
+    // Pass-through for this run only: the command encodes a stand-in the muxer replaces.
+    const QJsonObject kept = docs.last().value("items").toArray().at(0).toObject();
+    EXPECT_TRUE(kept.value("passthru").toBool());
+    auto standIn = [](const QJsonObject& i) {
+        const QStringList command = i.value("command").toVariant().toStringList();
+        return command.contains("--width") && command.contains("80");
+    };
+    EXPECT_TRUE(standIn(kept));
+    EXPECT_FALSE(standIn(item));
+    EXPECT_EQ(runCli({"settings", "get", "Passthru Video"}).out.trimmed(), "NO");
     EXPECT_TRUE(docs.at(8).value("match").isNull());
     EXPECT_TRUE(docs.at(8).value("error").toString().contains("no match"));
-}
-
-TEST(CommandLine, PassThroughIsChosenForTheRunAndThePresetSaysItNeedsIt) {
-    scantest::server();
-    const QString movie = scantest::sample("Harbour Lights.mp4");
-    ASSERT_FALSE(movie.isEmpty());
-    struct Case {
-        QStringList options;
-        bool kept;
-    };
-    for (const Case& c : {Case{{"--passthru"}, true}, Case{{"--no-passthru"}, false}}) {
-        SCOPED_TRACE(c.options.join(' ').toStdString());
-        const CliResult r =
-            runCli(QStringList{"scan", movie, "--skip-tagging", "--json"} + c.options);
-        ASSERT_EQ(r.status, 0) << r.err.toStdString();
-        const QJsonObject item =
-            testsupport::expectCliJson(r.out, "scan", 0).value("items").toArray().at(0).toObject();
-        EXPECT_EQ(item.value("passthru").toBool(), c.kept);
-        // The pass-through command line encodes a stand-in the muxer replaces.
-        const QStringList command = item.value("command").toVariant().toStringList();
-        EXPECT_EQ(command.contains("--width") && command.contains("80"), c.kept)
-            << command.join(' ').toStdString();
-    }
-    // The stored setting is as it was.
-    EXPECT_EQ(runCli({"settings", "get", "Passthru Video"}).out.trimmed(), "NO");
-    // The shipped pass-through preset says what it needs.
-    const CliResult preset = runCli({"presets", "show", "Passthru 1080p"});
-    EXPECT_EQ(preset.status, 0) << preset.err.toStdString();
-    EXPECT_TRUE(preset.out.contains("source video kept with pass-through on"))
-        << preset.out.toStdString();
 }
 
 } // namespace

@@ -14,36 +14,35 @@ namespace {
 
 using testsupport::CliResult;
 
-// One way the database fails, as the user meets it.
+using Mode = LoopbackMovieDb::Mode;
+
+// One way the database fails, as the user meets it: how the loopback server
+// answers, what the user set, and the words every command prints.
 struct Failure {
     const char* name;
-    LoopbackMovieDb::Mode mode; // how the loopback server answers
-    QMap<QString, QString> env; // what the user set
-    const char* says;           // the line every command prints
+    Mode mode;
+    QMap<QString, QString> env;
+    const char* says;
 };
 
-const QString kBudgetMs = QStringLiteral("1500");
-
-QList<Failure> failures() {
-    return {
-        {"refused key",
-         LoopbackMovieDb::Mode::Normal,
-         {{"TARNWICK_TMDB_API_KEY", "00000000000000000000000000000000"}},
-         "the movie database refused the API key (HTTP 401)"},
-        {"server error",
-         LoopbackMovieDb::Mode::ServerError,
-         {},
-         "the movie database failed with a server error (HTTP 500)"},
-        {"no answer",
-         LoopbackMovieDb::Mode::Hang,
-         {{"TARNWICK_TMDB_TIMEOUT_MS", kBudgetMs}},
-         "did not answer within 1.5 s"},
-        {"no connection",
-         LoopbackMovieDb::Mode::Normal,
-         {{"TARNWICK_TMDB_URL", "http://127.0.0.1:1"}},
-         "the movie database at http://127.0.0.1:1 cannot be reached"},
-    };
-}
+const Failure kFailures[] = {
+    {"refused key",
+     Mode::Normal,
+     {{"TARNWICK_TMDB_API_KEY", QString(32, u'0')}},
+     "the movie database refused the API key (HTTP 401)"},
+    {"server error",
+     Mode::ServerError,
+     {},
+     "the movie database failed with a server error (HTTP 500)"},
+    {"no answer",
+     Mode::Hang,
+     {{"TARNWICK_TMDB_TIMEOUT_MS", "1500"}},
+     "did not answer within 1.5 s"},
+    {"no connection",
+     Mode::Normal,
+     {{"TARNWICK_TMDB_URL", "http://127.0.0.1:1"}},
+     "the movie database at http://127.0.0.1:1 cannot be reached"},
+};
 
 class DatabaseFailureTest : public ::testing::Test {
 protected:
@@ -55,12 +54,12 @@ protected:
         scantest::server();
         ASSERT_TRUE(m_dir.isValid());
     }
-    void TearDown() override { scantest::server().setMode(LoopbackMovieDb::Mode::Normal); }
+    void TearDown() override { scantest::server().setMode(Mode::Normal); }
 
     CliResult cli(const Failure& f, const QStringList& args, int timeoutMs = 120000) {
         scantest::server().setMode(f.mode);
         const CliResult r = testsupport::runCli(args, {}, timeoutMs, f.env);
-        scantest::server().setMode(LoopbackMovieDb::Mode::Normal);
+        scantest::server().setMode(Mode::Normal);
         return r;
     }
 
@@ -70,7 +69,7 @@ protected:
 TEST_F(DatabaseFailureTest, EachFailureHasItsOwnLineInScanAndRetag) {
     const QString movie = scantest::sample("Harbour Lights.mp4");
     ASSERT_FALSE(movie.isEmpty());
-    for (const Failure& f : failures()) {
+    for (const Failure& f : kFailures) {
         SCOPED_TRACE(f.name);
         const QString says = QString::fromUtf8(f.says);
 
@@ -102,7 +101,7 @@ TEST_F(DatabaseFailureTest, EachFailureHasItsOwnLineInScanAndRetag) {
 TEST_F(DatabaseFailureTest, ARefusedKeyInEncodeLeavesTheEncodersTagsAndFails) {
     const QString movie = scantest::sample("Harbour Lights.mp4");
     ASSERT_FALSE(movie.isEmpty());
-    const Failure refused = failures().at(0);
+    const Failure& refused = kFailures[0];
     const QString dest = m_dir.filePath("out");
     const CliResult r =
         cli(refused, {"encode", movie, "--dest", dest, "--preset", "SD 480p", "--yes", "--json"});

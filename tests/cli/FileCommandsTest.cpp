@@ -89,8 +89,9 @@ TEST_F(FileCommandsTest, TagsWeWriteAreWhatAtomicParsleyReads) {
     for (const Tag& t : written) {
         SCOPED_TRACE(t.name);
         EXPECT_EQ(json.value(t.name).toVariant().toString(), t.value);
-        if (t.atom)
+        if (t.atom) {
             EXPECT_EQ(atoms.value(t.atom), t.value);
+        }
     }
     EXPECT_TRUE(json.value("Artwork").toBool());
     EXPECT_TRUE(atoms.value("covr").contains("1 piece of artwork"))
