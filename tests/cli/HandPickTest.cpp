@@ -36,20 +36,17 @@ protected:
                                      retagtest::solidCover(Qt::red));
     }
 
-    // The cover AtomicParsley extracts.
-    QImage extractedCover(const QString& file) {
-        const QString base = dir.filePath("cover");
-        for (const QFileInfo& old : QDir(dir.path()).entryInfoList({"cover_artwork_*"}))
-            QFile::remove(old.filePath());
-        testsupport::run(QStringLiteral("AtomicParsley"), {file, "--extractPixToPath", base});
-        const QFileInfoList made = QDir(dir.path()).entryInfoList({"cover_artwork_*"});
-        if (made.size() != 1)
-            return {};
-        return QImage(made.first().filePath()).convertToFormat(QImage::Format_RGB32);
-    }
-
     QTemporaryDir dir;
 };
+
+// The cover AtomicParsley extracts.
+QImage extractedCover(const QString& file) {
+    QTemporaryDir out;
+    testsupport::run("AtomicParsley", {file, "--extractPixToPath", out.filePath("cover")});
+    const QFileInfoList made = QDir(out.path()).entryInfoList({"cover_artwork_*"});
+    return made.size() == 1 ? QImage(made.first().filePath()).convertToFormat(QImage::Format_RGB32)
+                            : QImage();
+}
 
 // The poster as the database serves it (the file holds it re-encoded).
 QImage poster(const char* name) {
