@@ -52,6 +52,19 @@ AppDelegate::~AppDelegate() {
     m_encodeController.reset();
     m_encodeBrowseController.reset();
     m_retagBrowseController.reset();
+    restoreTmpdir();
+}
+
+void AppDelegate::restoreTmpdir() {
+    // The scratch folder goes at exit; later temporary files of this process
+    // must not be made in a folder that is about to vanish.
+    if (!m_tmpdirChanged)
+        return;
+    m_tmpdirChanged = false;
+    if (m_savedTmpdir.isNull())
+        qunsetenv("TMPDIR");
+    else
+        qputenv("TMPDIR", m_savedTmpdir);
 }
 
 void AppDelegate::setBrowserDelegate(EncodeBrowserDelegate* delegate) {
@@ -70,8 +83,12 @@ void AppDelegate::applicationWillFinishLaunching() {
     // The tools' own scratch files (HandBrakeCLI leaves its folder behind when
     // it is stopped) go into ours, which goes at exit.
     const QString scratch = Startup::repairTempDirectory();
-    if (!scratch.isEmpty())
+    if (!scratch.isEmpty()) {
+        if (!m_tmpdirChanged)
+            m_savedTmpdir = qgetenv("TMPDIR");
+        m_tmpdirChanged = true;
         qputenv("TMPDIR", QFile::encodeName(scratch));
+    }
     // Access to a bookmarked folder needs no grant here; resolving tells
     // whether it is still there, and one that is gone is skipped.
     UserDefaults& defaults = UserDefaults::standard();
@@ -86,6 +103,7 @@ void AppDelegate::applicationWillFinishLaunching() {
 
 void AppDelegate::applicationWillTerminate() {
     Startup::cleanupAtExit();
+    restoreTmpdir();
 }
 
 // --- the queue -------------------------------------------------------------------

@@ -143,6 +143,7 @@ private:
     void setControls(const AppControls& controls);
     void setProcessing(bool processing);
     void removeFromEncodeList(const QList<int>& rows);
+    void restoreTmpdir();
 
     AppPanelDelegate* m_panelDelegate = nullptr;
     EncodeBrowserDelegate* m_frontBrowserDelegate = nullptr;
@@ -155,5 +156,7 @@ private:
     bool m_processing = false;
     bool m_paused = false;
     bool m_alertResult = false;
+    bool m_tmpdirChanged = false;
+    QByteArray m_savedTmpdir; // null: TMPDIR was not set
     AppControls m_controls;
 };
