@@ -310,6 +310,7 @@ void MainWindow::buildCentre() {
     for (int f = 0; f < 3; ++f) {
         auto* v = new BrowserView(f != AppDelegate::LibraryFunction, m_stack);
         v->setObjectName(QLatin1String(names[f]));
+        v->setGrouped(f == AppDelegate::LibraryFunction);
         v->setModel(models[f]);
         v->setPlaceholder(tr(placeholders[f]));
         m_stack->addWidget(v);

@@ -284,6 +284,7 @@ TEST_F(AppControllerTest, LaunchRepairsTheWorkingStateAndExitRemovesTheTemporary
     scratch.close();
     app->applicationWillTerminate();
     EXPECT_FALSE(QFileInfo::exists(temp));
+    EXPECT_EQ(qgetenv("TMPDIR"), tmpdir) << "temporary files after exit go where they went before";
 
     // Hidden instructions stay hidden; an out-of-date preset set is noticed at launch.
     defaults.setBool(true, key(SettingsKey::HideInstructions));
