@@ -140,22 +140,30 @@ bool AppDelegate::startProcessing() {
     controls.stopMenuEnabled = true;
     setControls(controls);
 
-    // Nothing ready yet is not a refusal: the controls stay started. A movie
-    // the encoder tool cannot be started for fails, and the next one is tried.
+    startFirstReady();
+    return true;
+}
+
+void AppDelegate::startFirstReady() {
+    // Nothing ready yet is not a refusal: the controls stay started, and the
+    // first movie that becomes ready starts the queue. A movie the encoder
+    // tool cannot be started for fails, and the next one is tried.
+    m_waitingForReady = false;
     bool tried = false;
     for (const std::shared_ptr<MDI_Media>& item : m_encodeBrowseController->movieList()) {
         if (!item || item->status() != 8)
             continue;
         tried = true;
         if (m_encodeController->startMovieEncoding(item))
-            return true;
+            return;
         item->setStatus(0);
         item->setWarnings(QString::fromLatin1(kEncoderMissing));
         m_encodeBrowseController->statusUpdate();
     }
     if (tried)
         encodeComplete();
-    return true;
+    else
+        m_waitingForReady = true;
 }
 
 void AppDelegate::pauseProcessing() {
@@ -175,6 +183,8 @@ void AppDelegate::pauseProcessing() {
     }
     m_paused = !m_paused;
     setControls(controls);
+    if (!m_paused && m_waitingForReady)
+        startFirstReady();
 }
 
 void AppDelegate::stopProcessing() {
@@ -192,6 +202,8 @@ void AppDelegate::encodeComplete() {
 }
 
 void AppDelegate::setStoppedControls() {
+    // Stopped controls mean a queue that starts nothing by itself.
+    m_waitingForReady = false;
     AppControls controls = m_controls;
     controls.pauseIcon = QStringLiteral("Aqua-Pause-icon");
     controls.pauseLabel = QStringLiteral("Pause");
@@ -372,6 +384,8 @@ void AppDelegate::scanFailed(const std::shared_ptr<MDI_Media>& item) {
 }
 
 void AppDelegate::itemReady(const std::shared_ptr<MDI_Media>& item) {
+    if (m_processing && !m_paused && m_waitingForReady)
+        startFirstReady();
     if (m_frontBrowserDelegate)
         m_frontBrowserDelegate->itemReady(item);
 }

@@ -144,6 +144,7 @@ private:
     void setProcessing(bool processing);
     void removeFromEncodeList(const QList<int>& rows);
     void restoreTmpdir();
+    void startFirstReady();
 
     AppPanelDelegate* m_panelDelegate = nullptr;
     EncodeBrowserDelegate* m_frontBrowserDelegate = nullptr;
@@ -157,6 +158,8 @@ private:
     bool m_paused = false;
     bool m_alertResult = false;
     bool m_tmpdirChanged = false;
+    // Started with nothing ready: the next ready movie starts the queue.
+    bool m_waitingForReady = false;
     QByteArray m_savedTmpdir; // null: TMPDIR was not set
     AppControls m_controls;
 };

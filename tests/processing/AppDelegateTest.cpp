@@ -335,6 +335,18 @@ TEST_F(AppControllerTest, AMovieTheEncoderCannotStartForFailsAndTheQueueEnds) {
 
 // --- whole runs with the real tools -------------------------------------------------
 
+TEST_F(AppControllerTest, StartedBeforeTheMatchTheQueueTakesTheMovieOnceItIsReady) {
+    QString missing;
+    if (!jobtest::toolsPresent(&missing))
+        GTEST_SKIP() << missing.toStdString() << " is not installed";
+    app->openFiles({scantest::sample(QStringLiteral("The Lighthouse Keeper (2019).mkv"))});
+    ASSERT_NE(statuses(), QList<int>{8});
+    EXPECT_TRUE(app->startProcessing());
+    ASSERT_TRUE(waitQueueEnd());
+    EXPECT_EQ(statuses(), QList<int>{19});
+    expectStopped(app->controls());
+}
+
 TEST_F(AppControllerTest, QueueOfThreeEndsFailedPartialAndDone) {
     QString missing;
     if (!jobtest::toolsPresent(&missing))
