@@ -8,9 +8,47 @@
 #include <QApplication>
 #include <QFileInfo>
 #include <QMessageBox>
+#include <QSocketNotifier>
 #include <QTimer>
 
+#include <csignal>
 #include <cstdio>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+int g_signalPipe[2] = {-1, -1};
+
+// Only writes a byte: the quitting is done by the event loop.
+void onTerminationSignal(int signal) {
+    const unsigned char byte = static_cast<unsigned char>(signal);
+    [[maybe_unused]] const ssize_t n = ::write(g_signalPipe[1], &byte, 1);
+}
+
+// SIGINT and SIGTERM quit as "Stop and Quit" does, without asking.
+void quitOnTerminationSignals(MainWindow& window) {
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, g_signalPipe) != 0) {
+        std::perror("tarnwick: socketpair");
+        return;
+    }
+    auto* notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, &window);
+    QObject::connect(notifier, &QSocketNotifier::activated, &window, [&window, notifier] {
+        unsigned char byte = 0;
+        [[maybe_unused]] const ssize_t n = ::read(g_signalPipe[0], &byte, 1);
+        // A second signal while the tools are being stopped changes nothing.
+        notifier->setEnabled(false);
+        window.quitWithoutAsking();
+    });
+    struct sigaction action = {};
+    action.sa_handler = onTerminationSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+} // namespace
 
 int main(int argc, char** argv) {
     QApplication qapp(argc, argv);
@@ -51,6 +89,7 @@ int main(int argc, char** argv) {
     MainWindow window(&app);
     QObject::connect(&qapp, &QCoreApplication::aboutToQuit, &app,
                      [&app] { app.applicationWillTerminate(); });
+    quitOnTerminationSignals(window);
 
     // Start-up timing: leave as soon as the window has been painted once.
     if (qEnvironmentVariable("TARNWICK_QUIT_AFTER_SHOW") == QLatin1String("1"))

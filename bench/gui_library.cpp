@@ -216,6 +216,7 @@ int grid(const QString& dir) {
     browser.setMoviesFolder(dir);
     LibraryBrowserModel model(&browser);
     TimedView view;
+    view.setGrouped(true);
     view.setModel(&model);
     view.resize(1280, 800);
     StallMeter stalls;
@@ -246,8 +247,8 @@ int grid(const QString& dir) {
     std::printf("grid: %lld files, %d movies in %d genres; list loaded at %.3f s, first grid "
                 "painted at %.3f s, its posters in at %.3f s; longest main-thread stall while "
                 "loading %.1f ms (%.1f ms of it busy), longest busy stretch %.1f ms\n",
-                files, model.rowCount(), int(browser.genres().size() - 1), loadedAt, firstGridAt,
-                postersAt, loadStall, stalls.longestBusyMs(), loadBusy);
+                files, int(browser.count()), int(browser.genres().size() - 1), loadedAt,
+                firstGridAt, postersAt, loadStall, stalls.longestBusyMs(), loadBusy);
 
     // End to end, a page a frame (60 frames a second), as a scroll bar dragged
     // steadily down the whole library.

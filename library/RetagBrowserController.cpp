@@ -120,7 +120,6 @@ void RetagBrowserController::queryComplete(MDB_Metadata* metadata) {
     std::shared_ptr<MDI_Media> item = itemForRecord(metadata);
     if (!item || !metadata)
         return;
-    const bool isWorkItem = item == workMovie();
     noteLookupError(*item);
 
     // The query fills the item's own record; what it fetched is kept aside
@@ -147,27 +146,24 @@ void RetagBrowserController::queryComplete(MDB_Metadata* metadata) {
     item->setBypassMetadata(false);
 
     // The file's own cover stays.
-    if (!item->hasPoster()) {
-        if (item->numberOfPosters() > 0)
-            item->setArtworkFromIndex(0);
-        else
-            item->setArtworkFromBundle(QStringLiteral("MovieTicket"), QStringLiteral("png"));
-    }
-    if (item->status() != 0) {
-        applyBackdrop(*item);
-        updateCell(*item);
-        item->setStatus(8);
-    }
-
-    if (isWorkItem) {
-        finishWorkItem(item, true);
-    } else {
-        // A pick made while another file was being scanned: that session
-        // goes on undisturbed.
-        statusUpdate();
-        if (browserDelegate() && item->status() == 8)
-            browserDelegate()->itemReady(item);
-    }
+    const bool poster = !item->hasPoster() && item->numberOfPosters() > 0;
+    if (!item->hasPoster() && !poster)
+        item->setArtworkFromBundle(QStringLiteral("MovieTicket"), QStringLiteral("png"));
+    fetchArtwork(item, poster, [this, item] {
+        if (item->status() != 0) {
+            updateCell(*item);
+            item->setStatus(8);
+        }
+        if (item == workMovie()) {
+            finishWorkItem(item, true);
+        } else {
+            // A pick made while another file was being scanned: that session
+            // goes on undisturbed.
+            statusUpdate();
+            if (browserDelegate() && item->status() == 8)
+                browserDelegate()->itemReady(item);
+        }
+    });
 }
 
 void RetagBrowserController::tagSearchUpdate(qint64 row) {

@@ -18,7 +18,10 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QFutureWatcher>
+#include <QPromise>
 #include <QRegularExpression>
+#include <QThreadPool>
 #include <QTimer>
 
 #include <cstdlib>
@@ -483,6 +486,7 @@ void EncodeBrowserController::noteLookupError(MDI_Media& item) {
 }
 
 void EncodeBrowserController::queryDatabase(MDI_Media& item) {
+    cancelArtwork(&item);
     // Filled in place by the query thread; nothing here touches the record
     // until queryComplete.
     movieDB(item).query(item.getMetadata(), item.languageRegion(), this);
@@ -560,14 +564,17 @@ void EncodeBrowserController::queryComplete(MDB_Metadata* metadata) {
     noteLookupError(*item);
     item->copyMetadata(*metadata);
     applyQueryRecord(*item, *metadata);
-    if (!item->getMetadata()->artworkFullsizeURLs().isEmpty())
-        item->setArtworkFromIndex(0);
-    else
+    const bool poster = !item->getMetadata()->artworkFullsizeURLs().isEmpty();
+    if (!poster)
         item->setArtworkFromBundle(QStringLiteral("MovieTicket"), QStringLiteral("png"));
-    applyBackdrop(*item);
     updateCell(*item);
-    item->setStatus(8);
-    finishWorkItem(item);
+    fetchArtwork(item, poster, [this, item] {
+        if (m_workMovie != item)
+            return;
+        updateCell(*item);
+        item->setStatus(8);
+        finishWorkItem(item);
+    });
 }
 
 void EncodeBrowserController::applyQueryRecord(MDI_Media& item, const MDB_Metadata& record) {
@@ -583,15 +590,72 @@ void EncodeBrowserController::applyQueryRecord(MDI_Media& item, const MDB_Metada
     item.setSearchForeign(setting(SettingsKey::BurnForeign));
 }
 
+void EncodeBrowserController::fetchArtwork(const std::shared_ptr<MDI_Media>& item, bool poster,
+                                           std::function<void()> done) {
+    cancelArtwork(item.get());
+    MDB_Metadata* record = item->getMetadata();
+    const QUrl posterURL = poster ? record->artworkFullsizeURLs().value(0) : QUrl();
+    QUrl backdropURL;
+    const QList<QUrl> backdrops = record->backdropFullsizeURLs();
+    if (!backdrops.isEmpty()) {
+        // A different backdrop each time a movie is matched.
+        if (setting(SettingsKey::BackdropArt))
+            backdropURL = backdrops.at(int(::random() % backdrops.size()));
+        else
+            item->setBackdropFromBundle(QStringLiteral("NoArtworkBackground"),
+                                        QStringLiteral("png"));
+    }
+    if (posterURL.isEmpty() && backdropURL.isEmpty()) {
+        done();
+        return;
+    }
+
+    using Images = std::pair<MDB_Image, MDB_Image>;
+    auto promise = std::make_shared<QPromise<Images>>();
+    promise->start();
+    auto* watcher = new QFutureWatcher<Images>(this);
+    m_artworkFetches.insert(item.get(), watcher);
+    connect(watcher, &QFutureWatcherBase::finished, this,
+            [this, watcher, item, posterURL, backdropURL, done = std::move(done)] {
+                m_artworkFetches.remove(item.get());
+                watcher->deleteLater();
+                if (rowOf(item.get()) < 0)
+                    return; // removed while its images were on the way
+                const Images images = watcher->result();
+                if (!posterURL.isEmpty())
+                    item->getMetadata()->setArtworkFromIndex(0, images.first);
+                if (!backdropURL.isEmpty())
+                    item->getMetadata()->setBackdropFromURL(backdropURL, images.second);
+                done();
+            });
+    watcher->setFuture(promise->future());
+    QThreadPool::globalInstance()->start([promise, posterURL, backdropURL] {
+        Images images;
+        if (!posterURL.isEmpty())
+            images.first = MDB_Metadata::fetchImage(posterURL);
+        if (!backdropURL.isEmpty())
+            images.second = MDB_Metadata::fetchImage(backdropURL);
+        promise->addResult(images);
+        promise->finish();
+    });
+}
+
 void EncodeBrowserController::applyBackdrop(MDI_Media& item) {
     const QList<QUrl> backdrops = item.getMetadata()->backdropFullsizeURLs();
     if (backdrops.isEmpty())
         return;
-    // A different backdrop each time a movie is matched.
     if (setting(SettingsKey::BackdropArt))
         item.setBackdropFromURL(backdrops.at(int(::random() % backdrops.size())));
     else
         item.setBackdropFromBundle(QStringLiteral("NoArtworkBackground"), QStringLiteral("png"));
+}
+
+void EncodeBrowserController::cancelArtwork(const MDI_Media* item) {
+    // Deleting the watcher drops its result; the fetch itself ends on its own.
+    if (QObject* watcher = m_artworkFetches.take(item)) {
+        watcher->disconnect(this);
+        watcher->deleteLater();
+    }
 }
 
 void EncodeBrowserController::updateCell(MDI_Media& item, const QString& title) {

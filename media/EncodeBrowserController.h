@@ -5,6 +5,7 @@
 #include "media/MDI_Media.h"
 
 #include <QFileInfo>
+#include <QHash>
 #include <QList>
 #include <QMetaType>
 #include <QObject>
@@ -12,6 +13,7 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -225,8 +227,19 @@ protected:
     // Rating, genre and sort name of the fetched record, HD flag, foreign
     // subtitle search.
     void applyQueryRecord(MDI_Media& item, const MDB_Metadata& record);
-    // A random backdrop of the record's, or the plain one, when it has any.
+    // The record's first poster (when `poster`) and, when it has backdrops,
+    // a random one or the plain one: what comes over the network is fetched
+    // off the main thread so the window keeps going. `done` runs on the main
+    // thread once they are in the item (at once when nothing is fetched),
+    // unless the item has left the list or a newer fetch for it began.
+    void fetchArtwork(const std::shared_ptr<MDI_Media>& item, bool poster,
+                      std::function<void()> done);
+    // A random backdrop of the record's, or the plain one, when it has any
+    // (fetched here, on the calling thread).
     void applyBackdrop(MDI_Media& item);
+    // Drops the item's pending fetch, if any.
+    void cancelArtwork(const MDI_Media* item);
+    bool artworkPending() const { return !m_artworkFetches.isEmpty(); }
     // The cell shows the record's name (or `title` when given) and the first
     // local thumbnail.
     void updateCell(MDI_Media& item, const QString& title = QString());
@@ -264,6 +277,7 @@ protected:
     void noteLookupError(MDI_Media& item);
 
 private:
+    QHash<const MDI_Media*, QObject*> m_artworkFetches;
     EncodeBrowserDelegate* m_browserDelegate = nullptr;
     std::shared_ptr<MediaItemList> m_movieList;
     QList<EncodeBrowserCell> m_images;

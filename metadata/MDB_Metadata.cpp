@@ -71,13 +71,6 @@ MDB_Image imageFromFile(const QString& path) {
     return MDB_Image::fromFile(path);
 }
 
-MDB_Image imageFromURL(const QUrl& url) {
-    const HttpClient::Response response = HttpClient::get(url);
-    if (!response.ok())
-        return {};
-    return MDB_Image::fromData(response.body);
-}
-
 QString resourcePath(const QString& name, const QString& type) {
     return Resources::path(type.isEmpty() ? name : name + QLatin1Char('.') + type);
 }
@@ -509,16 +502,29 @@ bool MDB_Metadata::setArtworkFromURL(const QUrl& url) {
         clearArtwork();
         return true;
     }
-    return takeArtwork(imageFromURL(url), url, -1);
+    return takeArtwork(fetchImage(url), url, -1);
+}
+
+MDB_Image MDB_Metadata::fetchImage(const QUrl& url) {
+    const HttpClient::Response response = HttpClient::get(url);
+    if (!response.ok())
+        return {};
+    return MDB_Image::fromData(response.body);
 }
 
 bool MDB_Metadata::setArtworkFromIndex(qint64 index) {
+    if (index < 0 || index >= m_artworkFullsizeURLs.size())
+        return setArtworkFromIndex(index, MDB_Image());
+    return setArtworkFromIndex(index, fetchImage(m_artworkFullsizeURLs.at(index)));
+}
+
+bool MDB_Metadata::setArtworkFromIndex(qint64 index, const MDB_Image& fetched) {
     if (index < 0 || index >= m_artworkFullsizeURLs.size()) {
         m_artwork = MDB_Image();
         m_artworkURL = QUrl();
         return false;
     }
-    return takeArtwork(imageFromURL(m_artworkFullsizeURLs.at(index)), QUrl(), index);
+    return takeArtwork(fetched, QUrl(), index);
 }
 
 void MDB_Metadata::copyArtwork(const MDB_Metadata& other) {
@@ -574,10 +580,13 @@ bool MDB_Metadata::setBackdropFromURL(const QUrl& url) {
         m_backdropURL = QUrl();
         return true;
     }
-    const MDB_Image image = imageFromURL(url);
-    if (image.isNull())
+    return setBackdropFromURL(url, fetchImage(url));
+}
+
+bool MDB_Metadata::setBackdropFromURL(const QUrl& url, const MDB_Image& fetched) {
+    if (fetched.isNull())
         return false;
-    m_backdrop = image;
+    m_backdrop = fetched;
     m_backdropURL = url;
     return true;
 }

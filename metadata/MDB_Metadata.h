@@ -95,6 +95,8 @@ public:
     bool setArtworkFromData(const QByteArray& data);
     bool setArtworkFromURL(const QUrl& url);
     bool setArtworkFromIndex(qint64 index);
+    // The same with the image already fetched (see fetchImage).
+    bool setArtworkFromIndex(qint64 index, const MDB_Image& fetched);
     void copyArtwork(const MDB_Metadata& other);
     qint64 getArtworkIndex() const { return m_artworkIndex; }
     QUrl getArtworkURL() const;
@@ -103,6 +105,10 @@ public:
     bool setBackdropFromBundle(const QString& name, const QString& type);
     bool setBackdropFromPath(const QString& path);
     bool setBackdropFromURL(const QUrl& url);
+    bool setBackdropFromURL(const QUrl& url, const MDB_Image& fetched);
+    // An image over the network (or from a file URL); none on failure. Safe
+    // on any thread, so callers on the main thread can fetch elsewhere.
+    static MDB_Image fetchImage(const QUrl& url);
 
     // --- field lists of the settings ---------------------------------------
     // Sets a tag's display flag in the first group dictionary holding the tag.

@@ -52,6 +52,19 @@ AppDelegate::~AppDelegate() {
     m_encodeController.reset();
     m_encodeBrowseController.reset();
     m_retagBrowseController.reset();
+    restoreTmpdir();
+}
+
+void AppDelegate::restoreTmpdir() {
+    // The scratch folder goes at exit; later temporary files of this process
+    // must not be made in a folder that is about to vanish.
+    if (!m_tmpdirChanged)
+        return;
+    m_tmpdirChanged = false;
+    if (m_savedTmpdir.isNull())
+        qunsetenv("TMPDIR");
+    else
+        qputenv("TMPDIR", m_savedTmpdir);
 }
 
 void AppDelegate::setBrowserDelegate(EncodeBrowserDelegate* delegate) {
@@ -70,8 +83,12 @@ void AppDelegate::applicationWillFinishLaunching() {
     // The tools' own scratch files (HandBrakeCLI leaves its folder behind when
     // it is stopped) go into ours, which goes at exit.
     const QString scratch = Startup::repairTempDirectory();
-    if (!scratch.isEmpty())
+    if (!scratch.isEmpty()) {
+        if (!m_tmpdirChanged)
+            m_savedTmpdir = qgetenv("TMPDIR");
+        m_tmpdirChanged = true;
         qputenv("TMPDIR", QFile::encodeName(scratch));
+    }
     // Access to a bookmarked folder needs no grant here; resolving tells
     // whether it is still there, and one that is gone is skipped.
     UserDefaults& defaults = UserDefaults::standard();
@@ -86,6 +103,7 @@ void AppDelegate::applicationWillFinishLaunching() {
 
 void AppDelegate::applicationWillTerminate() {
     Startup::cleanupAtExit();
+    restoreTmpdir();
 }
 
 // --- the queue -------------------------------------------------------------------
@@ -122,22 +140,30 @@ bool AppDelegate::startProcessing() {
     controls.stopMenuEnabled = true;
     setControls(controls);
 
-    // Nothing ready yet is not a refusal: the controls stay started. A movie
-    // the encoder tool cannot be started for fails, and the next one is tried.
+    startFirstReady();
+    return true;
+}
+
+void AppDelegate::startFirstReady() {
+    // Nothing ready yet is not a refusal: the controls stay started, and the
+    // first movie that becomes ready starts the queue. A movie the encoder
+    // tool cannot be started for fails, and the next one is tried.
+    m_waitingForReady = false;
     bool tried = false;
     for (const std::shared_ptr<MDI_Media>& item : m_encodeBrowseController->movieList()) {
         if (!item || item->status() != 8)
             continue;
         tried = true;
         if (m_encodeController->startMovieEncoding(item))
-            return true;
+            return;
         item->setStatus(0);
         item->setWarnings(QString::fromLatin1(kEncoderMissing));
         m_encodeBrowseController->statusUpdate();
     }
     if (tried)
         encodeComplete();
-    return true;
+    else
+        m_waitingForReady = true;
 }
 
 void AppDelegate::pauseProcessing() {
@@ -157,6 +183,8 @@ void AppDelegate::pauseProcessing() {
     }
     m_paused = !m_paused;
     setControls(controls);
+    if (!m_paused && m_waitingForReady)
+        startFirstReady();
 }
 
 void AppDelegate::stopProcessing() {
@@ -174,6 +202,8 @@ void AppDelegate::encodeComplete() {
 }
 
 void AppDelegate::setStoppedControls() {
+    // Stopped controls mean a queue that starts nothing by itself.
+    m_waitingForReady = false;
     AppControls controls = m_controls;
     controls.pauseIcon = QStringLiteral("Aqua-Pause-icon");
     controls.pauseLabel = QStringLiteral("Pause");
@@ -354,6 +384,8 @@ void AppDelegate::scanFailed(const std::shared_ptr<MDI_Media>& item) {
 }
 
 void AppDelegate::itemReady(const std::shared_ptr<MDI_Media>& item) {
+    if (m_processing && !m_paused && m_waitingForReady)
+        startFirstReady();
     if (m_frontBrowserDelegate)
         m_frontBrowserDelegate->itemReady(item);
 }

@@ -143,6 +143,8 @@ private:
     void setControls(const AppControls& controls);
     void setProcessing(bool processing);
     void removeFromEncodeList(const QList<int>& rows);
+    void restoreTmpdir();
+    void startFirstReady();
 
     AppPanelDelegate* m_panelDelegate = nullptr;
     EncodeBrowserDelegate* m_frontBrowserDelegate = nullptr;
@@ -155,5 +157,9 @@ private:
     bool m_processing = false;
     bool m_paused = false;
     bool m_alertResult = false;
+    bool m_tmpdirChanged = false;
+    // Started with nothing ready: the next ready movie starts the queue.
+    bool m_waitingForReady = false;
+    QByteArray m_savedTmpdir; // null: TMPDIR was not set
     AppControls m_controls;
 };

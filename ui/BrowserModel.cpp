@@ -1,5 +1,7 @@
 #include "ui/BrowserModel.h"
 
+#include "core/SettingsKeys.h"
+#include "core/UserDefaults.h"
 #include "library/MoviesBrowserController.h"
 #include "media/EncodeBrowserController.h"
 #include "media/MDI_Media.h"
@@ -10,6 +12,7 @@
 #include <QUrl>
 
 #include <algorithm>
+#include <climits>
 
 BrowserModel::Badge BrowserModel::badgeForStatus(qint32 status) {
     if (status == 2)
@@ -220,16 +223,43 @@ LibraryBrowserModel::LibraryBrowserModel(MoviesBrowserController* browser, QObje
 
 void LibraryBrowserModel::regroup() {
     m_order.clear();
+    m_sourceToRow.clear();
+    m_headers.clear();
     if (!m_browser)
         return;
     const auto& cells = m_browser->curCells();
-    for (int i = 0; i < cells.size(); ++i)
-        m_order << i;
-    // The controller sorts by sort name; grouping by genre keeps that order
-    // within each genre.
-    std::stable_sort(m_order.begin(), m_order.end(), [&cells](int a, int b) {
-        return QString::localeAwareCompare(cells.at(a)->genre(), cells.at(b)->genre()) < 0;
+    // The user's genre list gives the groups' order; genres not in it follow
+    // alphabetically.
+    QHash<QString, int> rank;
+    const QVariantList listed =
+        UserDefaults::standard().arrayForKey(QString::fromLatin1(SettingsKey::GenreList));
+    for (const QVariant& genre : listed)
+        rank.insert(genre.toString(), int(rank.size()));
+    QHash<QString, QList<int>> members;
+    QStringList genres;
+    for (int i = 0; i < cells.size(); ++i) {
+        QList<int>& list = members[cells.at(i)->genre()];
+        if (list.isEmpty())
+            genres << cells.at(i)->genre();
+        list << i; // the controller's order (by sort name) within a genre
+    }
+    std::sort(genres.begin(), genres.end(), [&rank](const QString& a, const QString& b) {
+        const int ra = rank.value(a, INT_MAX);
+        const int rb = rank.value(b, INT_MAX);
+        if (ra != rb)
+            return ra < rb;
+        return QString::localeAwareCompare(a, b) < 0;
     });
+    m_sourceToRow.resize(cells.size());
+    for (const QString& genre : std::as_const(genres)) {
+        m_order << -1;
+        m_headers << genre;
+        for (int source : members.value(genre)) {
+            m_sourceToRow[source] = int(m_order.size());
+            m_order << source;
+            m_headers << QString();
+        }
+    }
 }
 
 int LibraryBrowserModel::sourceCount() const {
@@ -237,7 +267,8 @@ int LibraryBrowserModel::sourceCount() const {
 }
 
 int LibraryBrowserModel::rowCount(const QModelIndex& parent) const {
-    return parent.isValid() ? 0 : int(std::min<qsizetype>(m_rows, m_order.size()));
+    // Rows appear once the controller has the cells they show.
+    return parent.isValid() || m_rows < m_sourceToRow.size() ? 0 : int(m_order.size());
 }
 
 int LibraryBrowserModel::sourceRow(int row) const {
@@ -245,12 +276,33 @@ int LibraryBrowserModel::sourceRow(int row) const {
 }
 
 int LibraryBrowserModel::rowForSource(int sourceRow) const {
-    return int(m_order.indexOf(sourceRow));
+    return sourceRow >= 0 && sourceRow < m_sourceToRow.size() ? m_sourceToRow.at(sourceRow) : -1;
+}
+
+Qt::ItemFlags LibraryBrowserModel::flags(const QModelIndex& index) const {
+    if (index.isValid() && sourceRow(index.row()) < 0)
+        return Qt::ItemIsEnabled; // a header is never selected
+    return BrowserModel::flags(index);
 }
 
 QVariant LibraryBrowserModel::data(const QModelIndex& index, int role) const {
     if (!m_browser || !index.isValid() || index.row() >= rowCount())
         return {};
+    if (sourceRow(index.row()) < 0) {
+        const QString& header = m_headers.at(index.row());
+        switch (role) {
+        case Qt::DisplayRole:
+        case BrowserRole::Group:
+            return header;
+        case BrowserRole::Header:
+            return true;
+        case BrowserRole::Badge:
+            return int(NoBadge);
+        case BrowserRole::Progress:
+            return -1.0;
+        }
+        return {};
+    }
     const MoviesBrowserController::CellPtr cell = m_browser->itemAtIndex(sourceRow(index.row()));
     if (!cell)
         return {};
@@ -271,6 +323,8 @@ QVariant LibraryBrowserModel::data(const QModelIndex& index, int role) const {
         return -1.0;
     case BrowserRole::Group:
         return cell->genre();
+    case BrowserRole::Header:
+        return false;
     }
     return {};
 }

@@ -23,6 +23,7 @@ enum {
     Progress,                  // percent 0-100; -1 none; -2 busy without a known end
     Group,                     // the library's genre; empty in the other browsers
     StatusText,                // short word under the title
+    Header,                    // true for a row that only names its group
 };
 } // namespace BrowserRole
 
@@ -85,7 +86,8 @@ private:
     const MDI_Media* m_progressRowItem = nullptr;
 };
 
-// The iTunes library's shown cells (the chosen genre's), grouped by genre.
+// The iTunes library's shown cells (the chosen genre's), grouped by genre in
+// the order of the user's genre list, each group led by a header row.
 class LibraryBrowserModel : public BrowserModel {
     Q_OBJECT
 public:
@@ -93,8 +95,8 @@ public:
 
     int rowCount(const QModelIndex& parent = {}) const override;
     QVariant data(const QModelIndex& index, int role) const override;
-    // The controller's row shown at `row` (and back): "All Movies" is shown
-    // grouped by genre, the controller keeps its own order.
+    Qt::ItemFlags flags(const QModelIndex& index) const override;
+    // The controller's row shown at `row` (and back); -1 for a header row.
     int sourceRow(int row) const;
     int rowForSource(int sourceRow) const;
 
@@ -105,5 +107,7 @@ private:
     void regroup();
 
     QPointer<MoviesBrowserController> m_browser;
-    QList<int> m_order;
+    QList<int> m_order;       // per row: the controller's row, or -1 for a header
+    QList<int> m_sourceToRow; // per controller row: its row here
+    QStringList m_headers;    // per row: the genre of a header row, else empty
 };

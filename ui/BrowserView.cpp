@@ -39,6 +39,13 @@ BrowserView::BrowserView(bool acceptsDrops, QWidget* parent)
             });
 }
 
+void BrowserView::setGrouped(bool grouped) {
+    // A header is wider than a cell: sizes per row instead of one grid.
+    setUniformItemSizes(!grouped);
+    setGridSize(grouped ? QSize() : PosterDelegate::cellSize() + QSize(8, 8));
+    setSpacing(grouped ? 8 : 4);
+}
+
 QList<int> BrowserView::selectedRows() const {
     QList<int> rows;
     if (!selectionModel())

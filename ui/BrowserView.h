@@ -15,6 +15,9 @@ public:
     BrowserView(bool acceptsDrops, QWidget* parent = nullptr);
 
     PosterCache* posters() const { return m_posters; }
+    // Rows that are group headers (BrowserRole::Header) take a line of their
+    // own across the view.
+    void setGrouped(bool grouped);
     // The empty grid's hint ("Drop movies here").
     void setPlaceholder(const QString& text) { m_placeholder = text; }
     // Rows of the selection, ascending.

@@ -29,7 +29,9 @@
 #include <QDeadlineTimer>
 #include <QDesktopServices>
 #include <QDialogButtonBox>
+#include <QDir>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QListView>
@@ -47,11 +49,12 @@
 
 namespace {
 
-// The project's pages; the help entries open them in the browser.
-const char* const kHelpPage = "https://github.com/tarnwick/tarnwick#readme";
-const char* const kFaqPage = "https://github.com/tarnwick/tarnwick/wiki/FAQ";
-const char* const kSupportPage = "https://github.com/tarnwick/tarnwick/issues";
-const char* const kFeaturesPage = "https://github.com/tarnwick/tarnwick/wiki/Features";
+// The documents the help entries open (the project has no web site); their
+// paths below the installed documentation folder and the source tree.
+const char* const kHelpPage = "README.md";
+const char* const kFaqPage = "docs/FAQ.md";
+const char* const kSupportPage = "docs/SUPPORT.md";
+const char* const kFeaturesPage = "docs/FEATURES.md";
 // How long a stopped tool gets to end when the application quits.
 constexpr int kStopGraceMs = 20000;
 
@@ -100,6 +103,19 @@ MainWindow::~MainWindow() {
 void MainWindow::setImage(QAction* action, const QString& name) {
     action->setProperty(kImageProperty, name);
     action->setIcon(Artwork::icon(name));
+}
+
+QString MainWindow::helpDocument(const QString& document) {
+    // Installed, every document sits in one folder beside bin/.
+    const QString installed = QDir(QCoreApplication::applicationDirPath())
+                                  .filePath(QStringLiteral(TARNWICK_RELATIVE_DOCDIR "/") +
+                                            QFileInfo(document).fileName());
+    for (const QString& path :
+         {installed, QDir(QStringLiteral(TARNWICK_SOURCE_DIR)).filePath(document)}) {
+        if (QFileInfo(path).isFile())
+            return QFileInfo(path).absoluteFilePath();
+    }
+    return {};
 }
 
 QString MainWindow::imageName(const QAction* action) const {
@@ -270,9 +286,14 @@ void MainWindow::buildMenus() {
     QMenu* help = menuBar()->addMenu(tr("&Help"));
     help->addAction(tr("Instructions"), this, [this] { m_panels->showInstructions(); });
     help->addSeparator();
-    auto link = [this, help](const QString& text, const char* address) {
-        help->addAction(text, this, [address] {
-            QDesktopServices::openUrl(QUrl(QString::fromLatin1(address)));
+    auto link = [this, help](const QString& text, const char* document) {
+        help->addAction(text, this, [this, document] {
+            const QString path = helpDocument(QString::fromLatin1(document));
+            if (path.isEmpty() || !QDesktopServices::openUrl(QUrl::fromLocalFile(path)))
+                statusBar()->showMessage(
+                    tr("The document %1 could not be opened")
+                        .arg(QFileInfo(QString::fromLatin1(document)).fileName()),
+                    5000);
         });
     };
     link(tr("Online Help"), kHelpPage);
@@ -310,6 +331,7 @@ void MainWindow::buildCentre() {
     for (int f = 0; f < 3; ++f) {
         auto* v = new BrowserView(f != AppDelegate::LibraryFunction, m_stack);
         v->setObjectName(QLatin1String(names[f]));
+        v->setGrouped(f == AppDelegate::LibraryFunction);
         v->setModel(models[f]);
         v->setPlaceholder(tr(placeholders[f]));
         m_stack->addWidget(v);
@@ -482,12 +504,21 @@ void MainWindow::aboutDialog() {
 
 // --- window events --------------------------------------------------------------------
 
-bool MainWindow::confirmQuit() {
+void MainWindow::quitWithoutAsking() {
+    if (m_quitConfirmed)
+        return;
+    confirmQuit(false);
+    m_quitConfirmed = true;
+    close();
+    QCoreApplication::quit();
+}
+
+bool MainWindow::confirmQuit(bool ask) {
     EncoderController* encoder = m_app->encodeController();
     auto toolsRunning = [encoder] {
         return encoder->progressViewVisible() || encoder->muxController()->progressViewVisible();
     };
-    if (m_app->processing() && toolsRunning()) {
+    if (ask && m_app->processing() && toolsRunning()) {
         QMessageBox box(QMessageBox::Warning, QStringLiteral("Tarnwick"),
                         tr("A movie is being converted."), QMessageBox::NoButton, this);
         box.setObjectName(QStringLiteral("QuitQuestion"));

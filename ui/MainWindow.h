@@ -52,6 +52,9 @@ public:
     QAction* functionAction(int function) const;
     QAction* selectAllAction() const { return m_selectAll; }
     QAction* clearSelectedAction() const { return m_clearSelected; }
+    // The file a help entry opens ("docs/FAQ.md"...): the installed copy, or
+    // the source tree's when running from the build tree; empty when neither.
+    static QString helpDocument(const QString& document);
     // The image name each item shows now ("Aqua-Pause-icon"...).
     QString imageName(const QAction* action) const;
 
@@ -62,6 +65,10 @@ public:
     void openFiles();
     void toggleLoadPanel();
     void aboutDialog();
+    // Quit as after "Stop and Quit", without the question (a termination
+    // signal): the job stops, its unfinished output goes, then the event
+    // loop ends.
+    void quitWithoutAsking();
 
 signals:
     void firstPainted();
@@ -84,8 +91,9 @@ private:
     QDialog* openPanel(QDialog* panel);
     void setImage(QAction* action, const QString& name);
     // Stops the queue and the scans, waiting for the tools to end; false
-    // when the user keeps the application running.
-    bool confirmQuit();
+    // when the user keeps the application running. `ask`: a conversion in
+    // progress asks first.
+    bool confirmQuit(bool ask = true);
 
     AppDelegate* m_app;
     std::unique_ptr<WindowPanels> m_panels;

@@ -5,6 +5,7 @@
 #include "ui/PosterCache.h"
 
 #include <QApplication>
+#include <QListView>
 #include <QPainter>
 #include <QPainterPath>
 #include <QTextLayout>
@@ -77,12 +78,55 @@ QSize PosterDelegate::cellSize() {
                                             QFontMetrics(small).height()};
 }
 
-QSize PosterDelegate::sizeHint(const QStyleOptionViewItem&, const QModelIndex&) const {
-    return cellSize();
+QSize PosterDelegate::sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const {
+    if (!index.data(BrowserRole::Header).toBool())
+        return cellSize();
+    // As wide as the view, so the header has its own line and its genre's
+    // cells start on the next one.
+    int width = cellSize().width();
+    if (const auto* view = qobject_cast<const QListView*>(option.widget))
+        width = std::max(width, view->viewport()->width() - 2 * view->spacing() - 1);
+    return {width, headerHeight()};
+}
+
+int PosterDelegate::headerHeight() {
+    QFont font = QApplication::font();
+    font.setPointSizeF(font.pointSizeF() * 1.25);
+    return QFontMetrics(font).height() + 14;
+}
+
+void PosterDelegate::paintHeader(QPainter* p, const QStyleOptionViewItem& option,
+                                 const QModelIndex& index) const {
+    p->save();
+    QFont font = option.font;
+    font.setPointSizeF(font.pointSizeF() * 1.25);
+    font.setBold(true);
+    p->setFont(font);
+    const QRect area = option.rect.adjusted(6, 0, -6, 0);
+    const QFontMetrics fm(font);
+    const QString text =
+        fm.elidedText(index.data(Qt::DisplayRole).toString(), Qt::ElideRight, area.width());
+    p->setPen(option.palette.color(QPalette::Text));
+    const QRect textRect(area.left(), area.bottom() - 5 - fm.height(), area.width(), fm.height());
+    p->drawText(textRect, Qt::AlignLeft | Qt::AlignVCenter, text);
+    // A rule from the end of the name to the right edge sets the group apart.
+    const int ruleLeft = area.left() + fm.horizontalAdvance(text) + 10;
+    if (ruleLeft < area.right()) {
+        QColor rule = option.palette.color(QPalette::Mid);
+        rule.setAlpha(160);
+        p->setPen(QPen(rule, 1));
+        const int y = textRect.center().y() + 1;
+        p->drawLine(ruleLeft, y, area.right(), y);
+    }
+    p->restore();
 }
 
 void PosterDelegate::paint(QPainter* p, const QStyleOptionViewItem& option,
                            const QModelIndex& index) const {
+    if (index.data(BrowserRole::Header).toBool()) {
+        paintHeader(p, option, index);
+        return;
+    }
     p->save();
     p->setRenderHint(QPainter::Antialiasing);
     p->setRenderHint(QPainter::SmoothPixmapTransform);

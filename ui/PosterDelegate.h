@@ -6,7 +6,8 @@ class PosterCache;
 
 // Paints one grid cell: the poster (or "MovieTicket" while there is none),
 // the title in up to two lines, a status line, the status badge and, for the
-// movie being scanned or converted, its progress across the poster's foot.
+// movie being scanned or converted, its progress across the poster's foot;
+// a group's header row as the group's name across the view.
 class PosterDelegate : public QStyledItemDelegate {
     Q_OBJECT
 public:
@@ -18,7 +19,11 @@ public:
 
     static QSize cellSize();
     static QSize posterSize();
+    static int headerHeight();
 
 private:
+    void paintHeader(QPainter* painter, const QStyleOptionViewItem& option,
+                     const QModelIndex& index) const;
+
     PosterCache* m_posters;
 };

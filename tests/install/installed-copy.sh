@@ -29,6 +29,9 @@ expected=(
   libexec/tarnwick/Tarnwick_Pro_Muxer libexec/tarnwick/libtarnwick_imagecodec.so
   share/tarnwick/Devices.plist share/tarnwick/ISO-639.plist share/tarnwick/MovieTicket.png
   share/applications/tarnwick.desktop share/icons/hicolor/scalable/apps/tarnwick.svg
+  # What the Help menu opens.
+  share/doc/tarnwick/README.md share/doc/tarnwick/FAQ.md share/doc/tarnwick/SUPPORT.md
+  share/doc/tarnwick/FEATURES.md
 )
 # The artwork the window asks for by name.
 for image in Aqua-Pause-icon Aqua-Play-icon Aqua-Stop-icon Actions-zoom-out-icon \

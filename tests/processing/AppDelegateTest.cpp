@@ -283,6 +283,7 @@ TEST_F(AppControllerTest, LaunchRepairsTheWorkingStateAndExitRemovesTheTemporary
     scratch.close();
     app->applicationWillTerminate();
     EXPECT_FALSE(QFileInfo::exists(temp));
+    EXPECT_EQ(qgetenv("TMPDIR"), tmpdir) << "temporary files after exit go where they went before";
 
     // Hidden instructions stay hidden; an out-of-date preset set is noticed at launch.
     defaults.setBool(true, key(SettingsKey::HideInstructions));
@@ -332,6 +333,18 @@ TEST_F(AppControllerTest, AMovieTheEncoderCannotStartForFailsAndTheQueueEnds) {
 }
 
 // --- whole runs with the real tools -------------------------------------------------
+
+TEST_F(AppControllerTest, StartedBeforeTheMatchTheQueueTakesTheMovieOnceItIsReady) {
+    QString missing;
+    if (!jobtest::toolsPresent(&missing))
+        GTEST_SKIP() << missing.toStdString() << " is not installed";
+    app->openFiles({scantest::sample(QStringLiteral("The Lighthouse Keeper (2019).mkv"))});
+    ASSERT_NE(statuses(), QList<int>{8});
+    EXPECT_TRUE(app->startProcessing());
+    ASSERT_TRUE(waitQueueEnd());
+    EXPECT_EQ(statuses(), QList<int>{19});
+    expectStopped(app->controls());
+}
 
 TEST_F(AppControllerTest, QueueOfThreeEndsFailedPartialAndDone) {
     QString missing;

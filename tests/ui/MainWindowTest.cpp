@@ -2,7 +2,7 @@
 // through start, pause, resume and stop; sources dropped on the grid,
 // scanned by the encoder tool and converted, with the cells, the progress
 // lines, the information panel and the remove question following them; the
-// library grid filtered by the genre pop-up.
+// library grid grouped under genre headers and filtered by the genre pop-up.
 
 #include "UiTestSupport.h"
 
@@ -198,56 +198,73 @@ TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
         << QDir(m_out.path()).entryList().join(u' ').toStdString();
 }
 
-TEST_F(MainWindowTest, GenrePopUpFiltersTheLibraryGrid) {
-    const QStringList genres = [] {
-        QStringList g;
-        for (const QVariant& v : UserDefaults::standard().arrayForKey(key(SettingsKey::GenreList)))
-            g << v.toString();
-        return g;
-    }();
-    ASSERT_GE(genres.size(), 2);
-    const QString first = genres.at(0);
-    const QString second = genres.at(1);
+TEST_F(MainWindowTest, TheLibraryIsGroupedUnderGenreHeadersAndThePopUpFiltersIt) {
+    // The user's genre list, reversed so its order is not the alphabet's.
+    QVariantList list = UserDefaults::standard().arrayForKey(key(SettingsKey::GenreList));
+    ASSERT_GE(list.size(), 2);
+    std::reverse(list.begin(), list.end());
+    UserDefaults::standard().setObject(list, key(SettingsKey::GenreList));
+    const QString first = list.at(0).toString();
+    const QString second = list.at(1).toString();
+    const QString unlisted = QStringLiteral("Aaa Unlisted");
     QTemporaryDir library;
     using librarytest::MovieTags;
-    ASSERT_FALSE(
-        librarytest::makeMovie(library.filePath("a.m4v"),
-                               MovieTags().setName("Zephyr").setGenre(second).setContentID(1))
-            .isEmpty());
-    librarytest::makeMovie(library.filePath("b.m4v"),
-                           MovieTags().setName("Aurora").setGenre(first).setContentID(2));
-    librarytest::makeMovie(library.filePath("c.m4v"),
-                           MovieTags().setName("Meridian").setGenre(second).setContentID(3));
+    const struct {
+        const char* file;
+        const char* name;
+        QString genre;
+    } movies[] = {{"a.m4v", "Zephyr", second},
+                  {"b.m4v", "Aurora", first},
+                  {"c.m4v", "Meridian", second},
+                  {"d.m4v", "Basalt", unlisted}};
+    int id = 1;
+    for (const auto& m : movies)
+        ASSERT_FALSE(
+            librarytest::makeMovie(library.filePath(QLatin1String(m.file)),
+                                   MovieTags().setName(m.name).setGenre(m.genre).setContentID(id++))
+                .isEmpty());
     launch();
     app->moviesBrowserController()->setMoviesFolder(library.path());
     window->functionAction(AppDelegate::LibraryFunction)->trigger();
     QAbstractItemModel* grid = this->grid(AppDelegate::LibraryFunction);
-    ASSERT_TRUE(waitUntil([&] { return grid->rowCount() == 3; }, 30000));
-    auto column = [grid](int role) {
-        QStringList values;
-        for (int row = 0; row < grid->rowCount(); ++row)
-            values << grid->index(row, 0).data(role).toString();
-        return values;
+    ASSERT_TRUE(waitUntil([&] { return grid->rowCount() == 7; }, 30000));
+    auto rows = [grid] {
+        QStringList shown;
+        for (int row = 0; row < grid->rowCount(); ++row) {
+            const QModelIndex index = grid->index(row, 0);
+            shown << (index.data(BrowserRole::Header).toBool() ? QStringLiteral("# ") : QString()) +
+                         index.data().toString();
+        }
+        return shown;
     };
-    // "All Movies" groups the cells by genre.
-    const QStringList groups = column(BrowserRole::Group);
-    EXPECT_TRUE(std::is_sorted(
-        groups.cbegin(), groups.cend(),
-        [](const QString& a, const QString& b) { return QString::localeAwareCompare(a, b) < 0; }))
-        << groups.join(u',').toStdString();
-    EXPECT_EQ(groups.count(second), 2);
+    // In the genre list's order, genres it lacks last; sort names within.
+    EXPECT_EQ(rows(), (QStringList{"# " + first, "Aurora", "# " + second, "Meridian", "Zephyr",
+                                   "# " + unlisted, "Basalt"}));
+    EXPECT_FALSE(grid->flags(grid->index(0, 0)) & Qt::ItemIsSelectable);
+    EXPECT_TRUE(grid->flags(grid->index(1, 0)) & Qt::ItemIsSelectable);
+    // A header has a line of its own: its genre's first cell starts below it
+    // at the left edge, next to nothing of the previous genre.
+    BrowserView* view = window->view(AppDelegate::LibraryFunction);
+    ASSERT_TRUE(waitUntil([&] { return view->visualRect(grid->index(6, 0)).isValid(); }));
+    const QRect header = view->visualRect(grid->index(2, 0));
+    const QRect aurora = view->visualRect(grid->index(1, 0));
+    const QRect meridian = view->visualRect(grid->index(3, 0));
+    EXPECT_GT(header.top(), aurora.bottom());
+    EXPECT_GT(meridian.top(), header.bottom());
+    EXPECT_EQ(meridian.left(), aurora.left());
+    EXPECT_GT(header.width(), 2 * aurora.width());
 
     QComboBox* popup = window->genrePopup();
     const int index = popup->findText(first);
     ASSERT_GE(index, 0);
     emit popup->activated(index);
-    EXPECT_EQ(column(Qt::DisplayRole), QStringList{QStringLiteral("Aurora")});
+    EXPECT_EQ(rows(), (QStringList{"# " + first, "Aurora"}));
     emit popup->activated(popup->findText(second));
-    EXPECT_EQ(column(Qt::DisplayRole),
-              (QStringList{QStringLiteral("Meridian"), QStringLiteral("Zephyr")}));
+    EXPECT_EQ(rows(), (QStringList{"# " + second, "Meridian", "Zephyr"}));
 
-    window->view(AppDelegate::LibraryFunction)->selectRows({1});
+    view->selectRows({0, 2});
+    EXPECT_EQ(view->selectedRows(), QList<int>{2}) << "headers are not selected";
     EXPECT_EQ(window->infoPanel()->nameText(), QStringLiteral("Zephyr"));
     emit popup->activated(0);
-    EXPECT_EQ(grid->rowCount(), 3);
+    EXPECT_EQ(grid->rowCount(), 7);
 }

@@ -15,7 +15,12 @@
 #include <QAbstractButton>
 #include <QAction>
 #include <QApplication>
+#include <QDialog>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QPointer>
 #include <QTest>
+#include <QThread>
 #include <QTimer>
 
 #include <functional>
@@ -59,6 +64,44 @@ private:
     QTimer m_timer;
 };
 
+// A dialog run modally with nobody to answer it would block the test for
+// good: after a few seconds the watchdog fails the test and closes it.
+class ModalWatchdog {
+public:
+    explicit ModalWatchdog(int limitMs = 8000) {
+        m_timer.setInterval(200);
+        QObject::connect(&m_timer, &QTimer::timeout, [this, limitMs] {
+            // Only a nested loop (exec) blocks; a window-modal editor opened
+            // without one is driven by the test itself.
+            QWidget* modal = QApplication::activeModalWidget();
+            if (!modal || QThread::currentThread()->loopLevel() == 0) {
+                m_seen = nullptr;
+                return;
+            }
+            if (modal != m_seen) {
+                m_seen = modal;
+                m_since.start();
+                return;
+            }
+            if (m_since.elapsed() < limitMs)
+                return;
+            ADD_FAILURE() << "modal " << modal->metaObject()->className() << " \""
+                          << modal->objectName().toStdString() << "\" was left unanswered";
+            m_seen = nullptr;
+            if (auto* dialog = qobject_cast<QDialog*>(modal))
+                dialog->reject();
+            else
+                modal->close();
+        });
+        m_timer.start();
+    }
+
+private:
+    QTimer m_timer;
+    QPointer<QWidget> m_seen;
+    QElapsedTimer m_since;
+};
+
 struct Controls {
     bool start, startMenu, pause, pauseMenu, pauseChecked, stop, stopMenu;
     const char* pauseLabel;
@@ -70,6 +113,9 @@ protected:
     void SetUp() override {
         scantest::server();
         scantest::resetSettings();
+        // Made before the settings reset removed the last run's scratch
+        // folder, the output folder must still be there.
+        ASSERT_TRUE(QFileInfo(m_out.path()).isDir()) << m_out.path().toStdString();
         UserDefaults& defaults = UserDefaults::standard();
         defaults.setObject(defaults.objectForKey(key(SettingsKey::Presets)),
                            key(SettingsKey::PresetsCurrent));
@@ -115,6 +161,7 @@ protected:
         return grid(AppDelegate::EncodeFunction)->index(row, 0).data(BrowserRole::Badge).toInt();
     }
 
+    ModalWatchdog m_watchdog;
     QTemporaryDir m_out;
     std::unique_ptr<AppDelegate> app;
     std::unique_ptr<MainWindow> window;

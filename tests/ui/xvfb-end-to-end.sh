@@ -85,9 +85,9 @@ key() {
   xdotool key --clearmodifiers "$@"
 }
 
-# Stop and Start (Ctrl+. and Ctrl+R) are pressed until the queue takes the
-# movie: a start before the scan and the match are done finds nothing ready
-# and leaves the queue started and idle.
+# Start (Ctrl+R) at once, before the scan and the match are done: the queue
+# takes the movie when it becomes ready.
+key ctrl+r
 shot=""
 movie=""
 deadline=$((SECONDS + 300))
@@ -102,11 +102,7 @@ while ((SECONDS < deadline)); do
   if [[ -n "$movie" ]] && AtomicParsley "$movie" -t 2>/dev/null | grep -q 'The Lighthouse Keeper'; then
     break
   fi
-  if [[ -z "$movie" ]]; then
-    key ctrl+period
-    key ctrl+r
-  fi
-  sleep 2
+  sleep 1
 done
 [[ -n "$movie" ]] || fail "no .m4v was written"
 AtomicParsley "$movie" -t | grep -q 'The Lighthouse Keeper' || fail "$movie is not tagged"
@@ -121,4 +117,40 @@ wait "$APP_PID" || fail "tarnwick exited with status $?"
 APP_PID=""
 left="$(comm -13 <(printf '%s\n' "$scratch_before" | sort) <(ls "$TMPDIR" | sort))"
 [[ -z "$left" ]] || fail "left behind in the scratch area: $left"
-echo "xvfb-end-to-end: $(basename "$movie") tagged; screenshot $shot"
+
+# SIGTERM in the middle of a conversion: the job stops without a question,
+# no half-written movie, no scratch files and no tool outlive the program.
+LONG="$SAMPLE_DIR/long/The Lighthouse Keeper (2019).mkv"
+if [[ ! -s "$LONG" ]]; then
+  mkdir -p "$SAMPLE_DIR/long"
+  ffmpeg -v error -nostdin -y -f lavfi -i "testsrc2=size=640x360:rate=25" \
+    -f lavfi -i "sine=frequency=440:sample_rate=48000" -t 120 \
+    -c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a aac -ac 2 \
+    -metadata:s:a:0 language=eng "$SAMPLE_DIR/long/.making.mkv"
+  mv "$SAMPLE_DIR/long/.making.mkv" "$LONG"
+fi
+OUT2="$WORK/out2"
+mkdir -p "$OUT2"
+"$CLI" settings set "Destination Path Bookmark" "$OUT2" >/dev/null
+"$BUILD/bin/tarnwick" "$LONG" >"$WORK/app2.log" 2>&1 &
+APP_PID=$!
+WINDOW="$(timeout 60 xdotool search --sync --onlyvisible --name '^Tarnwick$' | head -n1)" ||
+  fail "the main window did not appear a second time"
+key ctrl+r
+for _ in $(seq 1200); do
+  [[ -n "$(find "$OUT2" -maxdepth 1 -name '*.m4v' | head -n1)" ]] && break
+  kill -0 "$APP_PID" 2>/dev/null || fail "tarnwick ended before converting"
+  sleep 0.1
+done
+[[ -n "$(find "$OUT2" -maxdepth 1 -name '*.m4v' | head -n1)" ]] || fail "the second conversion did not start"
+kill -TERM "$APP_PID"
+for _ in $(seq 300); do kill -0 "$APP_PID" 2>/dev/null || break; sleep 0.1; done
+if kill -0 "$APP_PID" 2>/dev/null; then fail "tarnwick did not end on SIGTERM"; fi
+wait "$APP_PID" || fail "tarnwick exited with status $? on SIGTERM"
+APP_PID=""
+half="$(find "$OUT2" -mindepth 1 | head -n1)"
+[[ -z "$half" ]] || fail "left behind after SIGTERM: $half"
+left="$(comm -13 <(printf '%s\n' "$scratch_before" | sort) <(ls "$TMPDIR" | sort))"
+[[ -z "$left" ]] || fail "left behind in the scratch area after SIGTERM: $left"
+if pgrep -f "$SAMPLE_DIR/long/" >/dev/null; then fail "a tool outlived tarnwick after SIGTERM"; fi
+echo "xvfb-end-to-end: $(basename "$movie") tagged; screenshot $shot; SIGTERM mid-conversion left nothing"
