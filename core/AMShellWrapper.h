@@ -49,11 +49,13 @@ public:
 //   reading only what is buffered at that moment; it does not wait for
 //   end-of-file on both streams (a helper that inherited the pipes may still
 //   write), which our controllers rely on. With our own descriptors the order
-//   they need (all output, then one finish) holds by construction. No SIGCHLD
-//   handler is installed and only our own pid is ever waited for, so any
-//   number of runners (and QProcess) coexist. A process that sets SIGCHLD to
-//   SIG_IGN or reaps with waitpid(-1) breaks every child API, this one too
-//   (the status then reads -1).
+//   they need (all output, then one finish) holds by construction.
+//   QProcess is the one packaged runner built on Qt's event loop and it does
+//   not give that order; what is left is a few system calls (vfork, pipes,
+//   pidfd), written here. No SIGCHLD handler is installed and only our own
+//   pid is ever waited for, so any number of runners (and QProcess) coexist.
+//   A process that sets SIGCHLD to SIG_IGN or reaps with waitpid(-1) breaks
+//   every child API, this one too (the status then reads -1).
 // - The child dies with the thread that started it (PR_SET_PDEATHSIG with
 //   SIGTERM, set between vfork and exec), so no tool outlives the
 //   application, however that ends (SIGKILL and _Exit included); the tools

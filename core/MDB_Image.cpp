@@ -9,8 +9,9 @@
 #include <QMutex>
 #include <QSet>
 
-#include <array>
 #include <cstring>
+
+#include <zlib.h>
 
 namespace {
 
@@ -24,25 +25,6 @@ quint32 be32(const uchar* p) {
 
 quint16 be16(const uchar* p) {
     return quint16(p[0] << 8 | p[1]);
-}
-
-constexpr std::array<quint32, 256> crcTable() {
-    std::array<quint32, 256> table{};
-    for (quint32 n = 0; n < 256; ++n) {
-        quint32 c = n;
-        for (int k = 0; k < 8; ++k)
-            c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-        table[n] = c;
-    }
-    return table;
-}
-
-quint32 crc32(const uchar* data, qsizetype size) {
-    static constexpr std::array<quint32, 256> table = crcTable();
-    quint32 c = 0xFFFFFFFFu;
-    for (qsizetype i = 0; i < size; ++i)
-        c = table[(c ^ data[i]) & 0xFF] ^ (c >> 8);
-    return c ^ 0xFFFFFFFFu;
 }
 
 bool fail(QString* why, const QString& reason) {
@@ -98,7 +80,7 @@ bool inspectPng(const QByteArray& bytes, QSize* size, QString* why) {
                 return fail(why, QStringLiteral("PNG data holds a chunk without a valid name"));
         }
         const QLatin1StringView name(reinterpret_cast<const char*>(type), 4);
-        if (crc32(type, qsizetype(length) + 4) != be32(type + 4 + length))
+        if (::crc32(0, type, uInt(length) + 4) != be32(type + 4 + length))
             return fail(why, QStringLiteral("PNG chunk %1 has a wrong checksum").arg(name));
         const uchar* body = type + 4;
         if (first) {

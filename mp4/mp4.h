@@ -4,6 +4,12 @@
 // the customary MP4 library names and meanings, on top of the project's own
 // box layer (mp4/Box.h, mp4/Mp4File.h).
 //
+// Written here because no Debian 12 package serves: the usual MP4 tag
+// library is not packaged, libavformat only writes whole new files, and
+// TagLib edits iTunes items but not track languages, names or codec
+// properties, and grows a file by shifting its tail with no way back.
+// Tags here are rewritten in place or appended, with a rollback on failure.
+//
 // Memory: strings and buffers handed out (track names, ES configuration,
 // item lists) are malloc'ed and released with free() or the matching *Free
 // call. Items built by the caller for MP4ItmfAddItem own their strings and

@@ -7,6 +7,7 @@ PACKAGES=(
   build-essential cmake ninja-build pkg-config git clang-format ccache
   qt6-base-dev qt6-httpserver-dev qt6-websockets-dev libqt6opengl6-dev
   libplist-dev libplist++-dev
+  nlohmann-json3-dev zlib1g-dev
   libavformat-dev libavcodec-dev libavutil-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   iso-codes

@@ -8,6 +8,11 @@
 // (block headers, small audio blocks), left unreferenced in the media data;
 // each picture is addressed by its own chunk offset. The converted file's
 // samples are interleaved with them every half second.
+//
+// libavformat cannot do this: its MP4 muxer takes every packet through
+// memory and writes a movie header of its own, so neither file-to-file
+// copies of the pictures nor the converted file's header kept whole fit its
+// API (the demuxing path, Remux.cpp, is built on it).
 
 #include <memory>
 #include <string>

@@ -2,11 +2,11 @@
 # Tarnwick_Pro_Muxer_Demuxer: both land in <build>/bin beside the programs
 # that run them. The first links no libav* library, so it starts at once.
 set(muxer_demuxing_sources ${tool_sources})
-list(FILTER muxer_demuxing_sources INCLUDE REGEX "/(DemuxMain|Remux|Sink|MetadataCopy)\\.(cpp|h)$")
+list(FILTER muxer_demuxing_sources INCLUDE REGEX "/(DemuxMain|Remux|RemuxStreams|Sink|MetadataCopy)\\.(cpp|h)$")
 set(muxer_shared_sources ${tool_sources})
-list(FILTER muxer_shared_sources INCLUDE REGEX "/(Command|FileBoxes|Progress|VideoIndex)\\.(cpp|h)$")
+list(FILTER muxer_shared_sources INCLUDE REGEX "/(Command|FileBoxes|Progress|VideoIndex|MatroskaIndex|MatroskaReader)\\.(cpp|h)$")
 set(muxer_fast_sources ${tool_sources})
-list(FILTER muxer_fast_sources EXCLUDE REGEX "/(DemuxMain|Remux|Sink|MetadataCopy|Command|FileBoxes|Progress|VideoIndex)\\.(cpp|h)$")
+list(FILTER muxer_fast_sources EXCLUDE REGEX "/(DemuxMain|Remux|RemuxStreams|Sink|MetadataCopy|Command|FileBoxes|Progress|VideoIndex|MatroskaIndex|MatroskaReader)\\.(cpp|h)$")
 
 add_library(tarnwick_muxer_shared STATIC ${muxer_shared_sources})
 target_link_libraries(tarnwick_muxer_shared PUBLIC tarnwick_mp4)

@@ -2,124 +2,164 @@
 
 #include "ScanRelay.h"
 
+#include <plist/plist.h>
+
 #include <algorithm>
-#include <utility>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <iconv.h>
+#include <locale.h>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+// Where the installed layout puts the resources, relative to this program's
+// folder; the build passes the configured install folders.
+#ifndef TARNWICK_RELAY_DATADIR
+#define TARNWICK_RELAY_DATADIR "../../share/tarnwick"
+#endif
 
 namespace {
 
-// What each character's compatibility decomposition keeps of printable
-// ASCII (parentheses aside), for the blocks the native names of
-// HandBrakeCLI's language table draw their Latin letters from: "~" keeps
-// nothing, "#" is one of kSeveral. Other characters keep nothing.
-constexpr std::string_view kLatin =
-    " ~~~~~~~ ~a~~~~ ~~23 ~~~ 1o~###~AAAAAA~CEEEEIIII~NOOOOO~~UUUUY~~" // U+00A0
-    "aaaaaa~ceeeeiiii~nooooo~~uuuuy~yAaAaAaCcCcCcCcDd~~EeEeEeEeEeGgGg" // U+00E0
-    "GgGgHh~~IiIiIiIiI~##JjKk~LlLlLlLl~~NnNnNnn~~OoOoOo~~RrRrRrSsSsSs" // U+0120
-    "SsTtTt~~UuUuUuUuUuUuWwYyYZzZzZzs~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~" // U+0160
-    "Oo~~~~~~~~~~~~~Uu~~~~~~~~~~~~~~~~~~~#########AaIiOoUuUuUuUuUu~Aa" // U+01A0
-    "Aa~~~~GgKkOoOo~~j###Gg~~NnAa~~~~AaAaEeEeIiIiOoOoRrRrUuUuSsTt~~Hh" // U+01E0
-    "~~~~~~AaEeOoOoOoOoYy~~~~~~~~~~~~~~~~~~~~~~~~~~~~";                // U+0220
-constexpr std::string_view kLatinAdditional =
-    "AaBbBbBbCcDdDdDdDdDdEeEeEeEeEeFfGgHhHhHhHhHhIiIiKkKkKkLlLlLlLlMm"  // U+1E00
-    "MmMmNnNnNnNnOoOoOoOoPpPpRrRrRrRrSsSsSsSsSsTtTtTtTtUuUuUuUuUuVvVv"  // U+1E40
-    "WwWwWwWwWwXxXxYyZzZzZzhtwyas~~~~AaAaAaAaAaAaAaAaAaAaAaAaEeEeEeEe"  // U+1E80
-    "EeEeEeEeIiIiOoOoOoOoOoOoOoOoOoOoOoOoUuUuUuUuUuUuUuYyYyYyYy~~~~~~"; // U+1EC0
-constexpr std::string_view kPunctuation =
-    "           ~~~~~~~~~~~~ ~~~~~~~~~~~~.##~~~~~~~~ ~~~~~~~~~~~~#~ ~" // U+2000
-    "~~~~~~~###~~~~~~~~~~~~~~~~~~~~~ ~~~~~~~~~~~~~~~~";                // U+2040
+// glibc's transliteration to ASCII. Its tables belong to the LC_CTYPE of
+// the calling thread, and the C locale a program starts in spells hardly
+// any letter, so conversions run under C.UTF-8.
+class Transliteration {
+public:
+    Transliteration()
+        : m_utf8(::newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t(0))),
+          m_cd(::iconv_open("ASCII//TRANSLIT", "UTF-8")) {}
+    Transliteration(const Transliteration&) = delete;
+    Transliteration& operator=(const Transliteration&) = delete;
+    ~Transliteration() {
+        if (m_cd != iconv_t(-1))
+            ::iconv_close(m_cd);
+        if (m_utf8)
+            ::freelocale(m_utf8);
+    }
 
-constexpr std::pair<char32_t, std::string_view> kSeveral[] = {
-    {0x00BC, "14"},  {0x00BD, "12"}, {0x00BE, "34"}, {0x0132, "IJ"}, {0x0133, "ij"}, {0x01C4, "DZ"},
-    {0x01C5, "Dz"},  {0x01C6, "dz"}, {0x01C7, "LJ"}, {0x01C8, "Lj"}, {0x01C9, "lj"}, {0x01CA, "NJ"},
-    {0x01CB, "Nj"},  {0x01CC, "nj"}, {0x01F1, "DZ"}, {0x01F2, "Dz"}, {0x01F3, "dz"}, {0x2025, ".."},
-    {0x2026, "..."}, {0x203C, "!!"}, {0x2047, "??"}, {0x2048, "?!"}, {0x2049, "!?"},
+    // The ASCII spelling of one character (empty for a combining accent);
+    // nothing when it has none.
+    std::optional<std::string> spell(std::string_view character) {
+        if (m_cd == iconv_t(-1) || !m_utf8)
+            return std::nullopt;
+        const locale_t previous = ::uselocale(m_utf8);
+        char out[32];
+        char* in = const_cast<char*>(character.data());
+        std::size_t inLeft = character.size();
+        char* to = out;
+        std::size_t outLeft = sizeof out;
+        ::iconv(m_cd, nullptr, nullptr, nullptr, nullptr);
+        const bool done = ::iconv(m_cd, &in, &inLeft, &to, &outLeft) != std::size_t(-1);
+        ::uselocale(previous);
+        std::string spelt(out, std::size_t(to - out));
+        // A character glibc cannot spell comes out as "?".
+        if (!done || spelt == "?")
+            return std::nullopt;
+        return spelt;
+    }
+
+private:
+    locale_t m_utf8;
+    iconv_t m_cd;
 };
 
-// English names of the ISO 639-2 codes HandBrakeCLI reports (both forms
-// where a language has two), for names written in another script.
-constexpr std::string_view kEnglishNames =
-    "|aar:Afar|abk:Abkhazian|afr:Afrikaans|aka:Akan|alb:Albanian|amh:Amharic|arg:Aragonese"
-    "|arm:Armenian|asm:Assamese|ava:Avaric|ave:Avestan|aym:Aymara|aze:Azerbaijani"
-    "|bak:Bashkir|bam:Bambara|baq:Basque|bel:Belarusian|ben:Bangla|bod:Tibetan|bos:Bosnian"
-    "|bre:Breton|bul:Bulgarian|bur:Burmese|cat:Catalan|ces:Czech|che:Chechen|chi:Chinese"
-    "|chu:Church|chv:Chuvash|cor:Cornish|cos:Corsican|cre:Cree|cym:Welsh|cze:Czech"
-    "|dan:Danish|deu:German|div:Divehi|dut:Dutch|dzo:Dzongkha|ell:Greek|eng:English"
-    "|epo:Esperanto|eus:Basque|ewe:Ewe|fao:Faroese|fas:Persian|fij:Fijian|fin:Finnish"
-    "|fra:French|fre:French|fry:Western Frisian|ful:Fulah|geo:Georgian|ger:German"
-    "|glg:Galician|glv:Manx|gre:Greek|grn:Guarani|guj:Gujarati|hat:Haitian|hau:Hausa"
-    "|heb:Hebrew|hin:Hindi|hmo:Hiri Motu|hrv:Croatian|hun:Hungarian|hye:Armenian|ibo:Igbo"
-    "|ice:Icelandic|ido:Ido|iii:Sichuan Yi|iku:Inuktitut|ina:Interlingua|ind:Indonesian"
-    "|ipk:Inupiaq|isl:Icelandic|ita:Italian|jav:Javanese|jpn:Japanese|kal:Kalaallisut"
-    "|kas:Kashmiri|kat:Georgian|kau:Kanuri|kaz:Kazakh|khm:Khmer|kik:Kikuyu|kin:Kinyarwanda"
-    "|kom:Komi|kon:Kongo|kor:Korean|kua:Kuanyama|kur:Kurdish|lao:Lao|lat:Latin|lav:Latvian"
-    "|lim:Limburgish|lin:Lingala|lit:Lithuanian|ltz:Luxembourgish|lub:Luba Katanga"
-    "|lug:Ganda|mac:Macedonian|mah:Marshallese|mao:Maori|mar:Marathi|may:Malay"
-    "|mkd:Macedonian|mlg:Malagasy|mlt:Maltese|mri:Maori|msa:Malay|mya:Burmese|nau:Nauru"
-    "|nbl:South Ndebele|nde:North Ndebele|ndo:Ndonga|nep:Nepali|nld:Dutch"
-    "|nno:Norwegian Nynorsk|nob:Norwegian Bokmal|oci:Occitan|oji:Ojibwa|ori:Odia|orm:Oromo"
-    "|oss:Ossetic|pan:Punjabi|per:Persian|pli:Pali|pol:Polish|por:Portuguese|roh:Romansh"
-    "|ron:Romanian|rum:Romanian|run:Rundi|rus:Russian|sag:Sango|san:Sanskrit|slk:Slovak"
-    "|slo:Slovak|slv:Slovenian|sme:Northern Sami|smo:Samoan|sna:Shona|snd:Sindhi|som:Somali"
-    "|sot:Southern Sotho|spa:Spanish|sqi:Albanian|srd:Sardinian|srp:Serbian|ssw:Swati"
-    "|sun:Sundanese|swa:Swahili|swe:Swedish|tah:Tahitian|tam:Tamil|tat:Tatar|tel:Telugu"
-    "|tgk:Tajik|tha:Thai|tib:Tibetan|tir:Tigrinya|tsn:Tswana|tso:Tsonga|tuk:Turkmen"
-    "|tur:Turkish|uig:Uyghur|ukr:Ukrainian|urd:Urdu|uzb:Uzbek|ven:Venda|vie:Vietnamese"
-    "|vol:Volapuk|wel:Welsh|wln:Walloon|wol:Wolof|xho:Xhosa|yid:Yiddish|yor:Yoruba"
-    "|zha:Zhuang|zho:Chinese|zul:Zulu|";
-
-std::string_view englishName(std::string_view code) {
-    const std::string key = "|" + std::string(code) + ":";
-    const std::size_t at = kEnglishNames.find(key);
-    if (at == std::string_view::npos)
-        return "Unknown";
-    const std::size_t from = at + key.size();
-    return kEnglishNames.substr(from, kEnglishNames.find('|', from) - from);
+bool keptAscii(char c) {
+    return c >= 0x20 && c < 0x7F && c != '(' && c != ')';
 }
 
-std::string_view foldChar(char32_t c) {
-    const auto lookup = [c](std::string_view table, char32_t first) -> std::string_view {
-        const char32_t offset = c - first;
-        if (c < first || offset >= table.size() || table[offset] == '~')
-            return {};
-        if (table[offset] != '#')
-            return table.substr(offset, 1);
-        for (const auto& [from, to] : kSeveral) {
-            if (from == c)
-                return to;
-        }
-        return {};
-    };
-    if (c < 0x80) {
-        static constexpr char kAscii[] =
-            " !\"#$%&'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRSTUVWXYZ"
-            "[\\]^_`abcdefghijklmnopqrstuvwxyz{|}~";
-        if (c < 0x20 || c == 0x7F || c == '(' || c == ')')
-            return {};
-        return std::string_view(kAscii + (c - 0x20), 1);
+// Well-formed UTF-8 `text` in ASCII letters: accents dropped, ligatures
+// spelled out, parentheses left out. Nothing when a character has no
+// spelling: a name partly in another script reads better as its code's.
+std::optional<std::string> fold(std::string_view text) {
+    static Transliteration transliteration;
+    std::string out;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+        const std::string_view character = text.substr(i, length);
+        i += length;
+        const std::optional<std::string> spelt =
+            length == 1 ? std::string(character) : transliteration.spell(character);
+        if (!spelt)
+            return std::nullopt;
+        std::copy_if(spelt->begin(), spelt->end(), std::back_inserter(out), keptAscii);
     }
-    for (const auto& [table, first] :
-         {std::pair{kLatin, char32_t(0xA0)}, std::pair{kLatinAdditional, char32_t(0x1E00)},
-          std::pair{kPunctuation, char32_t(0x2000)}}) {
-        const std::string_view kept = lookup(table, first);
-        if (!kept.empty())
-            return kept;
+    return out;
+}
+
+std::string ownDirectory() {
+    char buf[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0)
+        return ".";
+    const std::string exe(buf, std::size_t(n));
+    return exe.substr(0, exe.rfind('/'));
+}
+
+bool isFile(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// The project's language table: in the folder TARNWICK_RESOURCES names, the
+// installed resources or the build tree's.
+std::string languageTablePath() {
+    constexpr const char* kName = "/ISO-639.plist";
+    std::vector<std::string> candidates;
+    if (const char* env = std::getenv("TARNWICK_RESOURCES"); env && *env)
+        candidates.push_back(env + std::string(kName));
+    const std::string own = ownDirectory();
+    candidates.push_back(own + "/" TARNWICK_RELAY_DATADIR + kName);
+    candidates.push_back(own + "/../share/tarnwick" + kName);
+    for (const std::string& path : candidates) {
+        if (isFile(path))
+            return path;
     }
     return {};
 }
 
-// The ASCII that the characters of well-formed UTF-8 `text` decompose to.
-std::string fold(std::string_view text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size();) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        const int length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-        char32_t c = length == 1 ? lead : lead & (0x7F >> length);
-        for (int k = 1; k < length && i + std::size_t(k) < text.size(); ++k)
-            c = (c << 6) | (static_cast<unsigned char>(text[i + std::size_t(k)]) & 0x3F);
-        out += foldChar(c);
-        i += std::size_t(length);
+std::string readFile(const std::string& path) {
+    std::string bytes;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return bytes;
+    char buf[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n > 0)
+            bytes.append(buf, std::size_t(n));
+        else if (n == 0 || errno != EINTR)
+            break;
     }
-    return out;
+    ::close(fd);
+    return bytes;
+}
+
+// English name of an ISO 639-2 code (either form), from the table the core
+// uses too; read only when a track's own name is in another script.
+std::string englishName(std::string_view code) {
+    static plist_t table = [] {
+        const std::string bytes = readFile(languageTablePath());
+        plist_t root = nullptr;
+        if (!bytes.empty())
+            plist_from_memory(bytes.data(), uint32_t(bytes.size()), &root);
+        return root;
+    }();
+    const plist_t names = table ? plist_dict_get_item(table, "ISO-639-2") : nullptr;
+    const plist_t name = names ? plist_dict_get_item(names, std::string(code).c_str()) : nullptr;
+    if (!name || plist_get_node_type(name) != PLIST_STRING)
+        return {};
+    uint64_t length = 0;
+    const char* text = plist_get_string_ptr(name, &length);
+    return text ? std::string(text, std::size_t(length)) : std::string();
+}
+
+bool hasLetter(const std::string& text) {
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); });
 }
 
 // Trimmed, with each run of blanks made one.
@@ -135,19 +175,25 @@ std::string simplified(std::string_view text) {
     return out;
 }
 
-} // namespace
-
-std::string reportLanguageName(std::string_view language, std::string_view isoCode) {
-    // Attributes follow the language: "English (Wide Screen) [VOBSUB]".
+// Up to the attributes that follow a language: "English (Wide Screen) [VOBSUB]".
+std::string_view withoutAttributes(std::string_view language) {
     for (std::string_view tail : {" [", " ("}) {
         const std::size_t at = language.find(tail);
         if (at != std::string_view::npos && at > 0)
             language = language.substr(0, at);
     }
-    std::string plain = simplified(fold(language));
-    if (std::none_of(plain.begin(), plain.end(),
-                     [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }))
-        plain = englishName(isoCode);
+    return language;
+}
+
+} // namespace
+
+std::string reportLanguageName(std::string_view language, std::string_view isoCode) {
+    std::string plain = simplified(fold(withoutAttributes(language)).value_or(""));
+    // "Undetermined" is the table's word for no language at all.
+    if (!hasLetter(plain) && isoCode != "und")
+        plain = simplified(fold(withoutAttributes(englishName(isoCode))).value_or(""));
+    if (!hasLetter(plain))
+        plain = "Unknown";
     if (plain[0] >= 'a' && plain[0] <= 'z')
         plain[0] = char(plain[0] - 'a' + 'A');
     return asciiOnly(plain);

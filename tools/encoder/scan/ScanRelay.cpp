@@ -1,5 +1,6 @@
 #include "ScanRelay.h"
 
+#include "JsonView.h"
 #include "ScanReport.h"
 
 #include <cerrno>
@@ -166,7 +167,7 @@ public:
                 m_blockKind = kind;
                 m_block = line.substr(prefix.size() - 1) + '\n';
                 if (line.ends_with('}')) {
-                    if (auto object = json::parse(m_block); object && object->isObject())
+                    if (auto object = parseJson(m_block); object && object->is_object())
                         finishBlock(std::move(*object));
                 }
                 return;
@@ -198,12 +199,12 @@ private:
     }
 
     void finishBlock() {
-        std::optional<json::Value> object = json::parse(m_block);
+        std::optional<nlohmann::json> object = parseJson(m_block);
         // Anything but an object, malformed text included, counts as empty.
-        finishBlock(object && object->isObject() ? std::move(*object) : json::Value());
+        finishBlock(object && object->is_object() ? std::move(*object) : nlohmann::json());
     }
 
-    void finishBlock(json::Value object) {
+    void finishBlock(nlohmann::json object) {
         if (m_blockKind == "JSON Title Set")
             m_outcome.titleSet = std::move(object);
         else if (m_blockKind == "Progress")
@@ -212,10 +213,10 @@ private:
         m_block.clear();
     }
 
-    void progress(const json::Value& state) {
+    void progress(JsonView state) {
         if (state["State"].toString() != "SCANNING")
             return;
-        const json::Value& s = state["Scanning"];
+        const JsonView s = state["Scanning"];
         const std::string line = "Scanning title " + std::to_string(s["Title"].toInt()) + " of " +
                                  std::to_string(s["TitleCount"].toInt()) + ", preview " +
                                  std::to_string(s["Preview"].toInt()) + ", " +

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Json.h"
+#include <nlohmann/json.hpp>
 
 #include <string>
 #include <string_view>
@@ -8,10 +8,10 @@
 
 // What a HandBrakeCLI scan left behind once it has ended.
 struct ScanOutcome {
-    json::Value titleSet;  // the "JSON Title Set" object, null when none came
-    std::string dvdMarker; // libdvdnav's region line, when it printed one
-    int waitStatus = 0;    // as waitpid() gave it
-    bool started = false;  // false when the program could not be run
+    nlohmann::json titleSet; // the "JSON Title Set" object, null when none came
+    std::string dvdMarker;   // libdvdnav's region line, when it printed one
+    int waitStatus = 0;      // as waitpid() gave it
+    bool started = false;    // false when the program could not be run
 };
 
 // Runs `argv` (HandBrakeCLI's path first, then a --json scan's arguments).

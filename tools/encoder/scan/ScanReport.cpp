@@ -1,5 +1,6 @@
 #include "ScanReport.h"
 
+#include "JsonView.h"
 #include "LanguageNames.h"
 #include "ScanRelay.h"
 
@@ -46,26 +47,26 @@ std::string upper(std::string s) {
     return s;
 }
 
-std::string hms(const json::Value& duration) {
+std::string hms(JsonView duration) {
     return fmt("%02d:%02d:%02d", duration["Hours"].toInt(), duration["Minutes"].toInt(),
                duration["Seconds"].toInt());
 }
 
 // Files of any kind can be opened by the text-art demuxers; what they
 // render is not a movie.
-bool isMovie(const json::Value& title) {
+bool isMovie(JsonView title) {
     static const std::string_view textArt[] = {"bintext", "xbin", "idf", "ansi", "tty"};
-    const json::Value& geometry = title["Geometry"];
+    const JsonView geometry = title["Geometry"];
     return std::find(std::begin(textArt), std::end(textArt), title["VideoCodec"].toString()) ==
                std::end(textArt) &&
            geometry["Width"].toInt() > 0 && geometry["Height"].toInt() > 0;
 }
 
-std::vector<const json::Value*> movieTitles(const json::Value& titleSet) {
-    std::vector<const json::Value*> titles;
-    for (const json::Value& v : titleSet["TitleList"].toArray()) {
+std::vector<JsonView> movieTitles(JsonView titleSet) {
+    std::vector<JsonView> titles;
+    for (const nlohmann::json& v : titleSet["TitleList"].toArray()) {
         if (isMovie(v))
-            titles.push_back(&v);
+            titles.push_back(v);
     }
     return titles;
 }
@@ -78,7 +79,7 @@ std::string videoCodec(const std::string& name) {
     return asciiOnly(name);
 }
 
-std::string audioCodec(const json::Value& track) {
+std::string audioCodec(JsonView track) {
     const std::string name = lower(track["CodecName"].toString());
     static const std::pair<std::string_view, const char*> names[] = {
         {"ac3", "AC3"},   {"eac3", "E-AC3"},    {"aac", "AAC"},        {"aac_latm", "AAC"},
@@ -103,7 +104,7 @@ std::string audioCodec(const json::Value& track) {
     return "Unknown";
 }
 
-std::string channels(const json::Value& track) {
+std::string channels(JsonView track) {
     const int count = track["ChannelCount"].toInt();
     const int lfe = track["LFECount"].toInt();
     if (count > 0)
@@ -118,7 +119,7 @@ std::string channels(const json::Value& track) {
     return "0.0 ch";
 }
 
-std::string isoCode(const json::Value& track) {
+std::string isoCode(JsonView track) {
     const std::string code = lower(track["LanguageCode"].toString());
     if (code.size() == 3 &&
         std::all_of(code.begin(), code.end(), [](char c) { return c >= 'a' && c <= 'z'; }))
@@ -126,11 +127,11 @@ std::string isoCode(const json::Value& track) {
     return "und";
 }
 
-std::string languageName(const json::Value& track) {
+std::string languageName(JsonView track) {
     return reportLanguageName(track["Language"].toString(), isoCode(track));
 }
 
-std::string frameRate(const json::Value& rate) {
+std::string frameRate(JsonView rate) {
     const double den = rate["Den"].toDouble();
     const double fps = den > 0 ? rate["Num"].toDouble() / den : 0.0;
     if (std::fabs(fps - std::round(fps)) < 0.0005)
@@ -177,7 +178,7 @@ std::string dvdRegionLine(const std::string& path) {
     return "libdvdnav: DVD disk reports no region information";
 }
 
-std::string titleBlock(const json::Value& title, int mainFeature) {
+std::string titleBlock(JsonView title, int mainFeature) {
     const int type = title["Type"].toInt();
     const int index = title["Index"].toInt();
     std::string out = "+ title " + num(index) + ":\n";
@@ -192,8 +193,8 @@ std::string titleBlock(const json::Value& title, int mainFeature) {
     out += "  + codec: " + videoCodec(title["VideoCodec"].toString()) + '\n';
     out += "  + duration: " + hms(title["Duration"]) + '\n';
 
-    const json::Value& geometry = title["Geometry"];
-    const json::Value& par = geometry["PAR"];
+    const JsonView geometry = title["Geometry"];
+    const JsonView par = geometry["PAR"];
     const int width = geometry["Width"].toInt(), height = geometry["Height"].toInt();
     const int parNum = std::max(1, par["Num"].toInt()), parDen = std::max(1, par["Den"].toInt());
     const double aspect = double(width) * parNum / (double(height) * parDen);
@@ -201,21 +202,22 @@ std::string titleBlock(const json::Value& title, int mainFeature) {
            num(parDen) + ", display aspect: " + fixedPoint(aspect, 2) + ", " +
            frameRate(title["FrameRate"]) + " FPS\n";
 
-    const std::vector<json::Value>& crop = title["Crop"].toArray();
+    const nlohmann::json::array_t& crop = title["Crop"].toArray();
     if (crop.size() == 4)
-        out += "  + autocrop: " + num(crop[0].toInt()) + '/' + num(crop[1].toInt()) + '/' +
-               num(crop[2].toInt()) + '/' + num(crop[3].toInt()) + '\n';
+        out += "  + autocrop: " + num(JsonView(crop[0]).toInt()) + '/' +
+               num(JsonView(crop[1]).toInt()) + '/' + num(JsonView(crop[2]).toInt()) + '/' +
+               num(JsonView(crop[3]).toInt()) + '\n';
 
     out += "  + chapters:\n";
     int chapter = 0;
-    for (const json::Value& c : title["ChapterList"].toArray())
+    for (JsonView c : title["ChapterList"].toArray())
         out += "    + " + num(++chapter) + ": duration " + hms(c["Duration"]) + '\n';
 
     // Both headers always appear: the parser ends a title's audio list at
     // the subtitle header.
     out += "  + audio tracks:\n";
     int position = 0;
-    for (const json::Value& track : title["AudioList"].toArray()) {
+    for (JsonView track : title["AudioList"].toArray()) {
         ++position;
         const int number = track.contains("TrackNumber") ? track["TrackNumber"].toInt() : position;
         out += "    + " + num(number) + ", " + languageName(track) + " (" + audioCodec(track) +
@@ -231,7 +233,7 @@ std::string titleBlock(const json::Value& title, int mainFeature) {
 
     out += "  + subtitle tracks:\n";
     position = 0;
-    for (const json::Value& track : title["SubtitleList"].toArray()) {
+    for (JsonView track : title["SubtitleList"].toArray()) {
         ++position;
         const int number = track.contains("TrackNumber") ? track["TrackNumber"].toInt() : position;
         const char* format = lower(track["Format"].toString()) == "bitmap" ? "Bitmap" : "Text";
@@ -268,31 +270,31 @@ std::string fixedPoint(double value, int decimals) {
     return out;
 }
 
-int reportedTitleCount(const json::Value& titleSet) {
+int reportedTitleCount(const nlohmann::json& titleSet) {
     return int(movieTitles(titleSet).size());
 }
 
-std::string scanReport(const json::Value& titleSet, std::string_view dvdMarker) {
-    const std::vector<const json::Value*> titles = movieTitles(titleSet);
+std::string scanReport(const nlohmann::json& titleSet, std::string_view dvdMarker) {
+    const std::vector<JsonView> titles = movieTitles(titleSet);
     if (titles.empty())
         return "No title found.\nHandBrake has exited.\n";
 
     std::string out;
     bool dvd = false, bluray = false;
-    for (const json::Value* t : titles) {
-        dvd = dvd || (*t)["Type"].toInt() == kDvdTitle;
-        bluray = bluray || (*t)["Type"].toInt() == kBlurayTitle;
+    for (JsonView t : titles) {
+        dvd = dvd || t["Type"].toInt() == kDvdTitle;
+        bluray = bluray || t["Type"].toInt() == kBlurayTitle;
     }
     if (dvd)
-        out += (dvdMarker.empty() ? dvdRegionLine(titles.front()->operator[]("Path").toString())
+        out += (dvdMarker.empty() ? dvdRegionLine(titles.front()["Path"].toString())
                                   : std::string(dvdMarker)) +
                '\n';
     else if (bluray)
         out += "scan: BD has " + num(static_cast<long long>(titles.size())) + " title(s)\n";
 
-    const int mainFeature = titleSet["MainFeature"].toInt();
-    for (const json::Value* t : titles)
-        out += titleBlock(*t, mainFeature);
+    const int mainFeature = JsonView(titleSet)["MainFeature"].toInt();
+    for (JsonView t : titles)
+        out += titleBlock(t, mainFeature);
     out += "HandBrake has exited.\n";
     return out;
 }

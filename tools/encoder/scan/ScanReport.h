@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Json.h"
+#include <nlohmann/json.hpp>
 
 #include <string>
 #include <string_view>
@@ -11,11 +11,11 @@
 // and the closing line. ASCII only.
 //
 // `dvdMarker` is the line libdvdnav printed for a DVD, if any.
-std::string scanReport(const json::Value& titleSet, std::string_view dvdMarker);
+std::string scanReport(const nlohmann::json& titleSet, std::string_view dvdMarker);
 
 // Number of titles the report lists (titles whose video is not a movie,
 // such as a text-art rendering of an arbitrary file, are left out).
-int reportedTitleCount(const json::Value& titleSet);
+int reportedTitleCount(const nlohmann::json& titleSet);
 
 // `value` with `decimals` digits after the point, independent of the C
 // library's locale; a value exactly half-way rounds away from zero, as the

@@ -8,8 +8,8 @@
 // forwarded, and a stop of this process is mirrored onto the scan by a small
 // watcher.
 //
-// Plain C++ with its own JSON reader, like the launcher: loading Qt would add
-// milliseconds to the start of every scan.
+// Plain C++ with a header-only JSON reader, like the launcher: loading Qt
+// would add milliseconds to the start of every scan.
 #include "ScanRelay.h"
 #include "ScanReport.h"
 
