@@ -36,28 +36,21 @@ QString audioSample(const char* name, const QStringList& codec) {
     return ffmpegSample(QString::fromLatin1(name), a);
 }
 
-TEST(AudioChannels, AacLayoutsComeFromTheDecoderConfiguration) {
-    EXPECT_EQ(layouts(audioSample("ch-aac-mono.mp4", {"-c:a", "aac", "-ac", "1"})),
-              QStringList{"1.0"});
-    EXPECT_EQ(layouts(audioSample("ch-aac-stereo.mp4", {"-c:a", "aac", "-ac", "2"})),
-              QStringList{"2.0"});
-    EXPECT_EQ(layouts(audioSample("ch-aac-51.mp4",
-                                  {"-c:a", "aac", "-af", "aformat=channel_layouts=5.1"})),
-              QStringList{"5.1"});
-    // A low sampling frequency sets other bits around the channel configuration.
-    EXPECT_EQ(layouts(audioSample("ch-aac-7350.mp4", {"-c:a", "aac", "-ar", "7350", "-ac", "2"})),
-              QStringList{"2.0"});
-}
-
-TEST(AudioChannels, Ac3AndAlacUseTheirSampleEntries) {
-    EXPECT_EQ(layouts(audioSample("ch-ac3-51.mp4",
-                                  {"-c:a", "ac3", "-af", "aformat=channel_layouts=5.1"})),
-              QStringList{"5.1"});
-    EXPECT_EQ(layouts(audioSample("ch-ac3-stereo.mp4", {"-c:a", "ac3", "-ac", "2"})),
-              QStringList{"2.0"});
-    EXPECT_EQ(layouts(audioSample("ch-ac3-50.mp4",
-                                  {"-c:a", "ac3", "-af", "aformat=channel_layouts=5.0"})),
-              QStringList{"5.0"});
+TEST(AudioChannels, LayoutsComeFromDecoderConfigurationOrSampleEntry) {
+    const struct {
+        const char* name;
+        QStringList codec;
+        const char* layout;
+    } rows[] = {
+        {"ch-aac-mono.mp4", {"-c:a", "aac", "-ac", "1"}, "1.0"},
+        {"ch-aac-51.mp4", {"-c:a", "aac", "-af", "aformat=channel_layouts=5.1"}, "5.1"},
+        // A low sampling frequency sets other bits around the channel configuration.
+        {"ch-aac-7350.mp4", {"-c:a", "aac", "-ar", "7350", "-ac", "2"}, "2.0"},
+        {"ch-ac3-stereo.mp4", {"-c:a", "ac3", "-ac", "2"}, "2.0"},
+        {"ch-ac3-50.mp4", {"-c:a", "ac3", "-af", "aformat=channel_layouts=5.0"}, "5.0"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(layouts(audioSample(row.name, row.codec)), QStringList{row.layout}) << row.name;
     // 5.1 AC-3, stereo AAC and stereo ALAC side by side.
     const QString multi = multiTrackSample();
     ASSERT_FALSE(multi.isEmpty());

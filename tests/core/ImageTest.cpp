@@ -61,34 +61,23 @@ TEST(ImageHeader, PngAndJpegKeepTheirBytesAndGiveTheirPixelSize) {
     };
     const QImage wide = imagetest::gradient(1021, 3);
     const QImage tall = imagetest::gradient(7, 500);
+    const auto png = [](const QImage& image, QImage::Format format) {
+        return imagetest::encoded(image.convertToFormat(format), "PNG");
+    };
+    const auto Png = MDB_Image::Format::Png, Jpeg = MDB_Image::Format::Jpeg;
     const QList<Sample> samples{
-        {"rgb png", imagetest::encoded(wide, "PNG"), MDB_Image::Format::Png, {1021, 3}},
-        {"alpha png",
-         imagetest::encoded(tall.convertToFormat(QImage::Format_ARGB32), "PNG"),
-         MDB_Image::Format::Png,
-         {7, 500}},
-        {"palette png",
-         imagetest::encoded(tall.convertToFormat(QImage::Format_Indexed8), "PNG"),
-         MDB_Image::Format::Png,
-         {7, 500}},
-        {"grey png",
-         imagetest::encoded(wide.convertToFormat(QImage::Format_Grayscale8), "PNG"),
-         MDB_Image::Format::Png,
-         {1021, 3}},
-        {"16-bit png",
-         imagetest::encoded(wide.convertToFormat(QImage::Format_RGBA64), "PNG"),
-         MDB_Image::Format::Png,
-         {1021, 3}},
-        {"1x1 png",
-         imagetest::encoded(imagetest::solid(1, 1, Qt::red), "PNG"),
-         MDB_Image::Format::Png,
-         {1, 1}},
-        {"baseline jpeg", imagetest::encoded(wide, "JPEG", 75), MDB_Image::Format::Jpeg, {1021, 3}},
+        {"rgb png", imagetest::encoded(wide, "PNG"), Png, {1021, 3}},
+        {"alpha png", png(tall, QImage::Format_ARGB32), Png, {7, 500}},
+        {"palette png", png(tall, QImage::Format_Indexed8), Png, {7, 500}},
+        {"grey png", png(wide, QImage::Format_Grayscale8), Png, {1021, 3}},
+        {"16-bit png", png(wide, QImage::Format_RGBA64), Png, {1021, 3}},
+        {"1x1 png", imagetest::encoded(imagetest::solid(1, 1, Qt::red), "PNG"), Png, {1, 1}},
+        {"baseline jpeg", imagetest::encoded(wide, "JPEG", 75), Jpeg, {1021, 3}},
         {"grey jpeg",
          imagetest::encoded(tall.convertToFormat(QImage::Format_Grayscale8), "JPEG"),
-         MDB_Image::Format::Jpeg,
+         Jpeg,
          {7, 500}},
-        {"progressive jpeg", progressiveJpeg(tall), MDB_Image::Format::Jpeg, {7, 500}},
+        {"progressive jpeg", progressiveJpeg(tall), Jpeg, {7, 500}},
     };
     for (const Sample& sample : samples) {
         ASSERT_FALSE(sample.bytes.isEmpty()) << sample.what;

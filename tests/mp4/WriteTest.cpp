@@ -143,27 +143,11 @@ protected:
 
 } // namespace
 
-TEST_F(Mp4Write, MoovAfterMdatIsAppendedAndTheOldOneFreed) {
-    const std::string path = copy(aacSample(), "last.mp4");
-    const QByteArray packets = packetHash(QString::fromStdString(path));
-    const Layout before = layoutOf(path);
-    ASSERT_GT(before.moovOffset, before.mdatOffset);
-    const QByteArray mdat = rangeHash(path, before.mdatOffset, before.mdatSize);
-
-    ASSERT_TRUE(writeTags(path, "First", art(80)));
-    const Layout after = layoutOf(path);
-    EXPECT_EQ(after.moovCount, 1u);
-    EXPECT_EQ(after.mdatOffset, before.mdatOffset);
-    EXPECT_EQ(rangeHash(path, after.mdatOffset, after.mdatSize), mdat);
-    EXPECT_LE(after.fileSize, before.fileSize + after.moovSize) << "grows by at most the new moov";
-    EXPECT_EQ(readTags(path).name, "First");
-    EXPECT_EQ(packetHash(QString::fromStdString(path)), packets);
-    EXPECT_TRUE(ffmpegPlays(QString::fromStdString(path)));
-}
-
 TEST_F(Mp4Write, RepeatedWritesReuseFreedSpaceInsteadOfGrowing) {
     const std::string path = copy(aacSample(), "repeat.mp4");
+    const QByteArray packets = packetHash(QString::fromStdString(path));
     const Layout start = layoutOf(path);
+    ASSERT_GT(start.moovOffset, start.mdatOffset);
     const QByteArray mdat = rangeHash(path, start.mdatOffset, start.mdatSize);
     uint64_t largestMoov = 0;
     for (int i = 0; i < 12; ++i) {
@@ -176,10 +160,12 @@ TEST_F(Mp4Write, RepeatedWritesReuseFreedSpaceInsteadOfGrowing) {
         const Layout l = layoutOf(path);
         largestMoov = std::max(largestMoov, l.moovSize);
         EXPECT_EQ(l.moovCount, 1u);
+        EXPECT_EQ(l.mdatOffset, start.mdatOffset);
         // Old moovs are recycled: the file never holds more than about two of them.
         EXPECT_LE(l.fileSize, start.fileSize + 2 * largestMoov + 16) << "round " << i;
     }
     EXPECT_EQ(rangeHash(path, start.mdatOffset, start.mdatSize), mdat);
+    EXPECT_EQ(packetHash(QString::fromStdString(path)), packets);
     EXPECT_TRUE(ffmpegPlays(QString::fromStdString(path)));
 }
 
@@ -477,112 +463,14 @@ TEST_F(Mp4Write, StoppedAfterEveryStepLeavesOldOrNewTags) {
     EXPECT_GE(stoppedSomewhere, 8) << "most steps must occur in these writes";
 }
 
-// Kills a writer at random moments, over and over, on three layouts; after
-// every kill the file must open, play, and carry exactly the old or the new
-// tags (name and art belong together).
-TEST_F(Mp4Write, KilledWriterLeavesOldOrNewTags) {
-    const QByteArray packets = packetHash(aacSample());
-    struct Variant {
-        const char* label;
-        bool optimize;
-        QString source;
-    };
-    const Variant variants[] = {{"moov-last", false, aacSample()},
-                                {"moov-first-padded", true, aacSample()},
-                                {"moov-first-tight", false, faststartSample()}};
-    int killedMidway = 0, finished = 0, sawOld = 0, sawNew = 0, twoMoovs = 0;
-    for (const auto& v : variants) {
-        const std::string path = copy(v.source, v.label);
-        if (v.optimize)
-            ASSERT_TRUE(MP4Optimize(path.c_str()));
-        // Art sizes vary so the moov moves between in-place and appended.
-        auto artFor = [](int generation) {
-            return art(generation % 2 ? 480 : 150 + 10 * (generation % 5), generation % 7);
-        };
-        int generation = 0;
-        ASSERT_TRUE(writeTags(path, "gen0", artFor(0)));
-        // Writes the next generation in a child that pauses a little at every
-        // step, killing it after `killAfterUs` (never when negative).
-        auto attempt = [&](int next, quint32 seed, qint64 killAfterUs, bool* killed) {
-            const QByteArray picture = artFor(next);
-            const std::string name = "gen" + std::to_string(next);
-            const pid_t child = ::fork();
-            if (child == 0) {
-                unsigned state = seed;
-                setWriteStepHook([&state](const char*) { ::usleep(rand_r(&state) % 2000); });
-                writeTags(path, name, picture);
-                ::_exit(0);
-            }
-            if (child < 0)
-                return;
-            if (killAfterUs >= 0) {
-                ::usleep(useconds_t(killAfterUs));
-                ::kill(child, SIGKILL);
-            }
-            int status = 0;
-            ::waitpid(child, &status, 0);
-            *killed = WIFSIGNALED(status);
-        };
-        // One undisturbed write sets the time scale for the kills.
-        QElapsedTimer clock;
-        clock.start();
-        bool killed = false;
-        attempt(++generation, 1, -1, &killed);
-        ASSERT_EQ(readTags(path).name, "gen" + std::to_string(generation));
-        const qint64 fullWriteUs = std::max<qint64>(clock.nsecsElapsed() / 1000, 1000);
-        for (int round = 0; round < 20; ++round) {
-            const int next = generation + 1;
-            const QByteArray picture = artFor(next);
-            const std::string name = "gen" + std::to_string(next);
-            const quint32 seed = quint32(round * 7919 + next);
-            attempt(next, seed, QRandomGenerator(seed).bounded(fullWriteUs * 5 / 4), &killed);
-
-            const ReadBack r = readTags(path);
-            ASSERT_TRUE(r.opened) << v.label << " round " << round;
-            if (r.name == name) {
-                EXPECT_EQ(r.art, picture) << v.label << " round " << round;
-                generation = next;
-                ++sawNew;
-                if (killed)
-                    ++killedMidway;
-            } else {
-                ASSERT_EQ(r.name, "gen" + std::to_string(generation))
-                    << v.label << " round " << round;
-                EXPECT_EQ(r.art, artFor(generation)) << v.label << " round " << round;
-                ++sawOld;
-            }
-            finished += killed ? 0 : 1;
-            QByteArray errors;
-            ASSERT_TRUE(ffmpegPlays(QString::fromStdString(path), &errors))
-                << v.label << " round " << round << ": " << errors.toStdString();
-            // A kill between the header flips can leave two live moovs; the
-            // next open for modification keeps the one just read and frees
-            // the other, even with nothing to write.
-            twoMoovs += layoutOf(path).moovCount > 1 ? 1 : 0;
-            MP4FileHandle repair = MP4Modify(path.c_str());
-            ASSERT_NE(repair, MP4_INVALID_FILE_HANDLE) << MP4GetLastError();
-            EXPECT_TRUE(MP4Close(repair));
-            EXPECT_EQ(layoutOf(path).moovCount, 1u) << v.label << " round " << round;
-            EXPECT_EQ(readTags(path).name, r.name) << v.label << " round " << round;
-        }
-        EXPECT_EQ(packetHash(QString::fromStdString(path)), packets) << v.label;
-    }
-    // The schedule must really have interrupted writes on both sides of the switch.
-    EXPECT_GT(sawOld, 5);
-    EXPECT_GT(sawNew, 5);
-    RecordProperty("killed_after_switch", killedMidway);
-    RecordProperty("finished", finished);
-    RecordProperty("two_moovs_repaired", twoMoovs);
-}
-
-// Two writers on one file at the same moment, 200 times, with moovs of the
+// Two writers on one file at the same moment, 60 times, with moovs of the
 // same and of different sizes: the second waits for the first, so the file
 // ends with one whole set of tags, plays, and keeps its media.
 TEST_F(Mp4Write, ConcurrentWritersTakeTurns) {
     const std::string path = copy(aacSample(), "both.mp4");
     const QByteArray packets = packetHash(QString::fromStdString(path));
     const QByteArray small = art(40, 1), large = art(160, 2);
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 60; ++round) {
         const QByteArray& artB = round % 2 ? large : small;
         char nameA[8], nameB[8];
         std::snprintf(nameA, sizeof nameA, "A%03d", round);
@@ -603,7 +491,7 @@ TEST_F(Mp4Write, ConcurrentWritersTakeTurns) {
         ASSERT_TRUE(r.name == nameA || r.name == nameB) << "round " << round << ": " << r.name;
         ASSERT_EQ(r.art, r.name == nameA ? small : artB) << "round " << round;
         ASSERT_EQ(layoutOf(path).moovCount, 1u) << "round " << round;
-        if (round % 40 == 39) {
+        if (round % 20 == 19) {
             QByteArray errors;
             ASSERT_TRUE(ffmpegPlays(QString::fromStdString(path), &errors)) << errors.toStdString();
             ASSERT_EQ(packetHash(QString::fromStdString(path)), packets) << "round " << round;

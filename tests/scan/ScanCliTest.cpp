@@ -84,14 +84,8 @@ TEST_F(ScanCliTest, JsonWithSkipTaggingMakesNoRequestAndKeepsTheStoredSetting) {
     EXPECT_TRUE(command.contains(QJsonValue("--input")));
 
     // The option held for that run only.
-    const CliResult settings = [] {
-        QProcess p;
-        p.start(
-            QStringLiteral(TARNWICK_BINARY_DIR "/bin/tarnwick-cli"),
-            {QStringLiteral("settings"), QStringLiteral("get"), QStringLiteral("Skip Tagging")});
-        p.waitForFinished(30000);
-        return CliResult{p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()), {}};
-    }();
+    const CliResult settings = testsupport::runCli(
+        {QStringLiteral("settings"), QStringLiteral("get"), QStringLiteral("Skip Tagging")});
     EXPECT_EQ(settings.out.trimmed(), "NO");
 }
 
@@ -107,18 +101,4 @@ TEST_F(ScanCliTest, ASourceWithoutHitsIsSkippedOrSearchedUnderATypedName) {
     r = runCli({unknown, QStringLiteral("--yes")});
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(r.out.startsWith("Quayside Tugboat Story\n"));
-}
-
-TEST_F(ScanCliTest, BadArgumentsAreReported) {
-    CliResult r = runCli({});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(r.err.contains("no source given"));
-    r = runCli({QStringLiteral("/no/such/movie.mkv")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.err.contains("/no/such/movie.mkv: no such file or folder"));
-    r = runCli({scantest::sample("junk.mkv"), QStringLiteral("--title"), QStringLiteral("x")});
-    EXPECT_EQ(r.status, 2);
-    r = runCli({scantest::sample("junk.mkv"), QStringLiteral("--bogus")});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(r.err.contains("unknown option '--bogus'"));
 }

@@ -108,19 +108,10 @@ protected:
     std::unique_ptr<EncodeBrowserController> browser;
 };
 
-QStringList audioNames(const Title& title) {
+// "index:language" with "+" for an included track, "-" for a left-out one.
+template <typename Tracks> QStringList trackNames(const Tracks& tracks) {
     QStringList names;
-    for (const auto& track : title.audioTracks())
-        names << QStringLiteral("%1:%2%3")
-                     .arg(track->origIndex())
-                     .arg(track->isoName())
-                     .arg(track->include() ? "+" : "-");
-    return names;
-}
-
-QStringList subtitleNames(const Title& title) {
-    QStringList names;
-    for (const auto& track : title.subtitleTracks())
+    for (const auto& track : tracks)
         names << QStringLiteral("%1:%2%3")
                      .arg(track->origIndex())
                      .arg(track->isoName())
@@ -205,8 +196,8 @@ TEST_F(ScanSessionTest, ThreeSourcesAreScannedInTurnAndTwoAreMatched) {
     EXPECT_EQ(keeper.getMainTitle()->codec(), "h264");
     // English (the user's language) moves ahead of the German track that
     // comes first in the file; without "Only Native" every track stays in.
-    EXPECT_EQ(audioNames(*keeper.getMainTitle()), (QStringList{"2:eng+", "1:deu+"}));
-    EXPECT_EQ(subtitleNames(*keeper.getMainTitle()).first(), "2:eng+");
+    EXPECT_EQ(trackNames(keeper.getMainTitle()->audioTracks()), (QStringList{"2:eng+", "1:deu+"}));
+    EXPECT_EQ(trackNames(keeper.getMainTitle()->subtitleTracks()).first(), "2:eng+");
 
     // Merged match: the first hit, its rating translated to the US scale,
     // the genres mapped to the user's genre list, poster from the database.
@@ -257,8 +248,8 @@ TEST_F(ScanSessionTest, GermanSettingsPickGermanTracksAndGermanRating) {
     const auto& keeper = *item(0);
     ASSERT_EQ(keeper.status(), 8);
     // German first, and only German with "Only Native".
-    EXPECT_EQ(audioNames(*keeper.getMainTitle()), (QStringList{"1:deu+", "2:eng-"}));
-    EXPECT_EQ(subtitleNames(*keeper.getMainTitle()).first(), "1:deu+");
+    EXPECT_EQ(trackNames(keeper.getMainTitle()->audioTracks()), (QStringList{"1:deu+", "2:eng-"}));
+    EXPECT_EQ(trackNames(keeper.getMainTitle()->subtitleTracks()).first(), "1:deu+");
     EXPECT_EQ(keeper.getTag(tag(TagName::TMDbID)), "100001");
     EXPECT_EQ(keeper.getTag(tag(TagName::Rating)), "de-movie|Ab 12 Jahren|200|");
     // German genre names are mapped back to English before the genre map.
@@ -270,13 +261,16 @@ TEST_F(ScanSessionTest, GermanSettingsPickGermanTracksAndGermanRating) {
     EXPECT_FALSE(record->backdrop().isNull());
 }
 
-TEST_F(ScanSessionTest, SkipTaggingMatchesNothingAndReachesNoServer) {
+TEST_F(ScanSessionTest, SkipTaggingMatchesNothingAndFiltersFollowTheScansCombing) {
     UserDefaults::standard().setBool(true, tag(SettingsKey::SkipTagging));
     UserDefaults::standard().setBool(true, tag(SettingsKey::Decomb));
+    UserDefaults::standard().setBool(false, tag(SettingsKey::Detelecine));
     UserDefaults::standard().setBool(true, tag(SettingsKey::Deblock));
+    UserDefaults::standard().setBool(true, tag(SettingsKey::PassthruVideo));
     scantest::server().clearRequests();
 
-    browser->loadFiles({sample("Harbour Lights.mp4"), sample("junk.mkv")});
+    browser->loadFiles(
+        {sample("Harbour Lights.mp4"), sample("junk.mkv"), sample("Interlaced.mkv")});
     ASSERT_TRUE(waitSettled());
 
     EXPECT_EQ(scantest::server().requestCount(), 0) << [] {
@@ -298,6 +292,15 @@ TEST_F(ScanSessionTest, SkipTaggingMatchesNothingAndReachesNoServer) {
     EXPECT_FALSE(lights.detelecine());
     EXPECT_TRUE(lights.deblock());
     EXPECT_FALSE(lights.denoise());
+    // A combed title with "Decomb" on is encoded without the decomb filter;
+    // with "Detelecine" off it gets the detelecine filter.
+    const auto& interlaced = *item(2);
+    ASSERT_EQ(interlaced.status(), 8);
+    ASSERT_TRUE(interlaced.getMainTitle()->combing());
+    EXPECT_FALSE(interlaced.decomb());
+    EXPECT_TRUE(interlaced.detelecine());
+    EXPECT_TRUE(interlaced.deblock());
+    EXPECT_TRUE(interlaced.passthruVideo());
 }
 
 TEST_F(ScanSessionTest, StoppedScanWaitsAgainAndScansFromTheStart) {
@@ -399,27 +402,6 @@ TEST_F(ScanSessionTest, SelectionIsPostedWithItemTabAndCount) {
     EXPECT_EQ(posts[0].value("tab").toInt(), 0);
     EXPECT_EQ(posts[0].value("count").toInt(), 2);
     EXPECT_TRUE(posts[1].isEmpty());
-}
-
-TEST_F(ScanSessionTest, FilterSettingsAreExclusiveOrWithTheScansCombing) {
-    UserDefaults::standard().setBool(true, tag(SettingsKey::SkipTagging));
-    UserDefaults::standard().setBool(true, tag(SettingsKey::Decomb));
-    UserDefaults::standard().setBool(false, tag(SettingsKey::Detelecine));
-    UserDefaults::standard().setBool(true, tag(SettingsKey::Denoise));
-    UserDefaults::standard().setBool(true, tag(SettingsKey::PassthruVideo));
-    browser->loadFiles({sample("Interlaced.mkv")});
-    ASSERT_TRUE(waitSettled());
-
-    const auto& interlaced = *item(0);
-    ASSERT_EQ(interlaced.status(), 8);
-    ASSERT_TRUE(interlaced.getMainTitle()->combing());
-    // A combed title with "Decomb" on is encoded without the decomb filter;
-    // with "Detelecine" off it gets the detelecine filter.
-    EXPECT_FALSE(interlaced.decomb());
-    EXPECT_TRUE(interlaced.detelecine());
-    EXPECT_TRUE(interlaced.denoise());
-    EXPECT_FALSE(interlaced.deblock());
-    EXPECT_TRUE(interlaced.passthruVideo());
 }
 
 TEST_F(ScanSessionTest, ARefusedSourceFailsWithTheRefusalMessage) {

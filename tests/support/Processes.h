@@ -27,8 +27,12 @@ struct RunResult {
     QByteArray err;
 };
 
-inline RunResult run(const QString& program, const QStringList& args, int timeoutMs = 120000) {
+// `env`, when not empty, is the child's whole environment.
+inline RunResult run(const QString& program, const QStringList& args, int timeoutMs = 120000,
+                     const QProcessEnvironment& env = {}) {
     QProcess p;
+    if (!env.isEmpty())
+        p.setProcessEnvironment(env);
     p.start(program, args);
     RunResult r;
     if (!p.waitForStarted(10000))
@@ -42,6 +46,11 @@ inline RunResult run(const QString& program, const QStringList& args, int timeou
     r.out = p.readAllStandardOutput();
     r.err = p.readAllStandardError();
     return r;
+}
+
+// Words split at blanks: argument lists written as one string.
+inline QStringList words(const char* text) {
+    return QString::fromUtf8(text).split(u' ', Qt::SkipEmptyParts);
 }
 
 inline bool haveTool(const char* name) {
