@@ -310,6 +310,9 @@ TEST_F(LookupTest, ARefusedKeyOrAnUnknownMovieLeavesEverythingEmpty) {
     queryInto(client, record, "en-US");
     EXPECT_EQ(tagOf(record, TagName::Name), "Kept");
     EXPECT_EQ(tagOf(record, TagName::TMDbID), "999999");
+    // The unknown id is reported, so a pick by id can say what went wrong.
+    EXPECT_TRUE(client.lastError().failed());
+    EXPECT_EQ(client.lastError().httpStatus, 404);
     // Nothing came back from the full document, so the images were not asked for.
     EXPECT_TRUE(requestsTo("/3/movie/999999/images").isEmpty());
 }

@@ -144,4 +144,11 @@ TEST_F(SearchResultsPanelTest, CancelAndTheSameRowChangeNothing) {
     panel.selectRow(1);
     panel.onDoneBtn();
     EXPECT_TRUE(panel.selectionChanged());
+
+    // Back to the first hit after a hand pick of another one is a change too.
+    movie->setSearchIndex(1);
+    panel.withParentWindow(movie, true);
+    panel.selectRow(0);
+    panel.onDoneBtn();
+    EXPECT_TRUE(panel.selectionChanged());
 }
