@@ -12,6 +12,10 @@
 // the encoder wrote (nothing is written over them as if it were matched).
 // Exit status: 0 when every source ended done, 1 otherwise, 2 for bad
 // arguments, 128 + the signal after an interrupt.
+//
+// Kept in one file, longer than most: the options, the progress display, the
+// signal handling and the summary all work on the one EncodeRun below, which
+// no other command uses, so splitting it would only move it into a header.
 #include "cli/BrowserPrompts.h"
 #include "cli/Commands.h"
 #include "cli/Describe.h"
