@@ -29,16 +29,6 @@ const Controls kPaused{false, false, true, true, true, true, true, "Resume", "Aq
 
 } // namespace
 
-TEST(BrowserModelTest, BadgeFollowsTheStatusGroups) {
-    using B = BrowserModel;
-    const B::Badge expected[20] = {B::Error,    B::NoBadge,  B::Added,    B::Scanning, B::Scanning,
-                                   B::Scanning, B::Scanning, B::Scanning, B::NoBadge,  B::Working,
-                                   B::Working,  B::Working,  B::Working,  B::Working,  B::Working,
-                                   B::Working,  B::Working,  B::Working,  B::Error,    B::Done};
-    for (qint32 status = 0; status < 20; ++status)
-        EXPECT_EQ(B::badgeForStatus(status), expected[status]) << "status " << status;
-}
-
 TEST_F(MainWindowTest, ControlsFollowTheQueueAndTheFunction) {
     UserDefaults::standard().setBool(false, key(SettingsKey::HideInstructions));
     DialogAnswer instructions(QStringLiteral("OK"));
