@@ -221,4 +221,24 @@ TEST(CommandLine, EveryJsonRunPrintsOneDocumentOfTheDocumentedShape) {
     EXPECT_TRUE(docs.at(7).value("error").toString().contains("no match"));
 }
 
+// What starts for every run stays small: the command line without the GUI
+// library, the encoder's launcher and scan relay without Qt or a shared C++
+// runtime at all.
+TEST(CommandLine, ProgramsLoadNoLibraryTheyMustNotNeed) {
+    const struct {
+        const char* program;
+        QStringList forbidden;
+    } programs[] = {{"tarnwick-cli", {"libQt6Gui", "libQt6Widgets"}},
+                    {"Tarnwick_Pro_Encoder", {"Qt6", "libstdc++"}},
+                    {"tarnwick-encoder-scan", {"Qt6", "libstdc++"}}};
+    for (const auto& p : programs) {
+        const testsupport::RunResult elf =
+            testsupport::run("readelf", {"-d", TARNWICK_BINARY_DIR "/bin/" + QString(p.program)});
+        ASSERT_TRUE(elf.out.contains("libc.so")) << p.program << elf.out.toStdString();
+        for (const QString& library : p.forbidden)
+            EXPECT_FALSE(elf.out.contains(library.toUtf8()))
+                << p.program << " needs " << library.toStdString();
+    }
+}
+
 } // namespace

@@ -56,7 +56,7 @@ protected:
 
     QString cover(QColor colour) {
         const QString path = m_dir.filePath("cover.png");
-        EXPECT_TRUE(retagtest::solidCover(colour).save(path));
+        EXPECT_TRUE(imagetest::solid(48, 72, colour).save(path));
         return path;
     }
 

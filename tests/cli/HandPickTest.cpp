@@ -33,7 +33,7 @@ protected:
                                      {{tag(TagName::Name), "Quayside Nights"},
                                       {tag(TagName::Genre), "Drama"},
                                       {tag(TagName::Comments), "tagged by hand"}},
-                                     retagtest::solidCover(Qt::red));
+                                     QColor(Qt::red));
     }
 
     QTemporaryDir dir;

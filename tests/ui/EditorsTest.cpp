@@ -190,7 +190,7 @@ TEST_F(EditorsTest, AHandPickInTheRetagResultsPanelIsWrittenIntoTheFileAndCancel
 TEST_F(EditorsTest, ALibraryMovieRenamedWithANewCoverIsSavedToTheFileAndTheCell) {
     const QString movie = librarytest::makeMovie(
         dir.filePath("Movies/zephyr.m4v"),
-        librarytest::MovieTags().setName("Zephyr").setGenre("Drama").setContentID(7));
+        librarytest::MovieTags{.name = "Zephyr", .genre = "Drama", .contentID = 7});
     ASSERT_FALSE(movie.isEmpty());
     QImage cover(120, 180, QImage::Format_RGB32);
     cover.fill(QColor(200, 40, 40));

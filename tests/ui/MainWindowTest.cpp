@@ -111,9 +111,8 @@ TEST_F(MainWindowTest, OutOfDatePresetsAskAtLaunchAndBeforeStart) {
 }
 
 TEST_F(MainWindowTest, DroppedSourcesAreScannedMatchedConvertedAndKeptOnNo) {
-    QString missing;
-    if (!jobtest::toolsPresent(&missing))
-        GTEST_SKIP() << missing.toStdString() << " is not installed";
+    if (const std::string missing = jobtest::missingTool(); !missing.empty())
+        GTEST_SKIP() << missing << " is not installed";
     launch();
     const QString lighthouse = scantest::sample(QStringLiteral("The Lighthouse Keeper (2019).mkv"));
     const QString unknown = scantest::sampleAs(QStringLiteral("Harbour Lights.mp4"),
@@ -209,10 +208,10 @@ TEST_F(MainWindowTest, TheLibraryIsGroupedUnderGenreHeadersAndThePopUpFiltersIt)
                   {"d.m4v", "Basalt", unlisted}};
     int id = 1;
     for (const auto& m : movies)
-        ASSERT_FALSE(
-            librarytest::makeMovie(library.filePath(QLatin1String(m.file)),
-                                   MovieTags().setName(m.name).setGenre(m.genre).setContentID(id++))
-                .isEmpty());
+        ASSERT_FALSE(librarytest::makeMovie(
+                         library.filePath(QLatin1String(m.file)),
+                         MovieTags{.name = m.name, .genre = m.genre, .contentID = uint32_t(id++)})
+                         .isEmpty());
     launch();
     app->moviesBrowserController()->setMoviesFolder(library.path());
     window->functionAction(AppDelegate::LibraryFunction)->trigger();

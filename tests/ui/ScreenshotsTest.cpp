@@ -161,7 +161,7 @@ TEST_F(Screenshots, MainWindowAndDialogs) {
     window->functionAction(AppDelegate::RetagFunction)->trigger();
     const QString tagged = librarytest::makeMovie(
         m_work.filePath(QStringLiteral("retag/The Lighthouse Keeper.m4v")),
-        librarytest::MovieTags().setName(QStringLiteral("The Lighthouse Keeper")));
+        librarytest::MovieTags{.name = QStringLiteral("The Lighthouse Keeper")});
     app->openFiles({tagged});
     RetagBrowserController* retag = app->retagBrowseController();
     ASSERT_TRUE(waitUntil(
@@ -190,10 +190,8 @@ TEST_F(Screenshots, MainWindowAndDialogs) {
         const QString name = QString::fromLatin1(m.name);
         const QString file = librarytest::makeMovie(
             m_work.filePath(QStringLiteral("Movies/") + name + QStringLiteral(".m4v")),
-            librarytest::MovieTags()
-                .setName(name)
-                .setGenre(QString::fromLatin1(m.genre))
-                .setContentID(id++));
+            librarytest::MovieTags{
+                .name = name, .genre = QString::fromLatin1(m.genre), .contentID = uint32_t(id++)});
         ASSERT_TRUE(addArtwork(
             file, makePoster(m_work.filePath(name + QStringLiteral(".png")), name, m.tint)));
     }
