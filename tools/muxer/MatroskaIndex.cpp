@@ -316,7 +316,9 @@ bool describeMatroskaVideo(int fd, VideoTrack* track, std::string* why) {
                 usable = false;
             track->language = language == "und" ? 0x55c4 : packLanguage(language);
             track->sarNum = track->sarDen = 0;
-            if (displayUnit == 0 && displayWidth > 0 && displayHeight > 0 && track->width > 0 &&
+            // Pixels, centimetres, inches or a bare ratio: each gives the
+            // picture's shape (ffmpeg writes the ratio form); 4 is unknown.
+            if (displayUnit <= 3 && displayWidth > 0 && displayHeight > 0 && track->width > 0 &&
                 track->height > 0)
                 reduceRatio(uint64_t(track->height) * displayWidth,
                             uint64_t(track->width) * displayHeight, 255, &track->sarNum,

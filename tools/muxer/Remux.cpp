@@ -182,6 +182,10 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
         o->time_base = s.in->time_base;
         o->avg_frame_rate = s.in->avg_frame_rate;
         o->sample_aspect_ratio = s.in->sample_aspect_ratio;
+        // The container's aspect wins over the stream's, as players show it;
+        // the MP4 muxer refuses the two when they differ.
+        if (o->sample_aspect_ratio.num > 0)
+            o->codecpar->sample_aspect_ratio = o->sample_aspect_ratio;
         o->disposition = s.in->disposition & ~AV_DISPOSITION_ATTACHED_PIC;
         if (const AVDictionaryEntry* lang = av_dict_get(s.in->metadata, "language", nullptr, 0))
             av_dict_set(&o->metadata, "language", lang->value, 0);
@@ -418,6 +422,8 @@ bool remux(const RemuxRequest& request, RemuxResult* result, Progress& progress,
         }
         out->codecpar->codec_tag = tag;
         out->sample_aspect_ratio = probed->sample_aspect_ratio;
+        if (out->sample_aspect_ratio.num > 0)
+            out->codecpar->sample_aspect_ratio = out->sample_aspect_ratio;
         out->avg_frame_rate = probed->avg_frame_rate;
     }
 
