@@ -1,5 +1,6 @@
 #include "core/UserDefaults.h"
 #include "core/PropertyList.h"
+#include "core/Resources.h"
 
 #include <QDir>
 #include <QFile>
@@ -23,42 +24,30 @@ protected:
     QString path;
 };
 
-TEST_F(UserDefaultsTest, UserValuesLieAboveRegisteredDefaults) {
+TEST_F(UserDefaultsTest, UserValuesLieAboveDefaultsAndSurviveARestartWithTheirTypes) {
     auto& d = UserDefaults::standard();
     d.registerDefaults({{"Add iTunes", false}, {"Primary Device", "Default"}});
-    EXPECT_FALSE(d.boolForKey("Add iTunes"));
-    EXPECT_EQ(d.stringForKey("Primary Device"), "Default");
-    EXPECT_FALSE(d.hasUserValue("Add iTunes"));
-
     d.setBool(true, "Add iTunes");
     EXPECT_TRUE(d.boolForKey("Add iTunes"));
     d.removeObject("Add iTunes");
-    EXPECT_FALSE(d.boolForKey("Add iTunes"));
+    EXPECT_FALSE(d.hasUserValue("Add iTunes"));
+    EXPECT_EQ(d.stringForKey("Primary Device"), "Default");
 
-    // Unknown keys read as empty values of each type.
-    EXPECT_FALSE(d.objectForKey("No Such Key").isValid());
-    EXPECT_EQ(d.integerForKey("No Such Key"), 0);
-    EXPECT_TRUE(d.stringForKey("No Such Key").isEmpty());
-}
-
-TEST_F(UserDefaultsTest, TypedValuesSurviveARestart) {
-    auto& d = UserDefaults::standard();
     const QVariantMap nested{{"TV Metadata List", true},
-                             {"Tags", QVariantList{"Name", QVariantMap{{"Cast", false}}}}};
+                             {"Tags", QVariantList{"Amélie — 日本", QVariantMap{{"Cast", 2.5}}}}};
+    const QByteArray bookmark("/home/user/Movies\0x", 19);
     d.setObject(nested, "Metadata List");
-    d.setObject(QVariantList{"Action", "Drama"}, "Genre List");
-    d.setObject(QByteArray("/home/user/Movies\0x", 19), "Destination Path Bookmark");
+    d.setObject(bookmark, "Destination Path Bookmark");
     d.setInteger(-3, "ContentID Source");
-    d.setObject(QStringLiteral("fr-CA"), "Language Region");
     d.setBool(false, "Decomb");
     ASSERT_TRUE(d.synchronize());
 
+    // Another store starts without this one's registrations.
     d.reopen(path);
+    EXPECT_FALSE(d.objectForKey("Primary Device").isValid());
     EXPECT_EQ(d.dictionaryForKey("Metadata List"), nested);
-    EXPECT_EQ(d.arrayForKey("Genre List"), (QVariantList{"Action", "Drama"}));
-    EXPECT_EQ(d.dataForKey("Destination Path Bookmark"), QByteArray("/home/user/Movies\0x", 19));
+    EXPECT_EQ(d.dataForKey("Destination Path Bookmark"), bookmark);
     EXPECT_EQ(d.integerForKey("ContentID Source"), -3);
-    EXPECT_EQ(d.stringForKey("Language Region"), "fr-CA");
     EXPECT_TRUE(d.hasUserValue("Decomb"));
     EXPECT_FALSE(d.boolForKey("Decomb"));
 }
@@ -124,33 +113,29 @@ TEST_F(UserDefaultsTest, CorruptFileFallsBackToDefaultsAndIsKept) {
     EXPECT_FALSE(d.boolForKey("Decomb"));
 }
 
-TEST(PropertyListTest, RoundTripsEveryKind) {
-    const QVariantMap value{{"bool", true},
-                            {"int", qint64(42)},
-                            {"negative", qint64(-7)},
-                            {"real", 2.5},
-                            {"text", QStringLiteral("Amélie — 日本")},
-                            {"data", QByteArray("\x00\x01\xff", 3)},
-                            {"list", QVariantList{1, "two", QVariantMap{{"three", 3}}}}};
-    const QVariant back = PropertyList::fromData(PropertyList::toXml(value));
-    ASSERT_EQ(back.typeId(), QMetaType::QVariantMap);
-    const QVariantMap m = back.toMap();
-    EXPECT_EQ(m["bool"].toBool(), true);
-    EXPECT_EQ(m["int"].toLongLong(), 42);
-    EXPECT_EQ(m["negative"].toLongLong(), -7);
-    EXPECT_DOUBLE_EQ(m["real"].toDouble(), 2.5);
-    EXPECT_EQ(m["text"].toString(), QStringLiteral("Amélie — 日本"));
-    EXPECT_EQ(m["data"].toByteArray(), QByteArray("\x00\x01\xff", 3));
-    EXPECT_EQ(m["list"].toList().at(2).toMap()["three"].toLongLong(), 3);
-}
+// Shipped tables are read through the same reader as the settings.
+TEST(PropertyListTest, TablesAreReadAgainWhenChangedAndRefusedWhenBroken) {
+    QTemporaryDir dir;
+    const QByteArray saved = qgetenv("TARNWICK_RESOURCES");
+    qputenv("TARNWICK_RESOURCES", dir.path().toUtf8());
+    const QString path = dir.filePath(QStringLiteral("Table.plist"));
+    ASSERT_TRUE(PropertyList::writeFile(path, QVariantMap{{"key", "first"}}));
+    EXPECT_EQ(Resources::loadPropertyList("Table.plist").toMap().value("key"), "first");
+    // Rewritten with the same size: the change still shows.
+    ASSERT_TRUE(PropertyList::writeFile(path, QVariantMap{{"key", "other"}}));
+    EXPECT_EQ(Resources::loadPropertyList("Table.plist").toMap().value("key"), "other");
 
-TEST(PropertyListTest, RejectsJunkAndTruncation) {
+    const QByteArray full = PropertyList::toXml(QVariantMap{{"key", 1}});
+    QFile broken(path);
+    ASSERT_TRUE(broken.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    broken.write(full.left(full.size() / 2));
+    broken.close();
+    EXPECT_FALSE(Resources::loadPropertyList("Table.plist").isValid());
+    qputenv("TARNWICK_RESOURCES", saved);
+
     QString error;
     EXPECT_FALSE(PropertyList::fromData("this is not a plist", &error).isValid());
     EXPECT_FALSE(error.isEmpty());
-    EXPECT_FALSE(PropertyList::fromData(QByteArray()).isValid());
-    const QByteArray full = PropertyList::toXml(QVariantMap{{"a", 1}});
-    EXPECT_FALSE(PropertyList::fromData(full.left(full.size() / 2)).isValid());
     EXPECT_FALSE(PropertyList::readFile("/nonexistent/file.plist", &error).isValid());
 }
 
