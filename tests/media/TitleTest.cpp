@@ -1,10 +1,7 @@
 #include "media/Title.h"
 #include "core/SettingsKeys.h"
-#include "core/UserDefaults.h"
 
 #include "MediaTestSupport.h"
-
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -16,185 +13,129 @@ protected:
         SettingsTest::SetUp();
         set(SettingsKey::DefaultNative, false);
     }
+    // Tracks numbered on from the title's last, audio by language, subtitles
+    // as "language type".
+    static void addAudio(Title& title, std::initializer_list<const char*> languages) {
+        for (const char* iso : languages)
+            title.addAudioTrack(audio(QLatin1String(iso), title.numberAudioTracks() + 1));
+    }
+    static void addSubtitles(Title& title, std::initializer_list<const char*> tracks) {
+        for (const char* track : tracks) {
+            const QStringList parts = QString::fromLatin1(track).split(u' ');
+            title.addSubtitleTrack(subtitle(parts[0], title.numberSubtitleTracks() + 1, parts[1]));
+        }
+    }
+    static QList<bool> subtitlesIncluded(const Title& title) {
+        QList<bool> included;
+        for (int i = 0; i < title.numberSubtitleTracks(); ++i)
+            included << title.subtitleTrackIncluded(i);
+        return included;
+    }
 };
 
 TEST_F(TitleTest, NativeTestFollowsTheLanguageRegionAndCodeFamily) {
-    Title title;
-    title.addAudioTrack(audio(QStringLiteral("eng"), 1));
-    title.addAudioTrack(audio(QStringLiteral("fre"), 2));
-    title.addAudioTrack(audio(QStringLiteral("en"), 3, QStringLiteral("iso639-1")));
-    title.addAudioTrack(audio(QStringLiteral("EN"), 4, QStringLiteral("iso639-1")));
     // Unknown codes and code families are never native and never an error.
-    title.addAudioTrack(audio(QStringLiteral("qqq"), 5));
-    title.addAudioTrack(audio(QStringLiteral("eng"), 6, QStringLiteral("other")));
-    const QList<bool> expected{true, false, true, false, false, false};
-    ASSERT_EQ(title.numberAudioTracks(), 6);
-    for (int i = 0; i < 6; ++i)
-        EXPECT_EQ(title.audioTrack(i)->native(), expected[i]) << "track " << i;
-
+    const struct {
+        const char* iso;
+        const char* family;
+        bool native;
+    } cases[] = {{"eng", "iso639-2", true}, {"fre", "iso639-2", false}, {"en", "iso639-1", true},
+                 {"EN", "iso639-1", false}, {"qqq", "iso639-2", false}, {"eng", "other", false}};
+    Title title;
+    for (const auto& c : cases) {
+        const AudioTrack* t =
+            title.addAudioTrack(audio(QLatin1String(c.iso), 1, QLatin1String(c.family)));
+        EXPECT_EQ(t->native(), c.native) << c.iso << " " << c.family;
+    }
     // The setting is read at each call: a French user sees "fre" as native.
     set(SettingsKey::LanguageRegion, QStringLiteral("fr-CA"));
-    title.addAudioTrack(audio(QStringLiteral("fre"), 7));
-    title.addAudioTrack(audio(QStringLiteral("fra"), 8));
-    EXPECT_TRUE(title.audioTrack(6)->native());
-    EXPECT_TRUE(title.audioTrack(7)->native());
+    EXPECT_TRUE(title.addAudioTrack(audio(QStringLiteral("fre"), 7))->native());
     EXPECT_TRUE(title.audioTrack(0)->native()); // decided once, when added
 }
 
 TEST_F(TitleTest, OnlyNativeNeverLeavesATitleWithoutAudio) {
     set(SettingsKey::OnlyNative, true);
     Title single;
-    single.addAudioTrack(audio(QStringLiteral("ger"), 1));
+    addAudio(single, {"ger"});
     EXPECT_FALSE(single.audioTrackIncluded(0));
     single.arrangeAudioTracks();
     EXPECT_TRUE(single.audioTrackIncluded(0));
 
-    set(SettingsKey::DefaultNative, true);
-    Title twoForeign;
-    twoForeign.addAudioTrack(audio(QStringLiteral("ger"), 1));
-    twoForeign.addAudioTrack(audio(QStringLiteral("spa"), 2));
-    twoForeign.arrangeAudioTracks();
-    EXPECT_TRUE(twoForeign.audioTrackIncluded(0));
-    EXPECT_FALSE(twoForeign.audioTrackIncluded(1));
-    EXPECT_EQ(twoForeign.numberIncludedAudioTracks(), 1);
-
-    set(SettingsKey::DefaultNative, false);
     Title untouched;
-    untouched.addAudioTrack(audio(QStringLiteral("ger"), 1));
-    untouched.addAudioTrack(audio(QStringLiteral("spa"), 2));
+    addAudio(untouched, {"ger", "spa"});
     untouched.arrangeAudioTracks();
     EXPECT_EQ(untouched.numberIncludedAudioTracks(), 0);
+
+    set(SettingsKey::DefaultNative, true);
+    Title twoForeign;
+    addAudio(twoForeign, {"ger", "spa"});
+    twoForeign.arrangeAudioTracks();
+    EXPECT_TRUE(twoForeign.audioTrackIncluded(0));
+    EXPECT_EQ(twoForeign.numberIncludedAudioTracks(), 1);
 }
 
-TEST_F(TitleTest, NativeAudioMovesToTheFrontInStableOrder) {
-    set(SettingsKey::DefaultNative, true);
-    Title title;
-    title.addAudioTrack(audio(QStringLiteral("eng"), 1));
-    title.addAudioTrack(audio(QStringLiteral("fre"), 2));
-    title.addAudioTrack(audio(QStringLiteral("eng"), 3));
-    title.arrangeAudioTracks();
-    EXPECT_EQ(audioOrder(title), (QList<qint64>{1, 3, 2}));
-
-    Title mixed;
-    for (const auto& [iso, n] : {std::pair{"spa", 1}, {"eng", 2}, {"ger", 3}, {"eng", 4}})
-        mixed.addAudioTrack(audio(QLatin1String(iso), n));
-    mixed.arrangeAudioTracks();
-    EXPECT_EQ(audioOrder(mixed), (QList<qint64>{2, 4, 1, 3}));
-
-    set(SettingsKey::DefaultNative, false);
+TEST_F(TitleTest, NativeTracksMoveToTheFrontInStableOrder) {
     Title kept;
-    kept.addAudioTrack(audio(QStringLiteral("fre"), 1));
-    kept.addAudioTrack(audio(QStringLiteral("eng"), 2));
+    addAudio(kept, {"fre", "eng"});
     kept.arrangeAudioTracks();
     EXPECT_EQ(audioOrder(kept), (QList<qint64>{1, 2}));
+
+    set(SettingsKey::DefaultNative, true);
+    Title mixed;
+    addAudio(mixed, {"spa", "eng", "ger", "eng"});
+    mixed.arrangeAudioTracks();
+    EXPECT_EQ(audioOrder(mixed), (QList<qint64>{2, 4, 1, 3}));
+    addSubtitles(mixed, {"ger (Text)", "eng (Text)", "spa (Text)", "eng (Bitmap)"});
+    mixed.arrangeSubtitleTracks();
+    EXPECT_EQ(subtitleOrder(mixed), (QList<qint64>{2, 4, 1, 3}));
+
+    // Subtitles are never forced in.
+    set(SettingsKey::OnlyNative, true);
+    Title foreign;
+    addSubtitles(foreign, {"ger (Text)", "spa (Text)"});
+    foreign.arrangeSubtitleTracks();
+    EXPECT_EQ(subtitlesIncluded(foreign), (QList<bool>{false, false}));
 }
 
 TEST_F(TitleTest, SubtitleInclusionRulesApplyInOrder) {
     set(SettingsKey::TextSubtitles, true);
     Title title;
-    title.addSubtitleTrack(subtitle(QStringLiteral("eng"), 1, QStringLiteral("(TEXT)(UTF-8)")));
-    title.addSubtitleTrack(subtitle(QStringLiteral("eng"), 2, QStringLiteral("(Bitmap)(VOBSUB)")));
-    title.addSubtitleTrack(subtitle(QStringLiteral("fre"), 3, QStringLiteral("(Text)(SSA)")));
-    EXPECT_TRUE(title.subtitleTrackIncluded(0));
-    EXPECT_FALSE(title.subtitleTrackIncluded(1));
-    EXPECT_TRUE(title.subtitleTrackIncluded(2));
+    addSubtitles(title, {"eng (TEXT)(UTF-8)", "eng (Bitmap)(VOBSUB)", "fre (Text)(SSA)"});
     EXPECT_EQ(title.subtitleTrackType(0), "Text");
-    EXPECT_EQ(title.subtitleTrackType(1), "Bitmap");
-    EXPECT_EQ(title.subtitleTrackType(2), "Text");
-
     set(SettingsKey::OnlyNative, true);
-    title.addSubtitleTrack(subtitle(QStringLiteral("fre"), 4, QStringLiteral("(Text)(SSA)")));
-    title.addSubtitleTrack(subtitle(QStringLiteral("eng"), 5, QStringLiteral("(Text)(SSA)")));
-    EXPECT_FALSE(title.subtitleTrackIncluded(3));
-    EXPECT_TRUE(title.subtitleTrackIncluded(4));
-
+    addSubtitles(title, {"fre (Text)(SSA)", "eng (Text)(SSA)"});
     set(SettingsKey::NoSubtitles, true);
-    title.addSubtitleTrack(subtitle(QStringLiteral("eng"), 6, QStringLiteral("(Text)(SSA)")));
-    EXPECT_FALSE(title.subtitleTrackIncluded(5));
+    addSubtitles(title, {"eng (Text)(SSA)"});
+    EXPECT_EQ(subtitlesIncluded(title), (QList<bool>{true, false, true, false, true, false}));
     EXPECT_TRUE(title.subtitleTrack(5)->native());
-}
-
-TEST_F(TitleTest, SubtitlesArrangeWithoutForcingAnyTrackIn) {
-    set(SettingsKey::DefaultNative, true);
-    set(SettingsKey::OnlyNative, true);
-    Title foreign;
-    foreign.addSubtitleTrack(subtitle(QStringLiteral("ger"), 1, QStringLiteral("(Text)")));
-    foreign.addSubtitleTrack(subtitle(QStringLiteral("spa"), 2, QStringLiteral("(Text)")));
-    foreign.arrangeSubtitleTracks();
-    EXPECT_EQ(subtitleOrder(foreign), (QList<qint64>{1, 2}));
-    EXPECT_FALSE(foreign.subtitleTrackIncluded(0));
-    EXPECT_FALSE(foreign.subtitleTrackIncluded(1));
-
-    Title mixed;
-    mixed.addSubtitleTrack(subtitle(QStringLiteral("ger"), 1, QStringLiteral("(Text)")));
-    mixed.addSubtitleTrack(subtitle(QStringLiteral("eng"), 2, QStringLiteral("(Text)")));
-    mixed.addSubtitleTrack(subtitle(QStringLiteral("spa"), 3, QStringLiteral("(Text)")));
-    mixed.addSubtitleTrack(subtitle(QStringLiteral("eng"), 4, QStringLiteral("(Bitmap)")));
-    mixed.arrangeSubtitleTracks();
-    EXPECT_EQ(subtitleOrder(mixed), (QList<qint64>{2, 4, 1, 3}));
 }
 
 TEST_F(TitleTest, BurnInIsExclusiveOnlyWhenSet) {
     Title title;
-    for (int i = 1; i <= 3; ++i)
-        title.addSubtitleTrack(subtitle(QStringLiteral("eng"), i, QStringLiteral("(Text)")));
+    addSubtitles(title, {"eng (Text)", "eng (Text)", "eng (Text)", "eng (Text)"});
     title.setSubtitleBurnState(0, true);
     title.setSubtitleBurnState(2, true);
     EXPECT_FALSE(title.subtitleBurnState(0));
-    EXPECT_FALSE(title.subtitleBurnState(1));
     EXPECT_TRUE(title.subtitleBurnState(2));
 
-    // Clearing touches only the named track.
+    // Clearing touches only the named track; a bad index changes nothing.
     title.subtitleTrack(1)->setBurn(true);
     title.setSubtitleBurnState(2, false);
+    title.setSubtitleBurnState(7, true);
     EXPECT_TRUE(title.subtitleBurnState(1));
     EXPECT_FALSE(title.subtitleBurnState(2));
 
-    // A bad index changes nothing, not even the clearing of the others.
-    title.setSubtitleBurnState(7, true);
-    EXPECT_TRUE(title.subtitleBurnState(1));
-}
-
-TEST_F(TitleTest, MovingASubtitleToTheFrontKeepsTheSameObject) {
-    Title title;
-    for (int i = 1; i <= 4; ++i)
-        title.addSubtitleTrack(subtitle(QStringLiteral("eng"), i, QStringLiteral("(Text)")));
     SubtitleTrack* third = title.subtitleTrack(2);
     title.moveSubtitleToFront(third);
     EXPECT_EQ(subtitleOrder(title), (QList<qint64>{3, 1, 2, 4}));
     EXPECT_EQ(title.subtitleTrack(0), third);
-
-    SubtitleTrack stranger;
-    title.moveSubtitleToFront(&stranger);
-    EXPECT_EQ(subtitleOrder(title), (QList<qint64>{3, 1, 2, 4}));
-}
-
-TEST_F(TitleTest, LanguageEditsDifferBetweenAudioAndSubtitles) {
-    Title title;
-    title.addAudioTrack(audio(QStringLiteral("eng"), 1));
-    title.renameAudioTrack(QStringLiteral("Commentary"), 0);
-    title.setAudioLanguage(0, QStringLiteral("German"), QStringLiteral("ger"));
-    EXPECT_EQ(title.audioTrackIsoName(0), "ger");
-    EXPECT_EQ(title.audioTrackName(0), "Commentary");
-
-    title.addSubtitleTrack(subtitle(QStringLiteral("eng"), 1, QStringLiteral("(Text)")));
-    title.setSubtitleLanguage(0, QStringLiteral("German"), QStringLiteral("ger"));
-    EXPECT_EQ(title.subtitleTrackName(0), "German");
-    EXPECT_EQ(title.subtitleTrackIsoName(0), "ger");
-
-    // Out of range: empty answers, no effect.
-    EXPECT_TRUE(title.audioTrackName(2).isEmpty());
-    EXPECT_TRUE(title.subtitleTrackType(-1).isEmpty());
-    title.includeAudioTrack(false, 9);
-    EXPECT_EQ(title.numberIncludedAudioTracks(), 1);
 }
 
 TEST_F(TitleTest, DurationReadsHoursMinutesAndSeconds) {
     Title title;
     const std::pair<const char*, qint32> cases[] = {
-        {"01:39:04", 5944}, {"0:05:00", 300}, {"00:00:59", 59}, {"02:00:00.50", 7200},
-        {"0500", 0},        {"", 0},          {"01:30", 0},     {"01:30:", 0},
-        {"aa:10:00", 0},    {"01:bb:00", 0},
+        {"01:39:04", 5944}, {"0:05:00", 300}, {"02:00:00.50", 7200}, {"0500", 0},
+        {"01:30:", 0},      {"aa:10:00", 0},  {"01:bb:00", 0},
     };
     for (const auto& [text, seconds] : cases) {
         title.setDuration(QLatin1String(text));
