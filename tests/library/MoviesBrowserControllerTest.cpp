@@ -143,7 +143,7 @@ TEST_F(MoviesBrowser, LoadingRunsBesideTheEventLoopAndStopsWithTheBrowser) {
     // Showing the browser queued the load; it has not run on this thread.
     EXPECT_FALSE(browser.movieMap().has_value());
     ASSERT_TRUE(testsupport::waitUntil([&] { return browser.movieMap().has_value(); }, 60000));
-    ASSERT_GE(steps.size(), 3);
+    ASSERT_GT(steps.size(), 10) << "the count did not advance file by file";
     EXPECT_TRUE(std::is_sorted(steps.begin(), steps.end() - 1));
     const auto all =
         std::find_if(steps.begin(), steps.end(), [](auto p) { return p.first == kFiles; });
