@@ -9,9 +9,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QString>
-
-#include <cstdint>
 #include <optional>
 
 namespace librarytest {
@@ -25,47 +22,24 @@ inline QString tinyClip() {
 
 // The tags a test movie carries; unset ones are left out of the file.
 struct MovieTags {
-    MovieTags& setName(const QString& v) {
-        name = v;
-        return *this;
-    }
-    MovieTags& setSortName(const QString& v) {
-        sortName = v;
-        return *this;
-    }
-    MovieTags& setGenre(const QString& v) {
-        genre = v;
-        return *this;
-    }
-    MovieTags& setContentID(uint32_t v) {
-        contentID = v;
-        return *this;
-    }
-    MovieTags& setHDVideo(uint8_t v) {
-        hdVideo = v;
-        return *this;
-    }
-
-    QString name;
-    QString sortName;
-    QString genre;
-    std::optional<uint32_t> contentID;
-    std::optional<uint8_t> hdVideo;
+    QString name{}, sortName{}, genre{};
+    std::optional<uint32_t> contentID{};
+    std::optional<uint8_t> hdVideo{};
 };
 
-// Writes the tags that are set into an existing MP4 file.
 inline bool writeTags(const QString& path, const MovieTags& tags) {
     MP4FileHandle handle = MP4Modify(QFile::encodeName(path).constData());
     if (!handle)
         return false;
     const MP4Tags* t = MP4TagsAlloc();
     MP4TagsFetch(t, handle);
-    if (!tags.name.isEmpty())
-        MP4TagsSetName(t, tags.name.toUtf8().constData());
-    if (!tags.sortName.isEmpty())
-        MP4TagsSetSortName(t, tags.sortName.toUtf8().constData());
-    if (!tags.genre.isEmpty())
-        MP4TagsSetGenre(t, tags.genre.toUtf8().constData());
+    const auto text = [&](const QString& v, bool (*set)(const MP4Tags*, const char*)) {
+        if (!v.isEmpty())
+            set(t, v.toUtf8().constData());
+    };
+    text(tags.name, MP4TagsSetName);
+    text(tags.sortName, MP4TagsSetSortName);
+    text(tags.genre, MP4TagsSetGenre);
     if (tags.contentID)
         MP4TagsSetContentID(t, &*tags.contentID);
     if (tags.hdVideo)
@@ -78,18 +52,12 @@ inline bool writeTags(const QString& path, const MovieTags& tags) {
 
 // A copy of the clip at `path` (folders made as needed) carrying `tags`.
 inline QString makeMovie(const QString& path, const MovieTags& tags) {
-    const QString clip = tinyClip();
-    if (clip.isEmpty())
-        return {};
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile::remove(path);
-    if (!QFile::copy(clip, path)) {
-        ADD_FAILURE() << "cannot copy the clip to " << path.toStdString();
-        return {};
-    }
-    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
-    if (!writeTags(path, tags)) {
-        ADD_FAILURE() << "cannot tag " << path.toStdString();
+    const bool copied = QFile::copy(tinyClip(), path) &&
+                        QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
+    if (!copied || !writeTags(path, tags)) {
+        ADD_FAILURE() << "cannot make " << path.toStdString();
         return {};
     }
     return path;
@@ -99,10 +67,9 @@ inline QString makeMovie(const QString& path, const MovieTags& tags) {
 inline QString makeJunk(const QString& path) {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        return {};
-    file.write("This is a text file that only looks like a movie by its name.\n");
-    return path;
+    return file.open(QIODevice::WriteOnly) && file.write("only a movie by its name\n") > 0
+               ? path
+               : QString();
 }
 
 } // namespace librarytest
