@@ -1,7 +1,4 @@
-#include "core/PropertyList.h"
 #include "metadata/MDB_Certifications.h"
-
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -46,7 +43,6 @@ TEST(CertificationsTranslate, MapsByRankIntoTheTargetScale) {
     } cases[] = {
         // First entry of the target with a rank of at least the source's.
         {"mpaa|PG-13|300|", "GB", false, "uk-movie|12|300|"},
-        {"mpaa|R|400|", "DE", false, "de-movie|Ab 16 Jahren|500|"},
         // Past every ordinary rating: the unrated catch-all rather than the mildest.
         {"uk-movie|R18|600|", "US", false, "mpaa|Unrated|900|"},
         // The same country keeps the code; "mpaa" is not "US".
@@ -64,33 +60,7 @@ TEST(CertificationsTranslate, MapsByRankIntoTheTargetScale) {
         EXPECT_EQ(C::certificationTranslate(c.code, c.country, c.tv),
                   c.expected ? QString(c.expected) : QString())
             << c.code << " -> " << c.country;
-    EXPECT_EQ(C::ratingTranslate("PG-13", "US", "DE", false), "de-movie|Ab 16 Jahren|500|");
     EXPECT_TRUE(C::ratingTranslate("PG", "ZZ", "GB", false).isNull());
-}
-
-// A private table in place of the shipped one, read again on every call.
-TEST(CertificationsCustomTable, NameInsideALongerNameFallbacksAndRereading) {
-    QTemporaryDir dir;
-    const QByteArray saved = qgetenv("TARNWICK_RESOURCES");
-    qputenv("TARNWICK_RESOURCES", dir.path().toUtf8());
-    const auto write = [&](const QVariantMap& table) {
-        ASSERT_TRUE(PropertyList::writeFile(dir.filePath("Certifications.plist"), table));
-    };
-    const auto entry = [](const char* type, const char* rating, const char* rank) {
-        return QVariantMap{{"type", type}, {"rating", rating}, {"rank", rank}};
-    };
-
-    write({{"XX", QVariantList{entry("xx-movie", "G", "100"), entry("xx-movie", "PG-13", "300")}}});
-    EXPECT_EQ(C::countries(), QStringList{"XX"});
-    EXPECT_EQ(C::ratingCode("PG", "XX"), "xx-movie|PG-13|300|");
-    EXPECT_EQ(C::ratingCode("NC-17", "XX"), "xx-movie|G|100|");
-    // Neither the named country nor US in this table.
-    EXPECT_TRUE(C::certification("YY", 0).isNull());
-
-    write({{"XX", QVariantList{}}, {"US", QVariantList{entry("mpaa", "G", "100")}}});
-    EXPECT_EQ(C::certification("QQ", 0), "mpaa|G|100|");
-    EXPECT_TRUE(C::certificationTranslate("uk-movie|15|350|", "XX", false).isNull());
-    qputenv("TARNWICK_RESOURCES", saved);
 }
 
 } // namespace
