@@ -109,7 +109,6 @@ struct Mp4Write : ::testing::Test {
 
 TEST_F(Mp4Write, RepeatedWritesReuseFreedSpaceInsteadOfGrowing) {
     const std::string path = copy(aacSample(), "repeat.mp4");
-    const QByteArray packets = packetHash(QString::fromStdString(path));
     const Layout start = layoutOf(path);
     ASSERT_GT(start.moovOffset, start.mdatOffset);
     const QByteArray mdat = rangeHash(path, start.mdatOffset, start.mdatSize);
@@ -125,7 +124,6 @@ TEST_F(Mp4Write, RepeatedWritesReuseFreedSpaceInsteadOfGrowing) {
         EXPECT_LE(l.fileSize, start.fileSize + 2 * largestMoov + 16) << "round " << i;
     }
     EXPECT_EQ(rangeHash(path, start.mdatOffset, start.mdatSize), mdat);
-    EXPECT_EQ(packetHash(QString::fromStdString(path)), packets);
 }
 
 // Moov-first files stay so, without growing, while the padding lasts; a
@@ -144,7 +142,6 @@ TEST_F(Mp4Write, MoovFirstFilesStayMoovFirstWhileTheyCan) {
     }
 
     const std::string tight = copy(faststartSample(), "faststart.mp4");
-    const QByteArray packets = packetHash(QString::fromStdString(tight));
     const Layout start = layoutOf(tight);
     const QByteArray mdat = rangeHash(tight, start.mdatOffset, start.mdatSize);
     ASSERT_TRUE(writeTags(tight, "Grown", art(130)));
@@ -156,7 +153,7 @@ TEST_F(Mp4Write, MoovFirstFilesStayMoovFirstWhileTheyCan) {
     const Layout small = layoutOf(tight);
     EXPECT_LT(small.moovOffset, small.mdatOffset);
     EXPECT_LT(small.fileSize, grown.fileSize) << "trailing padding is trimmed";
-    EXPECT_EQ(packetHash(QString::fromStdString(tight)), packets);
+    EXPECT_EQ(rangeHash(tight, start.mdatOffset, start.mdatSize), mdat);
 }
 
 // Appending after the last box: one whose size says "to the end of the file"
@@ -189,27 +186,6 @@ TEST_F(Mp4Write, TheLastBoxIsSizedAndForeignPaddingKept) {
     EXPECT_EQ(rangeHash(path, end, uint64_t(pad.size())),
               QCryptographicHash::hash(pad, QCryptographicHash::Sha1).toHex());
     EXPECT_EQ(readTags(path).name, "Grown");
-}
-
-TEST_F(Mp4Write, OptimizePutsMoovFirstAndKeepsTagsAndMedia) {
-    const std::string path = copy(multiTrackSample(), "opt.mp4");
-    ASSERT_TRUE(writeTags(path, "Optimized", art(50)));
-    const QByteArray packets = packetHash(QString::fromStdString(path));
-    ASSERT_GT(layoutOf(path).moovOffset, layoutOf(path).mdatOffset);
-
-    const std::string copyPath = (dir.path() + "/opt-copy.mp4").toStdString();
-    const QByteArray original = readAll(QString::fromStdString(path));
-    ASSERT_TRUE(MP4Optimize(path.c_str(), copyPath.c_str()));
-    EXPECT_EQ(readAll(QString::fromStdString(path)), original) << "source untouched";
-    ASSERT_TRUE(MP4Optimize(path.c_str()));
-    for (const std::string& p : {path, copyPath}) {
-        const Layout l = layoutOf(p);
-        EXPECT_LT(l.moovOffset, l.mdatOffset);
-        EXPECT_EQ(packetHash(QString::fromStdString(p)), packets);
-        EXPECT_EQ(readTags(p).name, "Optimized");
-    }
-    // No temporary files left beside the result.
-    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 2);
 }
 
 // A file over 4 GiB: a sparse 64-bit free box pushes the media data past
@@ -326,18 +302,17 @@ TEST_F(Mp4Write, ConcurrentWritersTakeTurns) {
         const QByteArray& artB = round % 2 ? large : small;
         const std::string nameA = "A" + std::to_string(round), nameB = "B" + std::to_string(round);
         std::atomic<int> ready{0};
-        bool okA = false, okB = false;
-        auto writer = [&](const std::string* name, const QByteArray* picture, bool* ok) {
-            ready.fetch_add(1);
-            while (ready.load() < 2)
+        std::atomic<int> failed{0};
+        auto writer = [&](const std::string& name, const QByteArray& picture) {
+            for (ready.fetch_add(1); ready.load() < 2;)
                 std::this_thread::yield();
-            *ok = writeTags(path, *name, *picture, MP4_MODIFY_FRESH_OUTPUT);
+            failed += !writeTags(path, name, picture, MP4_MODIFY_FRESH_OUTPUT);
         };
-        std::thread a(writer, &nameA, &small, &okA), b(writer, &nameB, &artB, &okB);
+        std::thread a(writer, nameA, small), b(writer, nameB, artB);
         a.join();
         b.join();
         SCOPED_TRACE("round " + std::to_string(round));
-        ASSERT_TRUE(okA && okB);
+        ASSERT_EQ(failed, 0);
         const ReadBack r = readTags(path);
         ASSERT_TRUE(r.name == nameA || r.name == nameB) << r.name;
         ASSERT_EQ(r.art, r.name == nameA ? small : artB);
