@@ -1,6 +1,3 @@
-#include "media/Title.h"
-#include "core/SettingsKeys.h"
-
 #include "MediaTestSupport.h"
 
 #include <gtest/gtest.h>

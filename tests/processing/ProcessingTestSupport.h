@@ -10,9 +10,6 @@
 #include "Processes.h"
 
 #include <QDir>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -52,15 +49,14 @@ inline QString standbyConversion() {
     return clip("standby-80x60.m4v", "testsrc=size=80x60:rate=25", 880);
 }
 
-// The first stream of that type as ffprobe reports it, frames counted.
-inline QJsonObject firstStream(const QString& path, const QString& type) {
-    const Run r =
-        run("ffprobe", {"-v", "error", "-count_frames", "-show_streams", "-of", "json", path});
-    for (const QJsonValue& s : QJsonDocument::fromJson(r.out).object().value("streams").toArray()) {
-        if (s.toObject().value("codec_type").toString() == type)
-            return s.toObject();
-    }
-    return {};
+// The given fields of the selected streams ("v", "a") as ffprobe reports
+// them, frames counted, comma-separated.
+inline QString probe(const QString& path, const QString& streams, const QString& fields) {
+    return QString::fromUtf8(
+               run("ffprobe", {"-v", "error", "-count_frames", "-select_streams", streams,
+                               "-show_entries", "stream=" + fields, "-of", "csv=p=0", path})
+                   .out)
+        .trimmed();
 }
 
 inline std::string missingTool() {
