@@ -1,5 +1,5 @@
-// The tag set and generic items through the public API: every setter
-// survives a write and a fresh read, null removes, artwork, freeform items.
+// The tag set through the public API: every setter survives a write and a
+// fresh read, null removes, artwork, refusals.
 
 #include "Mp4TestMedia.h"
 #include "mp4/mp4.h"

@@ -1,5 +1,5 @@
 // Tracks through the public API: enumeration, languages and names, the
-// esds/dac3/alac properties a channel-layout description needs, sample tables.
+// dac3/alac properties a channel-layout description needs, sample tables.
 
 #include "Mp4TestMedia.h"
 #include "mp4/mp4.h"
