@@ -52,11 +52,11 @@ struct Track {
     bool flag = false;
 };
 
-template <typename T> std::unique_ptr<T> made(const Track& spec) {
+template <typename T> std::unique_ptr<T> made(const Track& row) {
     auto t = std::make_unique<T>();
-    t->setName(QLatin1String(spec.name));
+    t->setName(QLatin1String(row.name));
     t->setIsoType(QStringLiteral("iso639-2"));
-    t->setIsoName(QLatin1String(spec.iso));
+    t->setIsoName(QLatin1String(row.iso));
     return t;
 }
 
@@ -84,16 +84,16 @@ protected:
         auto title = std::make_unique<Title>();
         title->setID(1);
         // Added straight to the lists' owners: the tests decide inclusion.
-        for (const Track& spec : tracks) {
-            if (spec.kind == 'a') {
-                auto t = made<AudioTrack>(spec);
-                t->setDuplicate(spec.flag);
-                title->addAudioTrack(std::move(t))->setInclude(spec.include);
+        for (const Track& row : tracks) {
+            if (row.kind == 'a') {
+                auto t = made<AudioTrack>(row);
+                t->setDuplicate(row.flag);
+                title->addAudioTrack(std::move(t))->setInclude(row.include);
             } else {
-                auto t = made<SubtitleTrack>(spec);
+                auto t = made<SubtitleTrack>(row);
                 t->setType(QStringLiteral("(Text)(SSA)"));
-                t->setBurn(spec.flag);
-                title->addSubtitleTrack(std::move(t))->setInclude(spec.include);
+                t->setBurn(row.flag);
+                title->addSubtitleTrack(std::move(t))->setInclude(row.include);
             }
         }
         auto movie = std::make_unique<MDI_Movie>();
